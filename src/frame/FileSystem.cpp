@@ -1,0 +1,77 @@
+#include "frame/FileSystem.h"
+
+#include <fcntl.h>
+#include <ftw.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "frame/FileDescriptor.h"
+#include "frame/Log.h"
+#include "frame/SystemCall.h"
+
+namespace {
+
+constexpr int kTreeWalkDescriptors = 16;
+constexpr size_t kFirstLineBytes = 511;
+constexpr const char* kWhiteSpace = " \t\n\v\f\r";
+
+int RemoveTreeEntry(const char* path, const struct stat*, int, FTW*) {
+  const int result = remove(path);
+  if (result != 0) Log(std::string("Failed to remove ") + path, kLogWarning);
+  return result;
+}
+
+}  // namespace
+
+int RemoveDirectory(const std::string& path, bool recursive, tLinkPolicy links) {
+  if (recursive) {
+    const int flags = FTW_DEPTH | FTW_MOUNT | (links == tLinkPolicy::kDoNotFollow ? FTW_PHYS : 0);
+    return nftw(path.c_str(), RemoveTreeEntry, kTreeWalkDescriptors, flags);
+  }
+  if (rmdir(path.c_str()) == 0 || errno == ENOENT) return 0;
+  Log("Failed to remove " + path + ": " + strerror(errno), kLogWarning);
+  return -1;
+}
+
+bool IsSameDevice(const std::string& left, const std::string& right) {
+  struct stat leftStatus {};
+  struct stat rightStatus {};
+  if (stat(left.c_str(), &leftStatus) != 0 || stat(right.c_str(), &rightStatus) != 0) return false;
+  return major(leftStatus.st_dev) == major(rightStatus.st_dev) &&
+         minor(leftStatus.st_dev) == minor(rightStatus.st_dev);
+}
+
+time_t GetFileModifiedTime(const std::string& path) {
+  struct stat status {};
+  if (path.empty() || stat(path.c_str(), &status) != 0) return 0;
+  return status.st_mtime;
+}
+
+std::optional<std::string> ReadFile(const std::string& path, size_t maxBytes) {
+  const tFileDescriptor file(RetryInterrupted(
+      [&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
+  if (!file.IsOpen()) return std::nullopt;
+  std::string text;
+  char block[4096];
+  while (text.size() < maxBytes) {
+    const size_t wanted = std::min(sizeof block, maxBytes - text.size());
+    const ssize_t count = RetryInterrupted([&] { return read(file.Get(), block, wanted); });
+    if (count <= 0) break;
+    text.append(block, static_cast<size_t>(count));
+  }
+  return text;
+}
+
+std::string ReadFirstLine(const std::string& path) {
+  std::string line = ReadFile(path, kFirstLineBytes).value_or("");
+  line.resize(std::min(line.find('\n'), line.size()));
+  line.resize(strlen(line.c_str()));
+  const size_t first = line.find_first_not_of(kWhiteSpace);
+  if (first == std::string::npos) return "";
+  return line.substr(first, line.find_last_not_of(kWhiteSpace) - first + 1);
+}

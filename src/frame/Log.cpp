@@ -1,0 +1,76 @@
+#include "frame/Log.h"
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <ctime>
+
+#include "frame/FileDescriptor.h"
+#include "frame/SystemCall.h"
+
+namespace {
+
+struct tLevelNames {
+  const char* prefix;  // always eight characters, the columns of the log file depend on it
+  int priority;
+};
+
+constexpr tLevelNames kLevelNames[] = {
+    {"Error:  ", LOG_ERR},
+    {"Warning:", LOG_WARNING},
+    {"Log:    ", LOG_INFO},
+    {"Debug:  ", LOG_DEBUG},
+};
+
+constexpr size_t kTimeTextBytes = 40;
+
+int gLogLevel = kLogInfo;
+std::string gLogFile;
+
+std::string LocalTimeText() {
+  const time_t now = time(nullptr);
+  tm local{};
+  localtime_r(&now, &local);
+  char text[kTimeTextBytes];
+  return std::string(text, strftime(text, sizeof text, "%X: ", &local));
+}
+
+void AppendToFile(const std::string& line) {
+  const tFileDescriptor file(RetryInterrupted([] {
+    return open(gLogFile.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
+  }));
+  if (!file.IsOpen()) return;
+  size_t written = 0;
+  while (written < line.size()) {
+    const ssize_t count = RetryInterrupted(
+        [&] { return write(file.Get(), line.data() + written, line.size() - written); });
+    if (count <= 0) return;
+    written += static_cast<size_t>(count);
+  }
+}
+
+}  // namespace
+
+void OpenSysLog() {
+  openlog("Voldrake", 0, LOG_DAEMON);
+}
+
+void SetLogLevel(int level) {
+  gLogLevel = level;
+}
+
+void SetLogFile(const std::string& path) {
+  gLogFile = path;
+}
+
+void Log(const std::string& message, int level) {
+  if (level > gLogLevel) return;
+  if (level < kLogError || level > kLogDebug) return;
+  const tLevelNames& names = kLevelNames[level - kLogError];
+  if (gLogFile.empty()) {
+    syslog(names.priority, "%s", message.c_str());
+    return;
+  }
+  AppendToFile(LocalTimeText() + "Voldrake: " + names.prefix + message + "\n");
+}

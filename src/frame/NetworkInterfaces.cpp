@@ -1,0 +1,63 @@
+#include "frame/NetworkInterfaces.h"
+
+#include <net/if.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "frame/FileDescriptor.h"
+
+namespace {
+
+in_addr_t AddressOf(const sockaddr& address) {
+  sockaddr_in internet{};
+  memcpy(&internet, &address, sizeof internet);
+  return internet.sin_addr.s_addr;
+}
+
+tFileDescriptor DatagramSocket() {
+  return tFileDescriptor(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+}
+
+}  // namespace
+
+bool GetInterfaceAddresses(std::vector<in_addr_t>& addresses) {
+  addresses.clear();
+  tFileDescriptor socket = DatagramSocket();
+  if (!socket.IsOpen()) {
+    perror("socket");
+    return false;
+  }
+  ifconf list{};
+  if (ioctl(socket.Get(), SIOCGIFCONF, &list) < 0) {
+    perror("ioctl");
+    return false;
+  }
+  if (list.ifc_len == 0) {
+    // Stays open on this path, as callers have always known it: without any address nothing can be
+    // received, so the path is not taken over and over.
+    socket.Release();
+    return false;
+  }
+  std::vector<ifreq> records(static_cast<size_t>(list.ifc_len) / sizeof(ifreq));
+  list.ifc_req = records.data();
+  if (ioctl(socket.Get(), SIOCGIFCONF, &list) < 0) {
+    perror("ioctl2");
+    return false;
+  }
+  records.resize(static_cast<size_t>(list.ifc_len) / sizeof(ifreq));
+  for (const ifreq& record : records) addresses.push_back(AddressOf(record.ifr_addr));
+  return true;
+}
+
+bool GetInterfaceAddress(const std::string& name, in_addr_t& address) {
+  const tFileDescriptor socket = DatagramSocket();
+  if (!socket.IsOpen()) return false;
+  ifreq request{};
+  request.ifr_addr.sa_family = AF_INET;
+  name.copy(request.ifr_name, IFNAMSIZ - 1);
+  address = ioctl(socket.Get(), SIOCGIFADDR, &request) == 0 ? AddressOf(request.ifr_addr) : 0;
+  return true;
+}

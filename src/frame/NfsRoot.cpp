@@ -1,0 +1,8 @@
+#include "frame/NfsRoot.h"
+
+#include "frame/Settings.h"
+
+std::string MapNfsRootPath(const std::string& path) {
+  if (gNfsRoot.empty() || !path.starts_with(gNfsRoot)) return path;
+  return "/mnt/" + path.substr(gNfsRoot.size());
+}

@@ -1,0 +1,107 @@
+// Builds the daemon's objects in order, runs the main loop and tears down. After start-up
+// everything here runs on the main thread; SIGUSR1 and SIGUSR2 are ignored until their sources
+// stand, SIGTERM and SIGHUP keep their default action until then.
+
+#include <glib-unix.h>
+#include <glib.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "frame/CommandLine.h"
+#include "frame/ConfigManager.h"
+#include "frame/FileWait.h"
+#include "frame/Log.h"
+#include "frame/Platform.h"
+#include "frame/Settings.h"
+#include "storage/tHalManager.h"
+#include "volumes/tVoldrake.h"
+
+namespace {
+
+struct tMainLoopRelease {
+  void operator()(GMainLoop* loop) const { g_main_loop_unref(loop); }
+};
+
+std::unique_ptr<GMainLoop, tMainLoopRelease> gMainLoop;
+std::unique_ptr<ConfigManager> gConfigManager;
+std::unique_ptr<tVoldrake> gVoldrake;
+
+void LogVersion() {
+  Log("Version - 1.10 Client port - " + std::to_string(gClientPort), kLogInfo);
+}
+
+gboolean HandleSigTerm(gpointer) {
+  Log("Handling SIGTERM", kLogInfo);
+  g_main_loop_quit(gMainLoop.get());
+  return TRUE;
+}
+
+gboolean HandleSigHup(gpointer) {
+  Log("Starting new log file", kLogInfo);
+  LogVersion();
+  return TRUE;
+}
+
+void ApplySettings(const CommandLine& line) {
+  gClientPort = line.clientPort;
+  gVfatMountOpts = line.vfatMountOpts;
+  gNfsRoot = line.nfsRoot;
+  SetLogFile(line.logFile);
+  if (line.logLevel) SetLogLevel(*line.logLevel);
+}
+
+void StartUp(const CommandLine& line, int mmcHostIndex, const std::string& platformFamily) {
+  gMainLoop.reset(g_main_loop_new(nullptr, FALSE));
+  gConfigManager = std::make_unique<ConfigManager>();
+  tHalManager* const halManager = tHalManager::getInstance();
+  halManager->initHal();
+  gVoldrake = std::make_unique<tVoldrake>(halManager, gConfigManager.get(), gClientPort,
+                                          line.internalSharePath, line.peerMac, line.contentIdFile,
+                                          line.serialNumberFile, platformFamily, mmcHostIndex);
+  halManager->InstallCallback(gVoldrake.get());
+  g_unix_signal_add(SIGTERM, HandleSigTerm, gVoldrake.get());
+  g_unix_signal_add(SIGHUP, HandleSigHup, gVoldrake.get());
+}
+
+void ShutDown() {
+  Log("Exiting", kLogInfo);
+  tHalManager::getInstance()->freeHal();
+  gConfigManager.reset();
+  gVoldrake.reset();
+  gMainLoop.reset();
+}
+
+}  // namespace
+
+int main(int argc, char* argv[]) {
+  signal(SIGUSR1, SIG_IGN);
+  signal(SIGUSR2, SIG_IGN);
+  OpenSysLog();
+  SetLogLevel(kLogInfo);
+
+  std::string error;
+  const std::optional<CommandLine> line = ParseCommandLine(argc, argv, error);
+  if (!line) {
+    std::fprintf(stderr, "%s\n", error.c_str());
+    return EXIT_FAILURE;
+  }
+  ApplySettings(*line);
+  const int mmcHostIndex = MmcHostIndex(kMmcHostDirectory);
+  const std::string platformFamily = PlatformFamily(kPlatformFamilyFile);
+
+  if (line->daemonise && daemon(0, 0) != 0) return EXIT_FAILURE;
+  Log("Voldrake startup", kLogInfo);
+  LogVersion();
+  if (line->fileTimeoutSeconds > 0) {
+    WaitForFiles(line->filesToWaitFor, std::chrono::seconds(line->fileTimeoutSeconds));
+  }
+
+  StartUp(*line, mmcHostIndex, platformFamily);
+  g_main_loop_run(gMainLoop.get());
+  ShutDown();
+  return EXIT_SUCCESS;
+}

@@ -1,0 +1,192 @@
+// The calls that tHalManager makes to the hardware service.
+
+#include "frame/Log.h"
+#include "frame/Settings.h"
+#include "frame/Text.h"
+#include "storage/HalNames.h"
+#include "storage/tHalManager.h"
+
+namespace {
+
+/// Every real chain of devices is far shorter; only a chain that runs in a circle is not.
+constexpr int kMaxAncestors = 32;
+
+/// Appends a text. False when it is not UTF-8, which the bus does not carry and the bus library
+/// would abort over.
+bool AppendText(DBusMessageIter* arguments, const std::string& text) {
+  const char* bytes = text.c_str();
+  return dbus_validate_utf8(bytes, nullptr) &&
+         dbus_message_iter_append_basic(arguments, DBUS_TYPE_STRING, &bytes);
+}
+
+bool AppendTextList(DBusMessageIter* arguments, const std::vector<std::string>& texts) {
+  DBusMessageIter list;
+  if (!dbus_message_iter_open_container(arguments, DBUS_TYPE_ARRAY, DBUS_TYPE_STRING_AS_STRING,
+                                        &list)) {
+    return false;
+  }
+  for (const std::string& text : texts) {
+    if (!AppendText(&list, text)) {
+      dbus_message_iter_abandon_container(arguments, &list);
+      return false;
+    }
+  }
+  return dbus_message_iter_close_container(arguments, &list);
+}
+
+std::string LogText(const char* operation, const char* event) {
+  return std::string("HAL: ") + operation + " - " + event;
+}
+
+}  // namespace
+
+tDBusMessage tHalManager::_NewCall(const char* path, const char* interface, const char* method) {
+  if (!dbus_validate_path(path, nullptr)) return nullptr;
+  return tDBusMessage(dbus_message_new_method_call(kHalService, path, interface, method));
+}
+
+tDBusMessage tHalManager::_CallHal(DBusMessage* call, const char* operation) {
+  tDBusError error;
+  tDBusMessage reply(dbus_connection_send_with_reply_and_block(
+      m_pConnection, call, DBUS_TIMEOUT_USE_DEFAULT, error.Get()));
+  if (_CheckDBusError(error)) return nullptr;
+  if (!reply) {
+    Log(LogText(operation, "reply message NULL"), kLogWarning);
+    return nullptr;
+  }
+  if (const char* sender = dbus_message_get_sender(reply.get())) m_HalOwner = sender;
+  return reply;
+}
+
+tDBusMessage tHalManager::_QueryProperty(const char* udi, const char* key, const char* method,
+                                         int type, const char* operation, void* value) {
+  if (m_pConnection == nullptr) {
+    Log("HAL: Connection - closed", kLogWarning);
+    return nullptr;
+  }
+  const tDBusMessage call = _NewCall(udi, kHalDeviceInterface, method);
+  if (!call || !dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &key, DBUS_TYPE_INVALID)) {
+    Log(LogText(operation, "could not create DBus message"), kLogWarning);
+    return nullptr;
+  }
+  tDBusMessage reply = _CallHal(call.get(), operation);
+  if (!reply) return nullptr;
+  DBusMessageIter result;
+  if (!dbus_message_iter_init(reply.get(), &result) ||
+      dbus_message_iter_get_arg_type(&result) != type) {
+    Log(LogText(operation, "invalid message type"), kLogWarning);
+    return nullptr;
+  }
+  dbus_message_iter_get_basic(&result, value);
+  return reply;
+}
+
+int32_t tHalManager::propertyInt(const char* udi, const char* key, bool& ok) {
+  dbus_int32_t value = 0;
+  ok = _QueryProperty(udi, key, "GetPropertyInteger", DBUS_TYPE_INT32, "propertyInt()", &value) !=
+       nullptr;
+  return value;
+}
+
+bool tHalManager::propertyBool(const char* udi, const char* key, bool& ok) {
+  dbus_bool_t value = FALSE;
+  ok = _QueryProperty(udi, key, "GetPropertyBoolean", DBUS_TYPE_BOOLEAN, "propertyBool()",
+                      &value) != nullptr;
+  return value;
+}
+
+std::string tHalManager::propertyString(const char* udi, const char* key, bool& ok) {
+  const char* value = nullptr;
+  const tDBusMessage reply =
+      _QueryProperty(udi, key, "GetPropertyString", DBUS_TYPE_STRING, "propertyString()", &value);
+  ok = reply != nullptr;
+  return value != nullptr ? value : "";
+}
+
+int32_t tHalManager::propertyIntInherited(const char* udi, const char* key, bool& ok) {
+  std::string device = udi;
+  for (int ancestor = 0; ancestor <= kMaxAncestors; ++ancestor) {
+    const int32_t value = propertyInt(device.c_str(), key, ok);
+    if (ok) return value;
+    device = propertyString(device.c_str(), "info.parent", ok);
+    if (!ok) return 0;
+  }
+  Log(std::string("HAL: propertyIntInherited() - too many ancestors of ") + udi, kLogError);
+  ok = false;
+  return 0;
+}
+
+std::vector<std::string> tHalManager::findDeviceByCapability(const char* capability) {
+  std::vector<std::string> devices;
+  if (m_pConnection == nullptr) {
+    Log("HAL: Connection - closed", kLogWarning);
+    return devices;
+  }
+  const char* operation = "findDeviceByCapability()";
+  const tDBusMessage call =
+      _NewCall(kHalManagerPath, kHalManagerInterface, "FindDeviceByCapability");
+  if (!call ||
+      !dbus_message_append_args(call.get(), DBUS_TYPE_STRING, &capability, DBUS_TYPE_INVALID)) {
+    Log(LogText(operation, "could not create DBus message"), kLogWarning);
+    return devices;
+  }
+  const tDBusMessage reply = _CallHal(call.get(), operation);
+  if (!reply) return devices;
+  DBusMessageIter result;
+  if (!dbus_message_iter_init(reply.get(), &result) ||
+      dbus_message_iter_get_arg_type(&result) != DBUS_TYPE_ARRAY) {
+    Log(LogText(operation, "invalid message type"), kLogWarning);
+    return devices;
+  }
+  DBusMessageIter element;
+  dbus_message_iter_recurse(&result, &element);
+  for (; dbus_message_iter_get_arg_type(&element) == DBUS_TYPE_STRING;
+       dbus_message_iter_next(&element)) {
+    const char* udi = nullptr;
+    dbus_message_iter_get_basic(&element, &udi);
+    devices.emplace_back(udi);
+    Log(Printable(udi), kLogDebug);
+  }
+  return devices;
+}
+
+bool tHalManager::mountVolume(const char* udi, const std::string& mountPoint,
+                              const std::string& fsType) {
+  std::vector<std::string> options;
+  if (fsType.starts_with("vfat") && gVfatMountOpts != nullptr) {
+    options.emplace_back(gVfatMountOpts);
+    Log(options.front(), kLogDebug);
+  }
+  return _Mount(udi, mountPoint, fsType, options);
+}
+
+bool tHalManager::remountVolume(const char* udi, const std::string& mountPoint,
+                                const std::string& fsType, bool readWrite) {
+  return _Mount(udi, mountPoint, fsType, {"remount", readWrite ? "rw" : "ro"});
+}
+
+bool tHalManager::_Mount(const char* udi, const std::string& mountPoint, const std::string& fsType,
+                         const std::vector<std::string>& options) {
+  if (m_pConnection == nullptr) {
+    Log("HAL: Connection - closed", kLogWarning);
+    return false;
+  }
+  const char* operation = "mountVolume()";
+  const tDBusMessage call = _NewCall(udi, kHalVolumeInterface, "Mount");
+  if (!call) {
+    Log(LogText(operation, "could not create DBus message"), kLogWarning);
+    return false;
+  }
+  DBusMessageIter arguments;
+  dbus_message_iter_init_append(call.get(), &arguments);
+  if (!AppendText(&arguments, mountPoint) || !AppendText(&arguments, fsType) ||
+      !AppendTextList(&arguments, options)) {
+    Log(LogText(operation, "could not append arguments"), kLogWarning);
+    return false;
+  }
+  return _CallHal(call.get(), operation) != nullptr;
+}
+
+bool tHalManager::isVolumeUdi(const std::string& udi) const {
+  return udi.find(kHalVolumePrefix) != std::string::npos;
+}

@@ -1,0 +1,109 @@
+// How tHalManager gathers the record of a volume: a fixed sequence of property queries up the chain
+// of devices, from the volume over its disk and controller to the host.
+
+#include "frame/Log.h"
+#include "frame/Text.h"
+#include "storage/CardReaderTree.h"
+#include "storage/HalNames.h"
+#include "storage/HalVolumeInfo.h"
+#include "storage/UsbHub.h"
+#include "storage/tHalManager.h"
+
+namespace {
+
+bool Contains(const std::string& text, const char* part) {
+  return text.find(part) != std::string::npos;
+}
+
+}  // namespace
+
+bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
+  bool ok = false;
+  const char* volume = info.VolumeId.c_str();
+
+  info.StorageDeviceId = propertyString(volume, "info.parent", ok);
+  if (!ok) return false;
+  if (info.StorageDeviceId == kHalUnknownDisk) _RebuildUnknownDisk(info.StorageDeviceId);
+  info.ControllerId = propertyString(info.StorageDeviceId.c_str(), "info.parent", ok);
+  if (!ok) return false;
+  info.HostID = propertyString(info.ControllerId.c_str(), "info.parent", ok);
+  if (!ok) return false;
+
+  // A card without identity is no usable volume; a USB device without port path, ids or SCSI
+  // address is.
+  if (Contains(info.ControllerId, "mmc")) {
+    info.BusType = "mmc";
+    ok = _GetMmcHost(info);
+  }
+  if (Contains(info.ControllerId, "usb")) {
+    info.BusType = "usb";
+    _GetUsbHub(info);
+  }
+  if (Contains(info.ControllerId, "scsi")) _GetScsiAddress(info);
+  if (!ok) return false;
+
+  info.FileSystemType = propertyString(volume, "volume.fstype", ok);
+  if (!ok) return false;
+  info.BlockDevice = propertyString(volume, "block.device", ok);
+  if (!ok) return false;
+  info.IsMounted = propertyBool(volume, kHalVolumeIsMounted, ok);
+  if (!ok) return false;
+  if (!info.IsMounted) return true;
+  info.MountPoint = propertyString(volume, "volume.mount_point", ok);
+  if (!ok) return false;
+  info.ReadOnly = propertyBool(volume, kHalVolumeIsMountedReadOnly, ok);
+  return ok;
+}
+
+bool tHalManager::_GetMmcHost(HalVolumeInfo& info) {
+  bool ok = false;
+  info.Cid = propertyString(info.ControllerId.c_str(), "mmc.cid", ok);
+  if (!ok) return false;
+  info.MMCHost = propertyInt(info.HostID.c_str(), "mmc_host.host", ok);
+  if (ok) return true;
+
+  const std::vector<std::string> hosts = findDeviceByCapability("mmc_host");
+  Log("mmc_host detection", kLogDebug);
+  for (const std::string& host : hosts) {
+    Log(Printable(host), kLogDebug);
+    bool hasParent = false;
+    const std::string parent = propertyString(host.c_str(), "info.parent", hasParent);
+    if (!hasParent || parent != info.HostID) continue;
+    Log("Matched host", kLogDebug);
+    info.MMCHost = propertyInt(host.c_str(), "mmc_host.host", ok);
+    break;
+  }
+  return ok;
+}
+
+bool tHalManager::_GetUsbHub(HalVolumeInfo& info) {
+  bool ok = false;
+  const char* host = info.HostID.c_str();
+  const std::string path = propertyString(host, "linux.sysfs_path", ok);
+  if (!ok) return false;
+  // A path of another form only leaves the hub unknown.
+  if (std::string hub; UsbHubFromSysfsPath(path, hub)) info.USBHub = hub;
+  info.VendorId = propertyIntInherited(host, "usb_device.vendor_id", ok);
+  if (ok) info.ProductId = propertyIntInherited(host, "usb_device.product_id", ok);
+  return ok;
+}
+
+bool tHalManager::_GetScsiAddress(HalVolumeInfo& info) {
+  bool ok = false;
+  const char* controller = info.ControllerId.c_str();
+  const std::string subsystem = propertyString(controller, "linux.subsystem", ok);
+  if (!ok || !Contains(subsystem, "scsi")) return ok;
+  info.SCSIHost = propertyIntInherited(controller, "scsi.host", ok);
+  if (ok) info.SCSIBus = propertyIntInherited(controller, "scsi.bus", ok);
+  if (ok) info.SCSITarget = propertyIntInherited(controller, "scsi.target", ok);
+  if (ok) info.SCSILun = propertyIntInherited(controller, "scsi.lun", ok);
+  return ok;
+}
+
+void tHalManager::_RebuildUnknownDisk(const std::string& storageDeviceId) {
+  Log("GetVolumeInfo() Found computer_storage_unknown_disk.", kLogDebug);
+  bool ignored = false;
+  const std::string backing = propertyString(storageDeviceId.c_str(), "block.device", ignored);
+  Log("GetVolumeInfo() Backing device is " + Printable(backing), kLogDebug);
+  RebuildCardReaderTree(backing);
+}

@@ -1,0 +1,112 @@
+#pragma once
+
+#include <dbus/dbus.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "storage/DBusOwners.h"
+
+class IHalManagerCallback;
+struct HalVolumeInfo;
+
+/// The daemon's only link to the hardware service on the system bus: delivers the service's device
+/// signals to one receiver, reads device properties and asks for mounts.
+///
+/// Everything runs on the main thread. Calls block until the service answers or the bus library's
+/// default time-out (25 s) has passed, also from within the dispatch of a signal. Failures are
+/// logged and reported by the result; nothing is retried.
+class tHalManager {
+ public:
+  /// The process's one instance, not connected at first.
+  static tHalManager* getInstance();
+
+  /// Connects to the system bus, attaches the connection to the default main context and subscribes
+  /// to the service's signals. False when any step fails, also when the service is not there; what
+  /// was obtained by then stays, so that queries work as far as they can.
+  bool initHal();
+
+  /// Undoes `initHal`. False, with the connection kept, when the bus does not take a match rule
+  /// back, and when there is no connection.
+  bool freeHal();
+
+  /// Sets the receiver of events, in place of any before it. Not owned. Requires: not null.
+  void InstallCallback(IHalManagerCallback* pCallback);
+
+  // Property queries. `ok` tells whether a reply of the right type came; without one the value is
+  // 0, false or empty.
+  int32_t propertyInt(const char* udi, const char* key, bool& ok);
+  bool propertyBool(const char* udi, const char* key, bool& ok);
+  std::string propertyString(const char* udi, const char* key, bool& ok);
+
+  /// The integer on the device or on its nearest ancestor that has it. Each step up that fails to
+  /// find it is logged as the service's error. Ends, not ok, at a device without a parent, and
+  /// after 32 steps, which no real chain needs.
+  int32_t propertyIntInherited(const char* udi, const char* key, bool& ok);
+
+  /// The devices that have a capability ("volume", "mmc_host"), in the service's order; empty on
+  /// failure.
+  std::vector<std::string> findDeviceByCapability(const char* capability);
+
+  /// Asks for a mount at "/media/" + `mountPoint` (a bare name). The whole text of `gVfatMountOpts`
+  /// goes along as one option for file systems whose type begins with "vfat". True when the service
+  /// agreed; its property change follows as an event.
+  [[nodiscard]] bool mountVolume(const char* udi, const std::string& mountPoint,
+                                 const std::string& fsType);
+
+  /// As `mountVolume`, with the options "remount" and "rw" or "ro".
+  [[nodiscard]] bool remountVolume(const char* udi, const std::string& mountPoint,
+                                   const std::string& fsType, bool readWrite);
+
+  /// True when the text holds the object path prefix of volumes anywhere.
+  [[nodiscard]] bool isVolumeUdi(const std::string& udi) const;
+
+  /// Fills `info` for `info.VolumeId`. True when every step that a volume needs succeeded; a volume
+  /// that is not mounted is a success with `MountPoint` and `ReadOnly` as they were. On failure the
+  /// fields filled so far stay. Blocks for a second more when the card's disk must be rebuilt
+  /// first.
+  [[nodiscard]] bool GetVolumeInfo(HalVolumeInfo& info);
+
+  /// The bus library's message filter; leaves every message to other handlers too.
+  static DBusHandlerResult dBusHandler(DBusConnection* connection, DBusMessage* message,
+                                       void* userData);
+
+ private:
+  tHalManager() = default;
+
+  /// True when `error` is set; logs it then.
+  bool _CheckDBusError(const tDBusError& error);
+
+  /// A call to the service; null when `path` is no object path, or when memory is short.
+  tDBusMessage _NewCall(const char* path, const char* interface, const char* method);
+
+  /// Sends a call and waits for the reply. Null, logged, when an error or nothing comes back.
+  /// `operation` is the caller's name as it stands in the log.
+  tDBusMessage _CallHal(DBusMessage* call, const char* operation);
+
+  /// Reads one property of basic type `type` into `value`, whose meaning is the bus library's.
+  /// Returns the reply, which owns a string value; null, logged, on failure.
+  tDBusMessage _QueryProperty(const char* udi, const char* key, const char* method, int type,
+                              const char* operation, void* value);
+
+  bool _Mount(const char* udi, const std::string& mountPoint, const std::string& fsType,
+              const std::vector<std::string>& options);
+
+  /// True when `sender` owns the service's name. The owner is known from the service's replies;
+  /// only an unknown sender costs a question to the bus.
+  bool _IsFromHal(const char* sender);
+
+  void _HandlePropertyModified(DBusMessage* message);
+  void _HandleDeviceAdded(DBusMessage* message);
+  void _HandleDeviceRemoved(DBusMessage* message);
+
+  bool _GetMmcHost(HalVolumeInfo& info);
+  bool _GetUsbHub(HalVolumeInfo& info);
+  bool _GetScsiAddress(HalVolumeInfo& info);
+  void _RebuildUnknownDisk(const std::string& storageDeviceId);
+
+  DBusConnection* m_pConnection = nullptr;
+  IHalManagerCallback* m_pCallback = nullptr;
+  std::string m_HalOwner;  ///< unique bus name that the service was last heard under
+};

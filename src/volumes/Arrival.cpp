@@ -1,0 +1,177 @@
+// The arrival of a local volume: tVoldrake's way from a device of the hardware service to an entry
+// in the volume list.
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "frame/Assert.h"
+#include "frame/ConfigManager.h"
+#include "frame/FileSystem.h"
+#include "frame/Log.h"
+#include "frame/NfsRoot.h"
+#include "frame/Text.h"
+#include "messaging/DataSourceInfo.h"
+#include "messaging/tMessageClient.h"
+#include "storage/CardReader.h"
+#include "storage/MountPointNameManager.h"
+#include "storage/tHalManager.h"
+#include "volumes/MediaLinks.h"
+#include "volumes/tVoldrake.h"
+
+namespace {
+
+/// True when something stands at "/media/" + `name` that no file system is mounted on. A name that
+/// is empty or leads elsewhere than to an entry of "/media" never is a leftover, for what it names
+/// would be deleted.
+bool IsLeftover(const std::string& name) {
+  if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
+    return false;
+  }
+  return IsSameDevice(kMediaDirectory, kMediaPrefix + name);
+}
+
+}  // namespace
+
+void tVoldrake::_DeviceAdded(const std::string& udi) {
+  Log("_DeviceAdded: " + Printable(udi), kLogDebug);
+  if (!m_pHalManager->isVolumeUdi(udi)) {
+    Log("_DeviceAdded: Invalid Volume String", kLogDebug);
+    return;
+  }
+  Log("_DeviceAdded: Volume Found", kLogInfo);
+  HalVolumeInfo info;
+  info.VolumeId = udi;
+  if (!m_pHalManager->GetVolumeInfo(info)) return;
+  if (_IsInExclusionList(info)) return;
+  if (info.IsMounted) {
+    _DeviceMounted(udi);
+    return;
+  }
+  std::string name;
+  const bool mounted = _RequestMount(info, "DeviceAdded: failed to remove ", name);
+  const std::string request = Printable(udi + " " + name + " " + info.FileSystemType);
+  if (mounted) {
+    Log("_DeviceAdded: MountVolume success: " + request, kLogInfo);
+  } else {
+    Log("_DeviceAdded: MountVolume failed: " + request, kLogError);
+  }
+}
+
+bool tVoldrake::_RequestMount(const HalVolumeInfo& info, const char* leftoverWarning,
+                              std::string& name) {
+  const bool RetVal = m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice);
+  if (!RetVal) Log("_DeviceAdded: GetNextMountPointName failed", kLogError);
+  VOLDRAKE_ASSERT(RetVal == true);
+  if (IsLeftover(name) &&
+      RemoveDirectory(kMediaPrefix + name, true, tLinkPolicy::kDoNotFollow) != 0) {
+    Log(leftoverWarning + (kMediaPrefix + Printable(name)), kLogWarning);
+  }
+  return m_pHalManager->mountVolume(info.VolumeId.c_str(), name, info.FileSystemType);
+}
+
+void tVoldrake::_DeviceMounted(const std::string& udi) {
+  Log("_DeviceMounted: " + Printable(udi), kLogInfo);
+  HalVolumeInfo info;
+  info.VolumeId = udi;
+  if (!m_pHalManager->GetVolumeInfo(info)) {
+    Log("_DeviceMounted: Failed to get Volume Info", kLogError);
+    return;
+  }
+  std::unique_ptr<UsbMapMatch> match;
+  _FindUsbMapEntry(info, &match);
+  _AddMountPoint(info, match.get());
+}
+
+void tVoldrake::_FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatch>* pMatch) {
+  if (info.BusType.find("usb") == std::string::npos) return;
+  for (const auto& [usbid, entry] : m_pConfigManager->GetUsbMap()) {
+    if (info.USBHub.find(usbid) != std::string::npos) {
+      Log("_DeviceMounted: HalVolumeInfo.USBHub " + info.USBHub + " matches " + usbid, kLogInfo);
+    } else if (IsSmscCardReader(info.VendorId, info.ProductId)) {
+      Log("_DeviceMounted: HalVolumeInfo.VendorId/ProductId matches SMSC support for id " + usbid,
+          kLogInfo);
+    } else {
+      continue;
+    }
+    if (pMatch != nullptr) *pMatch = std::make_unique<UsbMapMatch>(entry);
+    return;
+  }
+}
+
+void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const UsbMapMatch* match) {
+  _RefreshContentId();
+  _RefreshSerialNumber();
+  const bool registered = std::any_of(
+      m_Volumes.begin(), m_Volumes.end(),
+      [&info](const HalVolumeInfo& volume) { return volume.VolumeId == info.VolumeId; });
+  if (registered) {
+    Log("_AddMountPoint: Volume already in list: " + Printable(info.VolumeId), kLogDebug);
+    return;
+  }
+  _CreateMediaLink(info, info.MountPoint);
+  _PublishArrival(info, FriendlyName(info, match));
+  m_Volumes.push_back(info);
+  _PrintHalVolumeInfo(info);
+}
+
+void tVoldrake::_PublishArrival(const HalVolumeInfo& info, const std::string& friendlyName) {
+  DataSourceInfo arrival{.arrival = true,
+                         .memoryCard = !info.Cid.empty(),
+                         .readOnly = info.ReadOnly,
+                         .path = MapNfsRootPath(info.MountPoint),
+                         .friendlyName = friendlyName,
+                         .key = info.Cid,
+                         .contentId = m_ContentId.Text(),
+                         .serialNumber = m_SerialNumber.Text()};
+  m_pMessageClient->PublishDataSource(arrival);
+}
+
+void tVoldrake::_CreateMediaLink(HalVolumeInfo& info, const std::string& mountPoint) {
+  const std::string name = MediaLinkName(info.BusType, mountPoint, info.MMCHost, m_MmcHostIndex);
+  const std::string path = kMediaPrefix + name;
+  const std::string target = MediaLinkTarget(mountPoint);
+  const std::string link = Printable(path + " -> " + target);
+  // A mount point below a disk's own directory would put the link outside "/media".
+  const bool staysInside = name.find('/') == std::string::npos;
+  if (!staysInside) errno = ENOENT;
+  if (staysInside && symlink(target.c_str(), path.c_str()) == 0) {
+    Log("symlink: " + link, kLogInfo);
+    info.LinkPath = path;
+    return;
+  }
+  const std::string reason = strerror(errno);
+  Log("symlink failed: " + link, kLogError);
+  Log("symlink error: " + reason, kLogError);
+}
+
+void tVoldrake::_PrintHalVolumeInfo(const HalVolumeInfo& info) {
+  const auto isOn = [&info](const char* bus) {
+    return info.BusType.find(bus) != std::string::npos;
+  };
+  const auto print = [](const char* label, const std::string& value) {
+    Log(std::string("_PrintHalVolumeInfo: ") + label + value, kLogInfo);
+  };
+  Log(std::string(75, '-'), kLogInfo);
+  print("VolumeId = ", Printable(info.VolumeId));
+  print("StorageDeviceId =  ", Printable(info.StorageDeviceId));
+  print("ControllerId = ", Printable(info.ControllerId));
+  print("HostID = ", Printable(info.HostID));
+  print("BusType = ", info.BusType);
+  if (isOn("usb")) print("USBHub = ", Printable(info.USBHub));
+  if (isOn("mmc")) print("MMCHost = ", std::to_string(info.MMCHost));
+  print("Cid = ", Printable(info.Cid));
+  print("FileSystemType = ", Printable(info.FileSystemType));
+  print("IsMounted = ", FlagText(info.IsMounted));
+  print("MountPoint = ", Printable(info.MountPoint));
+  print("ReadOnly = ", FlagText(info.ReadOnly));
+  print("BlockDevice = ", Printable(info.BlockDevice));
+  if (isOn("scsi")) {
+    print("SCSIHost = ", std::to_string(info.SCSIHost));
+    print("SCSIBus = ", std::to_string(info.SCSIBus));
+    print("SCSITarget = ", std::to_string(info.SCSITarget));
+    print("SCSILun = ", std::to_string(info.SCSILun));
+  }
+}

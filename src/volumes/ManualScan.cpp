@@ -1,0 +1,51 @@
+// The volumes that are there without an event: tVoldrake's scan at start-up and after a simulated
+// re-insertion, and the test that keeps some volumes away altogether.
+
+#include "frame/ConfigManager.h"
+#include "frame/Log.h"
+#include "frame/Text.h"
+#include "storage/tHalManager.h"
+#include "volumes/MediaLinks.h"
+#include "volumes/tVoldrake.h"
+
+void tVoldrake::_ManualScan() {
+  Log("_ManualScan()", kLogInfo);
+  Log("_ManualScan:", kLogDebug);
+  RemoveDanglingLinks(kMediaDirectory);
+  _RefreshContentId();
+  _RefreshSerialNumber();
+  for (const std::string& udi : m_pHalManager->findDeviceByCapability("volume")) _ScanVolume(udi);
+}
+
+void tVoldrake::_ScanVolume(const std::string& udi) {
+  Log(Printable(udi), kLogDebug);
+  if (!m_pHalManager->isVolumeUdi(udi)) {
+    Log("_ManualScan: Invalid Volume String", kLogDebug);
+    return;
+  }
+  Log("_ManualScan: found Volume", kLogInfo);
+  HalVolumeInfo info;
+  info.VolumeId = udi;
+  if (!m_pHalManager->GetVolumeInfo(info)) return;
+  _PrintHalVolumeInfo(info);
+  if (_IsInExclusionList(info)) {
+    Log("_ManualScan: Excluded", kLogInfo);
+    return;
+  }
+  if (info.IsMounted) {
+    _DeviceMounted(udi);
+    return;
+  }
+  std::string name;
+  // The service reports the mount as an event, and logs its own refusal.
+  static_cast<void>(_RequestMount(info, "ManualScan: failed to remove ", name));
+}
+
+bool tVoldrake::_IsInExclusionList(const HalVolumeInfo& info) {
+  if (m_pConfigManager->GetIgnoreMap().contains(info.BlockDevice)) {
+    Log("_IsInExclusionList: " + Printable(info.BlockDevice), kLogInfo);
+    return true;
+  }
+  return info.BusType.find("usb") == std::string::npos &&
+         info.BusType.find("mmc") == std::string::npos;
+}

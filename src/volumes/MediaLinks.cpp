@@ -1,0 +1,59 @@
+#include "volumes/MediaLinks.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <memory>
+#include <string_view>
+
+namespace {
+
+struct tDirectoryCloser {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+
+std::string UsbLinkName(const std::string& mountPoint) {
+  constexpr std::string_view kDiskPrefix = "/sd";
+  const std::string name = "USB Memory Card";
+  const size_t disk = mountPoint.rfind(kDiskPrefix);
+  if (disk == std::string::npos) return name;
+  std::string device = mountPoint.substr(disk + kDiskPrefix.size());
+  std::transform(device.begin(), device.end(), device.begin(), [](unsigned char character) {
+    return static_cast<char>(std::toupper(character));
+  });
+  return name + " " + device;
+}
+
+bool IsDanglingLink(const std::string& path) {
+  struct stat status {};
+  return lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) &&
+         stat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+}  // namespace
+
+std::string MediaLinkName(const std::string& busType, const std::string& mountPoint,
+                          int32_t mmcHost, int mmcHostIndex) {
+  if (busType == "usb") return UsbLinkName(mountPoint);
+  if (busType == "mmc" && mmcHostIndex == 1) return "Memory Card";
+  if (busType == "mmc" && mmcHostIndex == 2) return "Memory Card - " + std::to_string(mmcHost);
+  return "";
+}
+
+std::string MediaLinkTarget(const std::string& mountPoint) {
+  const size_t prefixLength = std::string_view(kMediaPrefix).size();
+  return mountPoint.substr(std::min(prefixLength, mountPoint.size()));
+}
+
+void RemoveDanglingLinks(const std::string& directory) {
+  const std::unique_ptr<DIR, tDirectoryCloser> entries(opendir(directory.c_str()));
+  if (!entries) return;
+  while (const dirent* entry = readdir(entries.get())) {
+    const std::string path = directory + "/" + entry->d_name;
+    if (IsDanglingLink(path)) unlink(path.c_str());
+  }
+}

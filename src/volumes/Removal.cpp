@@ -1,0 +1,76 @@
+// How a local volume leaves tVoldrake's list, and what the changes of its mount state mean. Nothing
+// here unmounts: the hardware service and the kernel have done that, or will.
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "frame/Log.h"
+#include "frame/NfsRoot.h"
+#include "frame/Text.h"
+#include "messaging/DataSourceInfo.h"
+#include "messaging/tMessageClient.h"
+#include "storage/HalNames.h"
+#include "storage/tHalManager.h"
+#include "volumes/tVoldrake.h"
+
+void tVoldrake::HalManagerPropertyChangedCb(const char* udi, const char* key) {
+  const std::string property = key;
+  bool ok = false;
+  if (property == kHalVolumeIsMounted) {
+    const bool mounted = m_pHalManager->propertyBool(udi, key, ok);
+    if (!ok) return;
+    if (mounted) {
+      _DeviceMounted(udi);
+    } else {
+      _DeviceRemoved(udi);
+    }
+  } else if (property == kHalVolumeIsMountedReadOnly) {
+    const bool readOnly = m_pHalManager->propertyBool(udi, key, ok);
+    Log(std::string("HalManagerPropertyChangedCb MountedRo ") + FlagText(readOnly) + " " +
+            FlagText(ok),
+        kLogDebug);
+    if (!ok) return;
+    if (readOnly) {
+      _DeviceReMountedRo(udi);
+    } else {
+      _DeviceReMountedRw(udi);
+    }
+  }
+}
+
+void tVoldrake::_DeviceRemoved(const std::string& udi) {
+  const auto entry =
+      std::find_if(m_Volumes.begin(), m_Volumes.end(),
+                   [&udi](const HalVolumeInfo& volume) { return volume.VolumeId == udi; });
+  if (entry == m_Volumes.end()) return;
+  Log("_DeviceRemoved: Found Volume in list: ", kLogInfo);
+  DataSourceInfo removal{.path = MapNfsRootPath(entry->MountPoint)};
+  m_pMessageClient->PublishDataSource(removal);
+  // A link that somebody else took away is as good as deleted.
+  if (!entry->LinkPath.empty()) unlink(entry->LinkPath.c_str());
+  m_Volumes.erase(entry);
+}
+
+void tVoldrake::_UnmountAll() {
+  Log("_UnmountAll()", kLogInfo);
+  // One sweep removes every other entry; the scan that follows finds the rest registered.
+  for (size_t i = 0; i < m_Volumes.size(); ++i) {
+    const std::string udi = m_Volumes[i].VolumeId;  // outlives the entry, which is erased
+    _DeviceRemoved(udi);
+  }
+}
+
+void tVoldrake::_DeviceReMountedRo(const std::string& udi) {
+  Log("_DeviceReMountedRo: " + Printable(udi), kLogInfo);
+  HalVolumeInfo info;
+  info.VolumeId = udi;
+  if (!m_pHalManager->GetVolumeInfo(info)) return;
+  if (_IsInExclusionList(info)) return;
+  _FindUsbMapEntry(info, nullptr);
+  _AddMountPoint(info, nullptr);
+}
+
+void tVoldrake::_DeviceReMountedRw(const std::string& udi) {
+  Log("_DeviceReMountedRw: " + Printable(udi), kLogInfo);
+}

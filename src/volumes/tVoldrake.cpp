@@ -1,0 +1,37 @@
+#include "volumes/tVoldrake.h"
+
+#include "frame/Assert.h"
+#include "frame/ConfigManager.h"
+#include "messaging/tMessageClient.h"
+#include "storage/MountPointNameManager.h"
+#include "storage/tHalManager.h"
+
+tVoldrake::tVoldrake(tHalManager* pHalManager, ConfigManager* pConfigManager, int32_t clientPort,
+                     std::string internalSharePath, std::string, std::string contentIdFile,
+                     std::string serialNumberFile, std::string platformFamily, int mmcHostIndex)
+    : m_pHalManager(pHalManager),
+      m_pConfigManager(pConfigManager),
+      m_InternalSharePath(std::move(internalSharePath)),
+      m_ContentId(std::move(contentIdFile)),
+      m_SerialNumber(std::move(serialNumberFile)),
+      m_PlatformFamily(std::move(platformFamily)),
+      m_MmcHostIndex(mmcHostIndex) {
+  VOLDRAKE_ASSERT(m_pHalManager != 0);
+  VOLDRAKE_ASSERT(m_pConfigManager != 0);
+  m_pMountPointNameManager = std::make_unique<CMountPointNameManager>();
+  m_pMessageClient = std::make_unique<tMessageClient>(clientPort);
+  m_pMessageClient->Start();
+  _ManualScan();
+}
+
+tVoldrake::~tVoldrake() {
+  m_pMessageClient->Stop();
+}
+
+void tVoldrake::HalManagerDeviceAddedCb(const char* udi) {
+  _DeviceAdded(udi);
+}
+
+void tVoldrake::HalManagerDeviceRemovedCb(const char* udi) {
+  _DeviceRemoved(udi);
+}

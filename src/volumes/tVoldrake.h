@@ -1,0 +1,84 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "storage/HalVolumeInfo.h"
+#include "storage/IHalManagerCallback.h"
+#include "volumes/FriendlyName.h"
+#include "volumes/IdentityText.h"
+
+class CMountPointNameManager;
+class ConfigManager;
+class tHalManager;
+class tMessageClient;
+
+/// The heart of the daemon: knows which local volumes are in use and carries each through its life.
+/// The hardware service reports a device; the volume is described, tested against the exclusions
+/// and mounted; once the service reports it mounted it is linked under "/media", reported to the
+/// display application and entered in the list; when it goes, all of that is undone.
+///
+/// An entry stands in the list exactly while its volume is mounted and reported. Volume ids are
+/// unique. Between the request for a mount and the report of it nothing is remembered: a mount that
+/// fails is not tried again until the service reports the device anew.
+///
+/// Threads: everything here runs on the main thread, so the list has no lock. The workers that this
+/// object owns run on their own threads and are reached through their public operations.
+class tVoldrake : public IHalManagerCallback {
+ public:
+  /// Starts the workers and registers the volumes that are already there. Blocks for as long as the
+  /// hardware service takes to describe and mount them.
+  /// Requires: both pointers not null; they are not owned and outlive this object.
+  tVoldrake(tHalManager* pHalManager, ConfigManager* pConfigManager, int32_t clientPort,
+            std::string internalSharePath, std::string peerMac, std::string contentIdFile,
+            std::string serialNumberFile, std::string platformFamily, int mmcHostIndex);
+
+  /// Stops the workers and waits for them.
+  ~tVoldrake() override;
+
+  void HalManagerDeviceAddedCb(const char* udi) override;
+  void HalManagerDeviceRemovedCb(const char* udi) override;
+  void HalManagerPropertyChangedCb(const char* udi, const char* key) override;
+
+ private:
+  // Arrival.cpp: from a device of the hardware service to an entry in the list.
+  void _DeviceAdded(const std::string& udi);
+  void _DeviceMounted(const std::string& udi);
+  /// Gives the volume its mount-point name and has it mounted. `leftoverWarning` goes before the
+  /// path of a leftover that cannot be deleted. `name` receives the mount-point name.
+  bool _RequestMount(const HalVolumeInfo& info, const char* leftoverWarning, std::string& name);
+  /// Looks the volume up in the USB map; when it is in a supported card reader, also reads the
+  /// card's CID into the record. On a match `*pMatch` receives the entry, unless `pMatch` is null.
+  void _FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatch>* pMatch);
+  void _AddMountPoint(HalVolumeInfo& info, const UsbMapMatch* match);
+  void _PublishArrival(const HalVolumeInfo& info, const std::string& friendlyName);
+  void _CreateMediaLink(HalVolumeInfo& info, const std::string& mountPoint);
+  void _RefreshContentId() { m_ContentId.Refresh(); }
+  void _RefreshSerialNumber() { m_SerialNumber.Refresh(); }
+
+  // Removal.cpp: how an entry leaves the list, and what property changes mean.
+  void _DeviceRemoved(const std::string& udi);
+  void _UnmountAll();
+  void _DeviceReMountedRo(const std::string& udi);
+  void _DeviceReMountedRw(const std::string& udi);
+
+  // ManualScan.cpp: the volumes that are there without an event.
+  void _ManualScan();
+  void _ScanVolume(const std::string& udi);
+  bool _IsInExclusionList(const HalVolumeInfo& info);
+
+  void _PrintHalVolumeInfo(const HalVolumeInfo& info);
+
+  tHalManager* const m_pHalManager;
+  ConfigManager* const m_pConfigManager;
+  std::unique_ptr<CMountPointNameManager> m_pMountPointNameManager;
+  std::unique_ptr<tMessageClient> m_pMessageClient;
+  std::vector<HalVolumeInfo> m_Volumes;  ///< in the order in which they were added
+  const std::string m_InternalSharePath;
+  tIdentityText m_ContentId;
+  tIdentityText m_SerialNumber;
+  const std::string m_PlatformFamily;
+  const int m_MmcHostIndex;
+};
