@@ -46,6 +46,14 @@ gboolean HandleSigHup(gpointer) {
   return TRUE;
 }
 
+gboolean HandleSigUsr1(gpointer voldrake) {
+  return voldrake != nullptr && static_cast<tVoldrake*>(voldrake)->SignalAction(SIGUSR1);
+}
+
+gboolean HandleSigUsr2(gpointer voldrake) {
+  return voldrake != nullptr && static_cast<tVoldrake*>(voldrake)->SignalAction(SIGUSR2);
+}
+
 void ApplySettings(const CommandLine& line) {
   gClientPort = line.clientPort;
   gVfatMountOpts = line.vfatMountOpts;
@@ -65,10 +73,13 @@ void StartUp(const CommandLine& line, int mmcHostIndex, const std::string& platf
   halManager->InstallCallback(gVoldrake.get());
   g_unix_signal_add(SIGTERM, HandleSigTerm, gVoldrake.get());
   g_unix_signal_add(SIGHUP, HandleSigHup, gVoldrake.get());
+  g_unix_signal_add(SIGUSR1, HandleSigUsr1, gVoldrake.get());
+  g_unix_signal_add(SIGUSR2, HandleSigUsr2, gVoldrake.get());
 }
 
 void ShutDown() {
   Log("Exiting", kLogInfo);
+  gVoldrake->Stop();
   tHalManager::getInstance()->freeHal();
   gConfigManager.reset();
   gVoldrake.reset();

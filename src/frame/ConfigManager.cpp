@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t kMaxFileBytes = 16 * 1024 * 1024;
+constexpr size_t kMaxFileBytes = size_t{16} * 1024 * 1024;
 
 /// Cuts the text up to `end`, which is dropped, off the front of `text`; all of it when there is
 /// none.

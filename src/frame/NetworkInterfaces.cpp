@@ -6,10 +6,13 @@
 
 #include <cstdio>
 #include <cstring>
+#include <span>
 
 #include "frame/FileDescriptor.h"
 
 namespace {
+
+constexpr size_t kFewInterfaces = 16;
 
 in_addr_t AddressOf(const sockaddr& address) {
   sockaddr_in internet{};
@@ -41,13 +44,20 @@ bool GetInterfaceAddresses(std::vector<in_addr_t>& addresses) {
     socket.Release();
     return false;
   }
-  std::vector<ifreq> records(static_cast<size_t>(list.ifc_len) / sizeof(ifreq));
-  list.ifc_req = records.data();
+  // Asked for with every datagram received, so the usual few interfaces cost no allocation.
+  ifreq few[kFewInterfaces];
+  std::vector<ifreq> many;
+  list.ifc_req = few;
+  if (static_cast<size_t>(list.ifc_len) > sizeof few) {
+    many.resize(static_cast<size_t>(list.ifc_len) / sizeof(ifreq));
+    list.ifc_req = many.data();
+  }
   if (ioctl(socket.Get(), SIOCGIFCONF, &list) < 0) {
     perror("ioctl2");
     return false;
   }
-  records.resize(static_cast<size_t>(list.ifc_len) / sizeof(ifreq));
+  const std::span<const ifreq> records(list.ifc_req,
+                                       static_cast<size_t>(list.ifc_len) / sizeof(ifreq));
   for (const ifreq& record : records) addresses.push_back(AddressOf(record.ifr_addr));
   return true;
 }

@@ -25,13 +25,15 @@ void tThread::Start() {
 void tThread::Stop() {
   if (!m_Running) return;
   m_Running = false;
-  {
-    const tMutexLock lock(m_Mutex);
-    m_StopRequested = true;
-    m_Woken = true;
-    m_Condition.Signal();
-  }
+  RequestStop();
   Join();
+}
+
+void tThread::RequestStop() {
+  const tMutexLock lock(m_Mutex);
+  m_StopRequested = true;
+  m_Woken = true;
+  m_Condition.Signal();
 }
 
 void tThread::Wake() {

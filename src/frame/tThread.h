@@ -30,6 +30,9 @@ class tThread {
   /// it does not run. Must not be called on the thread itself.
   void Stop();
 
+  /// The first half of `Stop`: asks the thread to end and ends its sleep, without waiting for it.
+  void RequestStop();
+
   /// Ends the current or, if there is none, the next `WaitForWake` at once.
   void Wake();
 

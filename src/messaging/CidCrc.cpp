@@ -51,7 +51,7 @@ std::string CidCrcCorrect(const std::string& cid) {
   const std::string crcText{kDigits[crc >> 4], kDigits[crc & 0xF]};
   Log(Printable(cid), kLogDebug);
   Log(crcText, kLogDebug);
-  const std::string corrected = cid.substr(0, kCrcPosition) + crcText;
+  std::string corrected = cid.substr(0, kCrcPosition) + crcText;
   Log(Printable(corrected), kLogDebug);
   return corrected;
 }

@@ -12,7 +12,7 @@ constexpr std::chrono::milliseconds kTick{500};
 constexpr int32_t kRetryTicks = 20;
 
 /// An application that neither takes a connection nor reads must not hold up the daemon's end.
-constexpr std::chrono::seconds kDeliveryTimeout{2};
+constexpr std::chrono::milliseconds kDeliveryTimeout{2000};
 
 }  // namespace
 
@@ -37,13 +37,29 @@ void tMessageClient::ClearPending() {
   m_Queue.swap(discarded);
 }
 
+size_t tMessageClient::PendingCount() {
+  const tMutexLock lock(m_QueueLock);
+  return m_Queue.size();
+}
+
+void tMessageClient::StopAfterDelivery() {
+  using std::chrono::steady_clock;
+  const auto deadline = steady_clock::now() + kDeliveryTimeout;
+  Stop();
+  for (;;) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - steady_clock::now());
+    if (left <= std::chrono::milliseconds::zero() || !_DeliverOne(left)) return;
+  }
+}
+
 void tMessageClient::run() {
   Log("tMessageClient::run", kLogDebug);
   while (!StopRequested()) {
     WaitForWake(kTick);
     if (StopRequested()) return;
     if (!_AttemptIsDue()) continue;
-    if (_DeliverOne()) {
+    if (_DeliverOne(kDeliveryTimeout)) {
       const tMutexLock lock(m_QueueLock);
       m_RetryTicks = 0;
     }
@@ -62,9 +78,9 @@ bool tMessageClient::_AttemptIsDue() {
   return true;
 }
 
-bool tMessageClient::_DeliverOne() {
-  if (_QueueIsEmpty()) return false;
-  tLocalStream stream(kDeliveryTimeout);
+bool tMessageClient::_DeliverOne(std::chrono::milliseconds timeout) {
+  if (PendingCount() == 0) return false;
+  tLocalStream stream(timeout);
   if (!stream.Connect(m_Port)) return false;
   std::string text;
   if (!_TakeOldest(text)) return false;
@@ -72,11 +88,6 @@ bool tMessageClient::_DeliverOne() {
   const size_t frameBytes = EncodeFrame(text, frame);
   Log("data size: " + std::to_string(2 * text.size()), kLogDebug);
   return stream.Send({frame.data(), frameBytes});
-}
-
-bool tMessageClient::_QueueIsEmpty() {
-  const tMutexLock lock(m_QueueLock);
-  return m_Queue.empty();
 }
 
 bool tMessageClient::_TakeOldest(std::string& text) {

@@ -30,6 +30,13 @@ class tMessageClient : public tThread {
   /// Discards every text that is not being sent yet.
   void ClearPending() EXCLUDES(m_QueueLock);
 
+  /// The number of texts that wait.
+  [[nodiscard]] size_t PendingCount() EXCLUDES(m_QueueLock);
+
+  /// Stops the thread and then sends what still waits, without pause, for as long as the
+  /// application takes it. Blocks for at most two seconds in all.
+  void StopAfterDelivery() EXCLUDES(m_QueueLock);
+
  protected:
   void run() override EXCLUDES(m_QueueLock);
 
@@ -37,10 +44,8 @@ class tMessageClient : public tThread {
   /// Counts a tick. True when it is one that tries to deliver.
   bool _AttemptIsDue() EXCLUDES(m_QueueLock);
 
-  /// Tries to send the oldest text. True when all of it was sent.
-  bool _DeliverOne() EXCLUDES(m_QueueLock);
-
-  bool _QueueIsEmpty() EXCLUDES(m_QueueLock);
+  /// Tries to send the oldest text. True when all of it was sent. Blocks for at most `timeout`.
+  bool _DeliverOne(std::chrono::milliseconds timeout) EXCLUDES(m_QueueLock);
 
   /// Moves the oldest text out. False when there is none.
   bool _TakeOldest(std::string& text) EXCLUDES(m_QueueLock);

@@ -15,6 +15,7 @@
 #include "frame/Text.h"
 #include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
+#include "sharing/ServicePublisher.h"
 #include "storage/CardReader.h"
 #include "storage/MountPointNameManager.h"
 #include "storage/tHalManager.h"
@@ -93,6 +94,7 @@ void tVoldrake::_FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatc
     } else if (IsSmscCardReader(info.VendorId, info.ProductId)) {
       Log("_DeviceMounted: HalVolumeInfo.VendorId/ProductId matches SMSC support for id " + usbid,
           kLogInfo);
+      ReadCardSerial(info.BlockDevice.c_str(), info.Cid);
     } else {
       continue;
     }
@@ -111,6 +113,9 @@ void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const UsbMapMatch* match) {
     Log("_AddMountPoint: Volume already in list: " + Printable(info.VolumeId), kLogDebug);
     return;
   }
+  m_pServicePublisher->AddServiceNFS(info.MountPoint, MEDIA_TYPE_T::kVolume, info.Cid,
+                                     m_ContentId.Text(), m_SerialNumber.Text(),
+                                     FriendlyName(info, match), info.ReadOnly);
   _CreateMediaLink(info, info.MountPoint);
   _PublishArrival(info, FriendlyName(info, match));
   m_Volumes.push_back(info);

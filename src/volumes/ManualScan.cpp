@@ -4,6 +4,7 @@
 #include "frame/ConfigManager.h"
 #include "frame/Log.h"
 #include "frame/Text.h"
+#include "sharing/ServicePublisher.h"
 #include "storage/tHalManager.h"
 #include "volumes/MediaLinks.h"
 #include "volumes/tVoldrake.h"
@@ -15,6 +16,11 @@ void tVoldrake::_ManualScan() {
   _RefreshContentId();
   _RefreshSerialNumber();
   for (const std::string& udi : m_pHalManager->findDeviceByCapability("volume")) _ScanVolume(udi);
+  if (!m_InternalSharePath.empty() && m_pServicePublisher) {
+    m_pServicePublisher->AddServiceNFS(m_InternalSharePath, MEDIA_TYPE_T::kInternalDisk, "",
+                                       m_ContentId.Text(), m_SerialNumber.Text(),
+                                       "Internal HD Charts", true);
+  }
 }
 
 void tVoldrake::_ScanVolume(const std::string& udi) {

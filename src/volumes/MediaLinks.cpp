@@ -18,7 +18,7 @@ struct tDirectoryCloser {
 
 std::string UsbLinkName(const std::string& mountPoint) {
   constexpr std::string_view kDiskPrefix = "/sd";
-  const std::string name = "USB Memory Card";
+  std::string name = "USB Memory Card";
   const size_t disk = mountPoint.rfind(kDiskPrefix);
   if (disk == std::string::npos) return name;
   std::string device = mountPoint.substr(disk + kDiskPrefix.size());

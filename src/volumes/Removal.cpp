@@ -10,6 +10,7 @@
 #include "frame/Text.h"
 #include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
+#include "sharing/ServicePublisher.h"
 #include "storage/HalNames.h"
 #include "storage/tHalManager.h"
 #include "volumes/tVoldrake.h"
@@ -49,6 +50,7 @@ void tVoldrake::_DeviceRemoved(const std::string& udi) {
   m_pMessageClient->PublishDataSource(removal);
   // A link that somebody else took away is as good as deleted.
   if (!entry->LinkPath.empty()) unlink(entry->LinkPath.c_str());
+  m_pServicePublisher->RemoveServiceNFS(entry->MountPoint);
   m_Volumes.erase(entry);
 }
 

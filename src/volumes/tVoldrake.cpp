@@ -3,11 +3,13 @@
 #include "frame/Assert.h"
 #include "frame/ConfigManager.h"
 #include "messaging/tMessageClient.h"
+#include "sharing/ServiceBrowser.h"
+#include "sharing/ServicePublisher.h"
 #include "storage/MountPointNameManager.h"
 #include "storage/tHalManager.h"
 
 tVoldrake::tVoldrake(tHalManager* pHalManager, ConfigManager* pConfigManager, int32_t clientPort,
-                     std::string internalSharePath, std::string, std::string contentIdFile,
+                     std::string internalSharePath, std::string peerMac, std::string contentIdFile,
                      std::string serialNumberFile, std::string platformFamily, int mmcHostIndex)
     : m_pHalManager(pHalManager),
       m_pConfigManager(pConfigManager),
@@ -21,11 +23,26 @@ tVoldrake::tVoldrake(tHalManager* pHalManager, ConfigManager* pConfigManager, in
   m_pMountPointNameManager = std::make_unique<CMountPointNameManager>();
   m_pMessageClient = std::make_unique<tMessageClient>(clientPort);
   m_pMessageClient->Start();
+  m_pServicePublisher = std::make_unique<CServicePublisher>(m_Exports);
+  m_pServicePublisher->Start();
+  m_pServiceBrowser = std::make_unique<CServiceBrowser>(this, std::move(peerMac));
+  VOLDRAKE_ASSERT(m_pServiceBrowser != 0);
+  m_pServiceBrowser->Start();
+  m_pServicePublisher->StartPublishing();
   _ManualScan();
 }
 
 tVoldrake::~tVoldrake() {
-  m_pMessageClient->Stop();
+  m_pServiceBrowser->StopBrowsing();
+  m_pServiceBrowser.reset();
+  m_pServicePublisher->Stop();
+  m_pServicePublisher.reset();
+  m_pMessageClient->StopAfterDelivery();
+}
+
+void tVoldrake::Stop() {
+  m_pServicePublisher->StopAndWait();
+  m_pServiceBrowser->StopBrowsing();
 }
 
 void tVoldrake::HalManagerDeviceAddedCb(const char* udi) {

@@ -5,12 +5,17 @@
 #include <string>
 #include <vector>
 
+#include "sharing/ExportTable.h"
+#include "sharing/IServiceBrowserCallback.h"
 #include "storage/HalVolumeInfo.h"
 #include "storage/IHalManagerCallback.h"
+#include "storage/NfsMounter.h"
 #include "volumes/FriendlyName.h"
 #include "volumes/IdentityText.h"
 
 class CMountPointNameManager;
+class CServiceBrowser;
+class CServicePublisher;
 class ConfigManager;
 class tHalManager;
 class tMessageClient;
@@ -24,9 +29,11 @@ class tMessageClient;
 /// unique. Between the request for a mount and the report of it nothing is remembered: a mount that
 /// fails is not tried again until the service reports the device anew.
 ///
-/// Threads: everything here runs on the main thread, so the list has no lock. The workers that this
-/// object owns run on their own threads and are reached through their public operations.
-class tVoldrake : public IHalManagerCallback {
+/// Threads: everything about local volumes runs on the main thread, so the list has no lock. The
+/// remote side (the IServiceBrowserCallback operations) runs on the browser's and the service
+/// list's threads and touches nothing of it. The workers that this object owns are reached through
+/// their public operations.
+class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
  public:
   /// Starts the workers and registers the volumes that are already there. Blocks for as long as the
   /// hardware service takes to describe and mount them.
@@ -35,12 +42,27 @@ class tVoldrake : public IHalManagerCallback {
             std::string internalSharePath, std::string peerMac, std::string contentIdFile,
             std::string serialNumberFile, std::string platformFamily, int mmcHostIndex);
 
-  /// Stops the workers and waits for them.
+  /// Stops the workers and waits for them. The shares that are still there are unmounted and
+  /// reported removed, for which the application gets up to two seconds.
   ~tVoldrake() override;
+
+  /// Stops sharing: withdraws the local volumes, waits for the NFS clients of other units to let go
+  /// (three seconds and more) and stops listening to other units.
+  void Stop();
 
   void HalManagerDeviceAddedCb(const char* udi) override;
   void HalManagerDeviceRemovedCb(const char* udi) override;
   void HalManagerPropertyChangedCb(const char* udi, const char* key) override;
+
+  // RemoteVolumes.cpp
+  void OnPeerFound(const std::string& address) override;
+  bool OnServiceAdded(const NFS_DATA_T& share) override;
+  void OnServiceRemoved(const NFS_DATA_T& share) override;
+
+  /// Carries out what a Unix signal asks for: SIGUSR1 reports every volume again, SIGUSR2 removes
+  /// the volumes and scans again, as if a card had been taken out and put back. False for any other
+  /// signal.
+  virtual bool SignalAction(int signalNumber);
 
  private:
   // Arrival.cpp: from a device of the hardware service to an entry in the list.
@@ -69,12 +91,19 @@ class tVoldrake : public IHalManagerCallback {
   void _ScanVolume(const std::string& udi);
   bool _IsInExclusionList(const HalVolumeInfo& info);
 
+  // Republish.cpp
+  void Republish();
+
   void _PrintHalVolumeInfo(const HalVolumeInfo& info);
 
   tHalManager* const m_pHalManager;
   ConfigManager* const m_pConfigManager;
+  tExportTable m_Exports;  ///< used by the publisher
   std::unique_ptr<CMountPointNameManager> m_pMountPointNameManager;
   std::unique_ptr<tMessageClient> m_pMessageClient;
+  std::unique_ptr<CServicePublisher> m_pServicePublisher;
+  std::unique_ptr<CServiceBrowser> m_pServiceBrowser;
+  CNfsMounter m_NfsMounter;
   std::vector<HalVolumeInfo> m_Volumes;  ///< in the order in which they were added
   const std::string m_InternalSharePath;
   tIdentityText m_ContentId;

@@ -1,0 +1,66 @@
+#include "storage/NfsMounter.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "frame/FileSystem.h"
+#include "frame/Log.h"
+#include "frame/Shell.h"
+#include "frame/Text.h"
+#include "sharing/NfsData.h"
+#include "storage/HalVolumeInfo.h"
+#include "storage/RemoteMountPath.h"
+
+namespace {
+
+/// Makes the mount directory. True when a file system is mounted there already.
+bool PrepareDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), 0700) == 0) return false;
+  if (errno != EEXIST) {
+    Log("ERROR Failed to create directory '" + Printable(path) + "' with error ", kLogError);
+    return false;
+  }
+  if (RunCommand("mountpoint -q " + ShellWord(path)) != 0) return false;
+  Log("Mountpoint: '" + Printable(path) + "' is already mounted.", kLogInfo);
+  return true;
+}
+
+}  // namespace
+
+bool CNfsMounter::MountRemoteShare(const NFS_DATA_T& share, std::string& mountPath) {
+  mountPath = MakeRemoteMountPath(share.path);
+  const bool mounted = PrepareDirectory(mountPath);
+  const std::string mode = share.fromPeer && !share.readOnly ? "rw" : "ro";
+  const std::string command = mounted ? "mount -o remount," + mode + " " + ShellWord(mountPath)
+                                      : "mount -t nfs -o " + mode +
+                                            ",rsize=1280,soft,udp,noatime,nodiratime " +
+                                            ShellWord(share.path) + " " + ShellWord(mountPath);
+  const int status = RunCommand(command);
+  if (status == 0) {
+    Log("Mount command: '" + Printable(command) + "' PASS", kLogInfo);
+    return true;
+  }
+  Log("Mount command: '" + Printable(command) + "' FAIL with error " + std::to_string(status),
+      kLogError);
+  return false;
+}
+
+bool CNfsMounter::UnmountRemoteShare(const NFS_DATA_T& share, std::string& mountPath) {
+  mountPath = MakeRemoteMountPath(share.path);
+  const std::string command = "umount -f -l " + ShellWord(mountPath);
+  const int status = RunCommand(command);
+  RemoveDirectory(mountPath, false);
+  if (status == 0) {
+    Log("Umount command: " + Printable(command) + " PASS", kLogInfo);
+    return true;
+  }
+  Log("Umount command: " + Printable(command) + " FAIL", kLogError);
+  return false;
+}
+
+bool CNfsMounter::UnmountVolume(const HalVolumeInfo& info) {
+  const int status = RunCommand("umount " + ShellWord(info.MountPoint));
+  RemoveDirectory(info.MountPoint, false);
+  return status == 0;
+}
