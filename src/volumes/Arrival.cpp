@@ -52,7 +52,10 @@ void tVoldrake::_DeviceAdded(const std::string& udi) {
     return;
   }
   std::string name;
-  const bool mounted = _RequestMount(info, "DeviceAdded: failed to remove ", name);
+  const bool RetVal = m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice);
+  if (!RetVal) Log("_DeviceAdded: GetNextMountPointName failed", kLogError);
+  VOLDRAKE_ASSERT(RetVal == true);
+  const bool mounted = _RequestMount(info, name, "DeviceAdded: failed to remove ");
   const std::string request = Printable(udi + " " + name + " " + info.FileSystemType);
   if (mounted) {
     Log("_DeviceAdded: MountVolume success: " + request, kLogInfo);
@@ -61,11 +64,8 @@ void tVoldrake::_DeviceAdded(const std::string& udi) {
   }
 }
 
-bool tVoldrake::_RequestMount(const HalVolumeInfo& info, const char* leftoverWarning,
-                              std::string& name) {
-  const bool RetVal = m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice);
-  if (!RetVal) Log("_DeviceAdded: GetNextMountPointName failed", kLogError);
-  VOLDRAKE_ASSERT(RetVal == true);
+bool tVoldrake::_RequestMount(const HalVolumeInfo& info, const std::string& name,
+                              const char* leftoverWarning) {
   if (IsLeftover(name) &&
       RemoveDirectory(kMediaPrefix + name, true, tLinkPolicy::kDoNotFollow) != 0) {
     Log(leftoverWarning + (kMediaPrefix + Printable(name)), kLogWarning);

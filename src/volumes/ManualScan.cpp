@@ -1,10 +1,12 @@
 // The volumes that are there without an event: tVoldrake's scan at start-up and after a simulated
 // re-insertion, and the test that keeps some volumes away altogether.
 
+#include "frame/Assert.h"
 #include "frame/ConfigManager.h"
 #include "frame/Log.h"
 #include "frame/Text.h"
 #include "sharing/ServicePublisher.h"
+#include "storage/MountPointNameManager.h"
 #include "storage/tHalManager.h"
 #include "volumes/MediaLinks.h"
 #include "volumes/tVoldrake.h"
@@ -43,8 +45,10 @@ void tVoldrake::_ScanVolume(const std::string& udi) {
     return;
   }
   std::string name;
-  // The service reports the mount as an event, and logs its own refusal.
-  static_cast<void>(_RequestMount(info, "ManualScan: failed to remove ", name));
+  const bool RetVal = m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice);
+  VOLDRAKE_ASSERT(RetVal == true);
+  // The service reports the mount as an event, and its refusal has been logged.
+  _RequestMount(info, name, "ManualScan: failed to remove ");
 }
 
 bool tVoldrake::_IsInExclusionList(const HalVolumeInfo& info) {

@@ -68,9 +68,11 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   // Arrival.cpp: from a device of the hardware service to an entry in the list.
   void _DeviceAdded(const std::string& udi);
   void _DeviceMounted(const std::string& udi);
-  /// Gives the volume its mount-point name and has it mounted. `leftoverWarning` goes before the
-  /// path of a leftover that cannot be deleted. `name` receives the mount-point name.
-  bool _RequestMount(const HalVolumeInfo& info, const char* leftoverWarning, std::string& name);
+  /// Has the volume mounted under `name`, after clearing away what an earlier run left there;
+  /// `leftoverWarning` goes before the path of a leftover that cannot be deleted. True when the
+  /// hardware service agreed.
+  bool _RequestMount(const HalVolumeInfo& info, const std::string& name,
+                     const char* leftoverWarning);
   /// Looks the volume up in the USB map; when it is in a supported card reader, also reads the
   /// card's CID into the record. On a match `*pMatch` receives the entry, unless `pMatch` is null.
   void _FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatch>* pMatch);
