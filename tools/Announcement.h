@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace tools {
+
+// The datagram with which a unit announces or withdraws one share, all numbers little-endian:
+//
+//   offset        size  field
+//   0             4     magic, 0x12345678
+//   4             2     version, 1
+//   6             2     message type: 1 announces, 2 withdraws
+//   8             2     constant 1000
+//   10            2     media type
+//   12            2     read-only: 0 writable, anything else read-only
+//   14, 16, 18    2     lengths of the three texts, each with its zero byte
+//   20                  path, key, friendly name, each ended by a zero byte; nothing follows
+//
+// At most 1,500 bytes. An empty datagram only keeps the sender's hardware address known to a peer.
+
+inline constexpr const char* kAnnouncementGroup = "224.1.1.1";
+inline constexpr std::uint16_t kAnnouncementPort = 10000;
+inline constexpr std::size_t kAnnouncementHeaderBytes = 20;
+inline constexpr std::size_t kMaxAnnouncementBytes = 1500;
+
+inline constexpr std::uint16_t kTypeAnnounce = 1;
+inline constexpr std::uint16_t kTypeWithdraw = 2;
+
+/// One announcement. Texts are bytes from the network or for it.
+struct Announcement {
+  std::uint16_t type = kTypeAnnounce;
+  std::uint16_t mediaType = 1;
+  bool readOnly = false;
+  std::string path{};
+  std::string key{};
+  std::string friendlyName{};
+
+  bool operator==(const Announcement&) const = default;
+};
+
+/// The datagram of an announcement; nothing when it would be too long.
+/// Requires: no text holds a zero byte.
+[[nodiscard]] std::optional<std::string> EncodeAnnouncement(const Announcement& announcement);
+
+/// Reads a datagram strictly: every field must be as a unit writes it. Otherwise nothing, with
+/// `fault` set to an ASCII reason.
+[[nodiscard]] std::optional<Announcement> DecodeAnnouncement(std::string_view datagram,
+                                                             std::string& fault);
+
+/// Whether a unit takes the datagram for an announcement: it asks for 21 bytes and the magic only,
+/// and cuts the texts at their zero bytes.
+[[nodiscard]] bool IsTakenByUnits(std::string_view datagram);
+
+}  // namespace tools

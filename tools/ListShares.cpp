@@ -1,0 +1,149 @@
+#include "tools/ListShares.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include "tools/AnnouncementListener.h"
+#include "tools/MainLoop.h"
+#include "tools/Output.h"
+#include "tools/ProgramOptions.h"
+#include "tools/ShareFormat.h"
+
+namespace tools {
+
+namespace {
+
+constexpr const char* kSummary =
+    "Shows the shares that units announce on the network as they come and go.\n"
+    "Two further commands send announcements, for tests:\n"
+    "  voldrake-shares announce --help\n"
+    "  voldrake-shares withdraw --help";
+
+constexpr guint kTickMs = 100;
+constexpr std::size_t kMaxShares = 4096;
+
+struct Options {
+  gboolean json = FALSE;
+  double onceSeconds = 0;
+  char* interface = nullptr;
+};
+
+bool ReadListOptions(int argc, char* argv[], Options& options) {
+  const GOptionEntry entries[] = {
+      {"json", 0, 0, G_OPTION_ARG_NONE, &options.json,
+       "One JSON object a line; each character of a text is one byte of it", nullptr},
+      {"once", 0, 0, G_OPTION_ARG_DOUBLE, &options.onceSeconds,
+       "Listen for so long, list what is there, and end", "SECONDS"},
+      {"interface", 0, 0, G_OPTION_ARG_FILENAME, &options.interface,
+       "Listen on this interface (default: as the routes say)", "NAME"},
+      GOptionEntry{}};
+  if (!ReadOptions(argc, argv, kSummary, entries)) return false;
+  if (!(options.onceSeconds >= 0 && options.onceSeconds <= 86400)) {
+    Complain("the seconds must be 0 to 86400");
+    return false;
+  }
+  return true;
+}
+
+/// Follows the announcements and shows what changes.
+class Watcher {
+ public:
+  Watcher(const Options& options, MainLoop& loop) : options_(options), loop_(loop) {}
+
+  /// Takes one datagram. An empty one announces nothing and is passed over.
+  void Hear(const std::string& sender, std::string_view datagram) {
+    if (datagram.empty()) return;
+    std::string fault;
+    const auto announcement = DecodeAnnouncement(datagram, fault);
+    if (!announcement) {
+      ++malformed_;
+      const auto time = WallTime::clock::now();
+      Show(options_.json ? MalformedJsonText(sender, datagram, fault, time)
+                         : MalformedTableText(sender, datagram, fault, time));
+    } else if (const auto event = table_.Heard({sender, *announcement}, ShareTable::Clock::now())) {
+      Show(*event);
+    }
+  }
+
+  void Tick() {
+    for (const ShareEvent& event : table_.Expire(ShareTable::Clock::now())) Show(event);
+  }
+
+  /// Lists what is there.
+  void ShowPresent() {
+    std::string text;
+    const auto time = WallTime::clock::now();
+    for (const Share& share : table_.Present()) {
+      text += options_.json ? JsonText(share, time) : TableText(share);
+    }
+    failed_ = !Print(text);
+    if (malformed_ != 0) Complain(std::to_string(malformed_) + " malformed datagrams");
+  }
+
+  [[nodiscard]] bool Failed() const { return failed_; }
+
+ private:
+  void Show(const ShareEvent& event) {
+    const auto time = WallTime::clock::now();
+    Show(options_.json ? JsonText(event, time) : TableText(event, time));
+  }
+
+  void Show(const std::string& text) {
+    if (options_.onceSeconds > 0 || failed_) return;
+    failed_ = !Print(text);
+    if (failed_) loop_.Quit();
+  }
+
+  const Options options_;
+  MainLoop& loop_;
+  ShareTable table_{kMaxShares};
+  std::size_t malformed_ = 0;
+  bool failed_ = false;
+};
+
+gboolean OnTick(gpointer watcher) {
+  static_cast<Watcher*>(watcher)->Tick();
+  return G_SOURCE_CONTINUE;
+}
+
+gboolean OnTimeIsUp(gpointer loop) {
+  static_cast<MainLoop*>(loop)->Quit();
+  return G_SOURCE_CONTINUE;
+}
+
+EventSource Timer(guint milliseconds, GSourceFunc function, gpointer data) {
+  GSource* source = g_timeout_source_new(milliseconds);
+  g_source_set_callback(source, function, data, nullptr);
+  return EventSource(source);
+}
+
+}  // namespace
+
+int ListShares(int argc, char* argv[]) {
+  Options options;
+  if (!ReadListOptions(argc, argv, options)) return EXIT_FAILURE;
+  const g_autofree char* interface = options.interface;
+
+  MainLoop loop;
+  Watcher watcher(options, loop);
+  AnnouncementListener listener([&](const std::string& sender, std::string_view datagram) {
+    watcher.Hear(sender, datagram);
+  });
+  if (std::string error; !listener.Join(interface, error)) {
+    Complain(error);
+    return EXIT_FAILURE;
+  }
+  const EventSource tick = Timer(kTickMs, OnTick, &watcher);
+  EventSource end;
+  if (options.onceSeconds > 0) {
+    end = Timer(static_cast<guint>(options.onceSeconds * 1000), OnTimeIsUp, &loop);
+  } else {
+    Complain("listening");
+  }
+  loop.Run();
+  if (options.onceSeconds > 0) watcher.ShowPresent();
+  return watcher.Failed() ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+}  // namespace tools

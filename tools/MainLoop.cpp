@@ -1,0 +1,33 @@
+#include "tools/MainLoop.h"
+
+#include <glib-unix.h>
+
+#include <csignal>
+
+namespace tools {
+
+namespace {
+
+gboolean OnSignal(gpointer loop) {
+  g_main_loop_quit(static_cast<GMainLoop*>(loop));
+  return G_SOURCE_CONTINUE;
+}
+
+EventSource QuitOn(int signal, GMainLoop* loop) {
+  GSource* source = g_unix_signal_source_new(signal);
+  g_source_set_callback(source, OnSignal, loop, nullptr);
+  return EventSource(source);
+}
+
+}  // namespace
+
+MainLoop::MainLoop()
+    : loop_(g_main_loop_new(nullptr, FALSE)),
+      terminate_(QuitOn(SIGTERM, loop_)),
+      interrupt_(QuitOn(SIGINT, loop_)) {}
+
+MainLoop::~MainLoop() {
+  g_main_loop_unref(loop_);
+}
+
+}  // namespace tools

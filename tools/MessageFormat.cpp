@@ -1,0 +1,88 @@
+#include "tools/MessageFormat.h"
+
+#include <limits>
+
+#include "tools/Printable.h"
+#include "tools/TimeText.h"
+
+namespace tools {
+
+namespace {
+
+constexpr std::size_t kTableDumpRows = 16;
+constexpr std::size_t kKindWidth = 9;
+constexpr std::size_t kPathWidth = 22;
+constexpr std::size_t kNameWidth = 24;
+constexpr std::size_t kTypeWidth = 12;
+constexpr std::size_t kFlagWidth = 6;
+
+const char* Kind(const Received& received) {
+  if (!received.message) return "faulty";
+  return received.message->arrival ? "arrival" : "removal";
+}
+
+std::string Head(const Received& received) {
+  return ClockText(received.time) + "  " + Padded(Kind(received), kKindWidth);
+}
+
+const char* BoolText(bool value) {
+  return value ? "true" : "false";
+}
+
+std::string Attributes(const Message& message) {
+  if (!message.arrival) return Printable(message.path);
+  std::string text = Padded(Printable(message.path), kPathWidth);
+  text += ' ' + Padded(Quoted(message.friendlyName), kNameWidth);
+  text += ' ' + Padded(message.type, kTypeWidth);
+  text += "readonly=" + Padded(BoolText(message.readOnly), kFlagWidth);
+  text += "remote=" + Padded(BoolText(message.remote), kFlagWidth);
+  text += "fixed=" + Padded(BoolText(message.fixed), kFlagWidth);
+  text += "key=" + Quoted(message.key);
+  text += " contentid=" + Quoted(message.contentId);
+  text += " serialnumber=" + Quoted(message.serialNumber);
+  return text;
+}
+
+std::string JsonAttributes(const Message& message) {
+  std::string text = R"(,"message":)" + JsonString(message.arrival ? "arrival" : "removal");
+  text += R"(,"path":)" + JsonString(message.path);
+  if (!message.arrival) return text;
+  text += R"(,"type":)" + JsonString(message.type);
+  text += R"(,"key":)" + JsonString(message.key);
+  text += R"(,"contentid":)" + JsonString(message.contentId);
+  text += R"(,"serialnumber":)" + JsonString(message.serialNumber);
+  text += R"(,"friendlyname":)" + JsonString(message.friendlyName);
+  text += std::string(R"(,"remote":)") + BoolText(message.remote);
+  text += std::string(R"(,"readonly":)") + BoolText(message.readOnly);
+  text += std::string(R"(,"fixed":)") + BoolText(message.fixed);
+  return text;
+}
+
+}  // namespace
+
+std::string TableText(const Received& received) {
+  if (received.message) return Head(received) + Attributes(*received.message) + "\n";
+  return Head(received) + Printable(received.fault) + "\n" +
+         HexDump(received.bytes, kTableDumpRows);
+}
+
+std::string JsonText(const Received& received) {
+  std::string line = R"({"time":)" + JsonString(IsoText(received.time)) + R"(,"well_formed":)" +
+                     BoolText(received.message.has_value());
+  if (received.message) {
+    line += JsonAttributes(*received.message);
+  } else {
+    line += R"(,"reason":)" + JsonString(received.fault) + R"(,"bytes":")" +
+            HexDigits(received.bytes) + '"';
+  }
+  if (received.text) line += R"(,"text":)" + JsonString(*received.text);
+  return line + "}\n";
+}
+
+std::string RawText(const Received& received) {
+  std::string line = Head(received) + std::to_string(received.bytes.size()) + " bytes";
+  if (!received.message) line += ": " + Printable(received.fault);
+  return line + "\n" + HexDump(received.bytes, std::numeric_limits<std::size_t>::max());
+}
+
+}  // namespace tools

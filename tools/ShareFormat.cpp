@@ -1,0 +1,86 @@
+#include "tools/ShareFormat.h"
+
+#include "tools/Printable.h"
+#include "tools/TimeText.h"
+
+namespace tools {
+
+namespace {
+
+constexpr std::size_t kDumpRows = 16;
+constexpr std::size_t kEventWidth = 11;
+constexpr std::size_t kSourceWidth = 34;
+constexpr std::size_t kNameWidth = 24;
+
+const char* Word(ShareChange change) {
+  switch (change) {
+    case ShareChange::Appeared:
+      return "appeared";
+    case ShareChange::Changed:
+      return "changed";
+    case ShareChange::Withdrawn:
+      return "withdrawn";
+    case ShareChange::Silent:
+      return "silent";
+    case ShareChange::NoRoom:
+      return "no-room";
+  }
+  return "";
+}
+
+std::string Head(const char* event, WallTime time) {
+  return ClockText(time) + "  " + Padded(event, kEventWidth);
+}
+
+std::string JsonHead(const char* event, const std::string& sender, WallTime time) {
+  return R"({"time":)" + JsonString(IsoText(time)) + R"(,"event":)" + JsonString(event) +
+         R"(,"sender":)" + JsonString(sender);
+}
+
+std::string JsonFields(const Announcement& announcement) {
+  return R"(,"path":)" + JsonString(announcement.path) + R"(,"key":)" +
+         JsonString(announcement.key) + R"(,"friendlyname":)" +
+         JsonString(announcement.friendlyName) + R"(,"mediatype":)" +
+         std::to_string(announcement.mediaType) + R"(,"readonly":)" +
+         (announcement.readOnly ? "true" : "false") + "}\n";
+}
+
+}  // namespace
+
+std::string TableText(const Share& share) {
+  const Announcement& announcement = share.announcement;
+  return Padded(Printable(share.sender + ":" + announcement.path), kSourceWidth) + ' ' +
+         Padded(Quoted(announcement.friendlyName), kNameWidth) + ' ' +
+         (announcement.readOnly ? "read-only" : "writable ") +
+         "  media=" + std::to_string(announcement.mediaType) + " key=" + Quoted(announcement.key) +
+         "\n";
+}
+
+std::string TableText(const ShareEvent& event, WallTime time) {
+  return Head(Word(event.change), time) + TableText(event.share);
+}
+
+std::string JsonText(const ShareEvent& event, WallTime time) {
+  return JsonHead(Word(event.change), event.share.sender, time) +
+         JsonFields(event.share.announcement);
+}
+
+std::string JsonText(const Share& share, WallTime time) {
+  return JsonHead("present", share.sender, time) + JsonFields(share.announcement);
+}
+
+std::string MalformedTableText(const std::string& sender, std::string_view datagram,
+                               const std::string& fault, WallTime time) {
+  return Head("malformed", time) + "from " + Printable(sender) + ": " + Printable(fault) +
+         (IsTakenByUnits(datagram) ? "; units take it nevertheless\n" : "\n") +
+         HexDump(datagram, kDumpRows);
+}
+
+std::string MalformedJsonText(const std::string& sender, std::string_view datagram,
+                              const std::string& fault, WallTime time) {
+  return JsonHead("malformed", sender, time) + R"(,"reason":)" + JsonString(fault) +
+         R"(,"taken_by_units":)" + (IsTakenByUnits(datagram) ? "true" : "false") + R"(,"bytes":")" +
+         HexDigits(datagram) + "\"}\n";
+}
+
+}  // namespace tools
