@@ -40,12 +40,12 @@ class tMessageClient : public tThread {
  protected:
   void run() override EXCLUDES(m_QueueLock);
 
+  /// Tries to send the oldest text. True when all of it was sent. Blocks for at most `timeout`.
+  bool _DeliverOne(std::chrono::milliseconds timeout) EXCLUDES(m_QueueLock);
+
  private:
   /// Counts a tick. True when it is one that tries to deliver.
   bool _AttemptIsDue() EXCLUDES(m_QueueLock);
-
-  /// Tries to send the oldest text. True when all of it was sent. Blocks for at most `timeout`.
-  bool _DeliverOne(std::chrono::milliseconds timeout) EXCLUDES(m_QueueLock);
 
   /// Moves the oldest text out. False when there is none.
   bool _TakeOldest(std::string& text) EXCLUDES(m_QueueLock);

@@ -35,9 +35,9 @@ class CServiceList : public tThread {
 
  protected:
   void run() override EXCLUDES(m_Mutex);
+  void _CountDown() EXCLUDES(m_Mutex);
 
  private:
-  void _CountDown() EXCLUDES(m_Mutex);
   void _RemoveAll() EXCLUDES(m_Mutex);
 
   IServiceBrowserCallback* const m_pCallback;

@@ -54,15 +54,15 @@ class CServicePublisher : public tThread {
 
  protected:
   void run() override EXCLUDES(m_Exports.mutex);
-
- private:
   void _AnnounceAll(CNfsServiceMessage& message) REQUIRES(m_Exports.mutex);
-  void _KeepPeerAlive() REQUIRES(m_Exports.mutex);
-  void _FlushOnThirdPassWithPeer() REQUIRES(m_Exports.mutex);
-  void _WithdrawAll() EXCLUDES(m_Exports.mutex);
 
   /// True when the link-local address came, went or changed since the last look.
   bool _IsNetWorkReConfigured() EXCLUDES(m_Exports.mutex);
+
+ private:
+  void _KeepPeerAlive() REQUIRES(m_Exports.mutex);
+  void _FlushOnThirdPassWithPeer() REQUIRES(m_Exports.mutex);
+  void _WithdrawAll() EXCLUDES(m_Exports.mutex);
   bool _OpenTransmitSocket(in_addr_t address) REQUIRES(m_Exports.mutex);
 
   /// Exports one volume to those who may have it, if the network is ready.

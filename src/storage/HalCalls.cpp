@@ -54,7 +54,6 @@ tDBusMessage tHalManager::_CallHal(DBusMessage* call, const char* operation) {
     Log(LogText(operation, "reply message NULL"), kLogWarning);
     return nullptr;
   }
-  if (const char* sender = dbus_message_get_sender(reply.get())) m_HalOwner = sender;
   return reply;
 }
 

@@ -5,6 +5,8 @@
 
 #include <dbus/dbus-glib-lowlevel.h>
 
+#include <string_view>
+
 #include "frame/Assert.h"
 #include "frame/Log.h"
 #include "frame/Text.h"
@@ -79,6 +81,9 @@ void tHalManager::InstallCallback(IHalManagerCallback* pCallback) {
 DBusHandlerResult tHalManager::dBusHandler(DBusConnection*, DBusMessage* message, void*) {
   Log("dBusHandler()", kLogDebug);
   tHalManager* const self = getInstance();
+  if (dbus_message_is_signal(message, DBUS_INTERFACE_LOCAL, "Disconnected")) {
+    Log("HAL: Connection - lost", kLogError);
+  }
 
   void (tHalManager::*handle)(DBusMessage*) = nullptr;
   if (dbus_message_is_signal(message, kHalDeviceInterface, "PropertyModified")) {
@@ -90,11 +95,10 @@ DBusHandlerResult tHalManager::dBusHandler(DBusConnection*, DBusMessage* message
   }
   if (handle == nullptr) return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 
-  const char* sender = dbus_message_get_sender(message);
-  if (self->_IsFromHal(sender)) {
+  if (self->_IsFromHal(message)) {
     (self->*handle)(message);
   } else {
-    // The match rules filter broadcasts only; anybody may send a signal straight to this process.
+    const char* sender = dbus_message_get_sender(message);
     Log(std::string("dBusHandler: ") + dbus_message_get_member(message) + " from " +
             (sender != nullptr ? sender : "nobody") + ", who is not " + kHalService + ", dropped",
         kLogWarning);
@@ -102,9 +106,10 @@ DBusHandlerResult tHalManager::dBusHandler(DBusConnection*, DBusMessage* message
   return DBUS_HANDLER_RESULT_NOT_YET_HANDLED;
 }
 
-bool tHalManager::_IsFromHal(const char* sender) {
+bool tHalManager::_IsFromHal(DBusMessage* signal) {
+  const char* sender = dbus_message_get_sender(signal);
   if (sender == nullptr) return false;
-  if (m_HalOwner == sender) return true;
+  if (dbus_message_get_destination(signal) == nullptr) return true;
 
   const tDBusMessage call(dbus_message_new_method_call(DBUS_SERVICE_DBUS, DBUS_PATH_DBUS,
                                                        DBUS_INTERFACE_DBUS, "GetNameOwner"));
@@ -121,8 +126,7 @@ bool tHalManager::_IsFromHal(const char* sender) {
                                        DBUS_TYPE_INVALID)) {
     return false;
   }
-  m_HalOwner = owner;
-  return m_HalOwner == sender;
+  return std::string_view(owner) == sender;
 }
 
 namespace {

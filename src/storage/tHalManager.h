@@ -93,9 +93,9 @@ class tHalManager {
   bool _Mount(const char* udi, const std::string& mountPoint, const std::string& fsType,
               const std::vector<std::string>& options);
 
-  /// True when `sender` owns the service's name. The owner is known from the service's replies;
-  /// only an unknown sender costs a question to the bus.
-  bool _IsFromHal(const char* sender);
+  /// True when the service itself sent this signal. A broadcast comes only through the match rules,
+  /// whose sender the bus has checked; of a signal sent straight to this process the bus is asked.
+  bool _IsFromHal(DBusMessage* signal);
 
   void _HandlePropertyModified(DBusMessage* message);
   void _HandleDeviceAdded(DBusMessage* message);
@@ -108,5 +108,4 @@ class tHalManager {
 
   DBusConnection* m_pConnection = nullptr;
   IHalManagerCallback* m_pCallback = nullptr;
-  std::string m_HalOwner;  ///< unique bus name that the service was last heard under
 };
