@@ -90,7 +90,8 @@ void tVoldrake::_FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatc
   if (info.BusType.find("usb") == std::string::npos) return;
   for (const auto& [usbid, entry] : m_pConfigManager->GetUsbMap()) {
     if (info.USBHub.find(usbid) != std::string::npos) {
-      Log("_DeviceMounted: HalVolumeInfo.USBHub " + info.USBHub + " matches " + usbid, kLogInfo);
+      Log("_DeviceMounted: HalVolumeInfo.USBHub " + Printable(info.USBHub) + " matches " + usbid,
+          kLogInfo);
     } else if (IsSmscCardReader(info.VendorId, info.ProductId)) {
       Log("_DeviceMounted: HalVolumeInfo.VendorId/ProductId matches SMSC support for id " + usbid,
           kLogInfo);
