@@ -13,6 +13,7 @@
 #include "frame/FileDescriptor.h"
 #include "frame/Log.h"
 #include "frame/SystemCall.h"
+#include "frame/Text.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ constexpr const char* kWhiteSpace = " \t\n\v\f\r";
 
 int RemoveTreeEntry(const char* path, const struct stat*, int, FTW*) {
   const int result = remove(path);
-  if (result != 0) Log(std::string("Failed to remove ") + path, kLogWarning);
+  if (result != 0) Log("Failed to remove " + Printable(path), kLogWarning);
   return result;
 }
 
@@ -34,7 +35,8 @@ int RemoveDirectory(const std::string& path, bool recursive, tLinkPolicy links) 
     return nftw(path.c_str(), RemoveTreeEntry, kTreeWalkDescriptors, flags);
   }
   if (rmdir(path.c_str()) == 0 || errno == ENOENT) return 0;
-  Log("Failed to remove " + path + ": " + strerror(errno), kLogWarning);
+  const std::string reason = strerror(errno);
+  Log("Failed to remove " + Printable(path) + ": " + reason, kLogWarning);
   return -1;
 }
 

@@ -1,0 +1,145 @@
+"""The display application: a listener in the unit's network that lives in this process."""
+
+import enum
+import socket
+import struct
+import threading
+import time
+
+from testbed import timeouts
+from testbed.frame import BadFrame, Frame, Message
+from testbed.sandbox import Sandbox
+from testbed.tape import Channel, Mark, Tape, Wanted
+
+
+class Mode(enum.Enum):
+    """How the application treats a connection."""
+
+    READ = "reads it to its end"
+    NEVER_READ = "accepts it and never reads"
+    RESET = "accepts it and resets it at once"
+    CLOSE_EARLY = "reads a few bytes and closes it"
+    NEVER_ACCEPT = "lets it wait for ever: the kernel's queue is full, so connecting hangs"
+
+
+class Application:
+    """Records every frame on channel "app": the text is the message's, the data a `Frame`.
+
+    A connection that is not read to its end is an event without data. Absent until `listen`.
+    """
+
+    def __init__(self, sandbox: Sandbox, tape: Tape, port: int = 8080) -> None:
+        self.events = Channel(tape, "app")
+        self.port = port
+        self._sandbox = sandbox
+        self._listener: socket.socket | None = None
+        self._threads: list[threading.Thread] = []
+        self._held: list[socket.socket] = []
+
+    def listen(self, mode: Mode = Mode.READ) -> None:
+        """Be there, in this mode; connections succeed on return. Replaces an earlier mode."""
+        self.leave()
+        self.events.record(f"(listening: {mode.value})")
+        backlog = 0 if mode is Mode.NEVER_ACCEPT else 64
+        self._listener = self._sandbox.in_network(
+            lambda: socket.create_server(("127.0.0.1", self.port), backlog=backlog))
+        if mode is Mode.NEVER_ACCEPT:
+            self._fill_queue()
+        else:
+            self._in_thread(self._accept, self._listener, mode)
+
+    def leave(self) -> None:
+        """Be absent: connections are refused. Frames that were under way are recorded first."""
+        if not self._listener:
+            return
+        self._listener.shutdown(socket.SHUT_RDWR)  # ends the accepting thread
+        for held in self._held:
+            held.close()
+        self._held.clear()
+        for thread in self._threads:
+            thread.join(timeouts.STOP)
+        self._threads.clear()
+        self._listener.close()
+        self._listener = None
+        self.events.record("(absent)")
+
+    def expect_message(self, kind: str, timeout: float = timeouts.EVENT,
+                       **attributes: str) -> Message:
+        """Wait for a message of this kind with (at least) these attributes; others are skipped."""
+        event = self.events.expect(
+            Wanted(f"{kind} {attributes}", lambda event: isinstance(event.data, Frame)
+                   and _fits(event.data, kind, attributes)), timeout)
+        return event.data.message()
+
+    def next_frame(self, timeout: float = timeouts.EVENT) -> Frame:
+        """The next frame after the cursor, whatever is in it."""
+        return self.events.expect(
+            Wanted("any frame", lambda event: isinstance(event.data, Frame)), timeout).data
+
+    def next_text(self, timeout: float = timeouts.EVENT) -> str:
+        """The text of the next frame. Raises BadFrame."""
+        return self.next_frame(timeout).text()
+
+    def frames(self, since: Mark = Mark(0)) -> list[Frame]:
+        """The frames that came after the mark, in order."""
+        return [event.data for event in self.events.since(since) if event.data]
+
+    def _accept(self, listener: socket.socket, mode: Mode) -> None:
+        while True:
+            try:
+                connection, _ = listener.accept()
+            except OSError:
+                return  # not listening any more
+            accepted = time.monotonic()
+            if mode is Mode.READ:
+                self._read(connection, accepted)  # one after the other, so that their order holds
+                continue
+            self.events.record(f"(a connection; {mode.value})")
+            if mode is Mode.NEVER_READ:
+                self._held.append(connection)
+            elif mode is Mode.RESET:
+                connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+                connection.close()
+            else:
+                with connection:
+                    connection.recv(8)
+
+    def _read(self, connection: socket.socket, accepted: float) -> None:
+        raw = b""
+        with connection:
+            connection.settimeout(timeouts.STOP)
+            try:
+                while piece := connection.recv(65536):
+                    raw += piece
+            except OSError as error:
+                self.events.record(f"(connection broken: {error}; got {raw.hex(' ')})")
+                return
+        frame = Frame(raw, accepted, time.monotonic())
+        try:
+            self.events.record(frame.text(), frame)
+        except BadFrame as error:
+            self.events.record(f"(malformed frame: {error})", frame)
+
+    def _fill_queue(self) -> None:
+        """Connect until the kernel lets a connection hang."""
+        while True:
+            filler = self._sandbox.in_network(socket.socket)
+            self._held.append(filler)
+            filler.settimeout(0.2)
+            try:
+                filler.connect(("127.0.0.1", self.port))
+            except TimeoutError:
+                return
+
+    def _in_thread(self, body, *arguments) -> None:
+        thread = threading.Thread(target=body, args=arguments, daemon=True)
+        self._threads.append(thread)
+        thread.start()
+
+
+def _fits(frame: Frame, kind: str, attributes: dict[str, str]) -> bool:
+    try:
+        message = frame.message()
+    except BadFrame:
+        return False
+    return message.kind == kind and attributes.items() <= message.attributes.items()

@@ -1,0 +1,196 @@
+"""The daemon under test."""
+
+import os
+import re
+import signal
+import threading
+from dataclasses import dataclass
+from pathlib import Path
+
+from testbed import filewatch, target, timeouts
+from testbed.process import Process
+from testbed.sandbox import Sandbox
+from testbed.tape import Channel, Mark, Tape, Wanted
+
+ERROR, WARNING, INFO, DEBUG = 1, 2, 3, 4
+
+LOG_FILE = "/var/log/voldrake.log"
+_LEVELS = {"Error:  ": ERROR, "Warning:": WARNING, "Log:    ": INFO, "Debug:  ": DEBUG}
+_LINE = re.compile(r"(\d\d:\d\d:\d\d): Voldrake: (Error:  |Warning:|Log:    |Debug:  )(.*)")
+
+
+@dataclass(frozen=True)
+class LogLine:
+    """One entry of the log file."""
+
+    clock: str  # "14:03:59"
+    level: int
+    text: str
+
+
+class Daemon:
+    """A `voldrake` inside the sandbox and its log file.
+
+    Channel "log" has the log file's lines as they come (the data is a `LogLine`, or None for
+    what is not one), channel "daemon" its start and its end.
+    """
+
+    def __init__(self, sandbox: Sandbox, tape: Tape) -> None:
+        self.log = Channel(tape, "log")
+        self.events = Channel(tape, "daemon")
+        self.process: Process | None = None
+        self._sandbox = sandbox
+        self._tail = _LogTail(sandbox, self.log)
+
+    def start(self, *arguments: str, environment: dict[str, str] | None = None,
+              log_file: str | None = LOG_FILE, debug_level: int | None = DEBUG) -> None:
+        """Start the daemon with its log in `log_file` at `debug_level`, and more arguments.
+
+        With None that option is not given. It has been started on return, not more: wait for
+        what it does.
+        """
+        options = []
+        if log_file is not None:
+            options += ["--log", log_file]
+        if debug_level is not None:
+            options += ["--debuglevel", str(debug_level)]
+        options += arguments
+        self.events.record(" ".join(["started: voldrake", *options]))
+        self._tail.start(log_file or LOG_FILE)
+        self.process = self._sandbox.spawn([*target.daemon_command(), *options], "voldrake",
+                                           environment=environment)
+
+    def expect_log(self, level: int, text: str | re.Pattern[str],
+                   timeout: float = timeouts.EVENT) -> LogLine:
+        """Wait for a log line of this level whose text is `text`, or matches it in full."""
+        def fits(line: LogLine | None) -> bool:
+            if line is None or line.level != level:
+                return False
+            return line.text == text if isinstance(text, str) else bool(text.fullmatch(line.text))
+        shown = text if isinstance(text, str) else text.pattern
+        return self.log.expect(
+            Wanted(f"level {level}: {shown}", lambda event: fits(event.data)), timeout).data
+
+    def log_lines(self, since: Mark = Mark(0)) -> list[LogLine]:
+        """The log's lines after the mark, in order."""
+        self._tail.drain()
+        return [event.data for event in self.log.since(since) if event.data]
+
+    def logged(self, level: int, text: str, since: Mark = Mark(0)) -> int:
+        """How often this line has been logged after the mark."""
+        return sum((line.level, line.text) == (level, text) for line in self.log_lines(since))
+
+    def wait(self, timeout: float = timeouts.STOP) -> int:
+        """Wait for its end; the exit status, negative for a signal. Its log is complete then."""
+        assert self.process
+        status = self.process.wait(timeout)
+        self._tail.stop()
+        self.events.record(f"ended with status {status}")
+        return status
+
+    def terminate(self, timeout: float = timeouts.STOP) -> int:
+        """SIGTERM; the exit status."""
+        self.signal(signal.SIGTERM)
+        return self.wait(timeout)
+
+    def kill(self) -> int:
+        """SIGKILL; the exit status."""
+        self.signal(signal.SIGKILL)
+        return self.wait()
+
+    def signal(self, number: int) -> None:
+        """Send it a signal."""
+        assert self.process
+        self.events.record(f"signal {signal.Signals(number).name}")
+        self.process.signal(number)
+
+    def running(self) -> bool:
+        """True while it has not ended."""
+        return self.process is not None and self.process.poll() is None
+
+    def stderr(self) -> str:
+        """What it has written to standard error so far."""
+        assert self.process
+        return self.process.stderr()
+
+    def close(self) -> None:
+        """Stop following the log."""
+        self._tail.stop()
+
+
+class _LogTail:
+    """Follows a log file that is opened anew for each line, moved away or deleted at any time."""
+
+    def __init__(self, sandbox: Sandbox, channel: Channel) -> None:
+        self._sandbox = sandbox
+        self._channel = channel
+        self._draining = threading.Lock()
+        self._watch: filewatch.FileWatch | None = None
+        self._path = ""
+        self._file = -1
+        self._rest = b""
+
+    def start(self, path: str) -> None:
+        """Follow this file from its present end. Its directory must exist to be followed live."""
+        self.stop()
+        self._path = str(self._sandbox.path(path))
+        if os.path.isfile(self._path):
+            self._file = os.open(self._path, os.O_RDONLY | os.O_CLOEXEC)
+            os.lseek(self._file, 0, os.SEEK_END)
+        file = Path(self._path)
+        if file.parent.is_dir():
+            self._watch = filewatch.FileWatch(
+                lambda _, name: self.drain() if name == file.name else None)
+            self._watch.add(file.parent, filewatch.MODIFIED | filewatch.APPEARED)
+            self._watch.start()
+
+    def stop(self) -> None:
+        """Record what is there and stop."""
+        if self._watch:
+            self._watch.close()
+            self._watch = None
+        self.drain()
+        self._close()
+        self._path = ""
+
+    def drain(self) -> None:
+        """Record every whole line that is there by now."""
+        with self._draining:
+            while self._path and (self._read_on() or self._reopen()):
+                pass
+
+    def _read_on(self) -> bool:
+        if self._file < 0:
+            return False
+        data = os.read(self._file, 1 << 20)
+        *lines, self._rest = (self._rest + data).split(b"\n")
+        for line in lines:
+            self._record(line.decode("utf-8", "surrogateescape"))
+        return bool(data)
+
+    def _reopen(self) -> bool:
+        """Go to the file that bears the name now; False when that is the one being read."""
+        try:
+            present = os.stat(self._path)
+            if self._file >= 0 and os.path.samestat(present, os.fstat(self._file)):
+                return False
+            if not os.path.isfile(self._path):
+                return False
+            new = os.open(self._path, os.O_RDONLY | os.O_CLOEXEC)
+        except OSError:
+            return False
+        self._read_on()  # what came before the file was moved away
+        self._close()
+        self._file = new
+        return True
+
+    def _close(self) -> None:
+        if self._file >= 0:
+            os.close(self._file)
+        self._file = -1
+        self._rest = b""
+
+    def _record(self, line: str) -> None:
+        match = _LINE.fullmatch(line)
+        entry = LogLine(match[1], _LEVELS[match[2]], match[3]) if match else None
+        self._channel.record(line, entry)

@@ -1,0 +1,130 @@
+"""Programs that run inside a sandbox."""
+
+import os
+import signal
+import subprocess
+import threading
+import time
+from pathlib import Path
+from typing import IO, Callable
+
+from testbed import timeouts
+
+
+class Process:
+    """A program inside a sandbox. Made by `Sandbox.spawn`; ends with the sandbox at the latest.
+
+    Its output goes to `out` and `err`, files outside the sandbox. With `on_line` each line of
+    standard output is also handed to that function as it comes, on a thread of its own.
+    """
+
+    def __init__(self, entry: "subprocess.Popen[bytes]", name: str, out: Path, err: Path,
+                 on_line: Callable[[str], None] | None) -> None:
+        self.name = name
+        self.out = out
+        self.err = err
+        self._entry = entry  # nsenter: it waits for the program and passes its status on
+        self._writing = threading.Lock()
+        self._reader: threading.Thread | None = None
+        if on_line:
+            assert entry.stdout
+            self._reader = threading.Thread(target=self._read, args=(entry.stdout, on_line),
+                                            name=f"{name}-output", daemon=True)
+            self._reader.start()
+        self.pid = self._find_program()
+
+    def poll(self) -> int | None:
+        """Exit status, negative for a signal, or None while it runs."""
+        return self._entry.poll()
+
+    def wait(self, timeout: float = timeouts.STOP) -> int:
+        """Wait for the end and for all output; the exit status, negative for a signal.
+
+        Raises AssertionError when the program still runs after `timeout` seconds.
+        """
+        try:
+            status = self._entry.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"{self.name} still runs after {timeout:g} s") from None
+        if self._reader:
+            self._reader.join(timeouts.STOP)
+        if self._entry.stdin:
+            self._entry.stdin.close()
+        return status
+
+    def signal(self, number: int) -> None:
+        """Send a signal; nothing happens when the program has ended."""
+        if self.pid and self.poll() is None:
+            try:
+                os.kill(self.pid, number)
+            except ProcessLookupError:
+                pass  # it ended just now
+
+    def terminate(self, timeout: float = timeouts.STOP) -> int:
+        """SIGTERM, then `wait`."""
+        self.signal(signal.SIGTERM)
+        return self.wait(timeout)
+
+    def kill(self) -> int:
+        """SIGKILL, then `wait`."""
+        self.signal(signal.SIGKILL)
+        return self.wait()
+
+    def pause(self) -> None:
+        """Stop the program (SIGSTOP) until `resume`."""
+        self.signal(signal.SIGSTOP)
+
+    def resume(self) -> None:
+        """Let a paused program go on."""
+        self.signal(signal.SIGCONT)
+        self._entry.send_signal(signal.SIGCONT)  # it stops itself along with its child
+
+    def write_line(self, line: str) -> None:
+        """Send a line to standard input. Requires: spawned with `stdin=True`."""
+        assert self._entry.stdin
+        with self._writing:
+            self._entry.stdin.write(line.encode("utf-8", "surrogateescape") + b"\n")
+            self._entry.stdin.flush()
+
+    def close_input(self) -> None:
+        """End of file on standard input. Requires: spawned with `stdin=True`."""
+        assert self._entry.stdin
+        self._entry.stdin.close()
+
+    def stdout(self) -> str:
+        """What it has written to standard output so far."""
+        return self.out.read_text("utf-8", "surrogateescape")
+
+    def stderr(self) -> str:
+        """What it has written to standard error so far."""
+        return self.err.read_text("utf-8", "surrogateescape")
+
+    def _read(self, stream: IO[bytes], on_line: Callable[[str], None]) -> None:
+        rest = b""
+        with open(self.out, "ab", buffering=0) as copy, stream:
+            while data := os.read(stream.fileno(), 65536):
+                copy.write(data)
+                *lines, rest = (rest + data).split(b"\n")
+                for line in lines:
+                    on_line(line.decode("utf-8", "surrogateescape"))
+
+    def _find_program(self) -> int | None:
+        """The program's process id out here; None when it has ended already."""
+        children = Path(f"/proc/{self._entry.pid}/task/{self._entry.pid}/children")
+        deadline = time.monotonic() + timeouts.START
+        while time.monotonic() < deadline:
+            try:
+                words = children.read_text().split()
+                if words and _is_replaced(int(words[0]), self._entry.pid):
+                    return int(words[0])
+            except OSError:
+                pass  # between two of its states, or gone
+            if self._entry.poll() is not None:
+                return None
+            time.sleep(0.001)
+        raise AssertionError(f"{self.name} did not start")
+
+
+def _is_replaced(child: int, parent: int) -> bool:
+    """True once the child runs a program of its own instead of the parent's."""
+    return os.readlink(f"/proc/{child}/exe") != os.readlink(f"/proc/{parent}/exe")

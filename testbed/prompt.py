@@ -1,0 +1,91 @@
+"""The demo's prompt."""
+
+import readline  # noqa: F401  (gives `input` its line editing)
+from typing import Callable
+
+from testbed.hal import CommandFailed
+from testbed.stage import Stage
+from testbed.tape import NotSeen
+from testbed.timeline import Timeline
+
+_HELP = """\
+  plug usb NAME [port=1-1.3] [label=TEXT] [readonly] ...   a USB stick
+  plug sd NAME [host=0] [cid=...] [label=TEXT] ...         an SD card
+  plug volume NAME [label=TEXT] ...                        one more partition on a stick
+  pull NAME                                                what was plugged goes
+  list                                                     what is plugged, mounted and linked
+  away, back                                               the display application goes, comes back
+  log [LINES]                                              the end of the daemon's log
+  help, quit
+
+  A stick in port 1-1.4 is called Chart Port by the configuration; /dev/sdc1 is ignored.
+  Every other command of docs/halsim.md works too: mount, unmount, remount, set, fail, delay, ..."""
+
+
+def run(stage: Stage, timeline: Timeline) -> int:
+    """Read commands until `quit` or the end of input; the daemon's exit status."""
+    commands: dict[str, Callable[[Stage, list[str]], None]] = {
+        "list": _list, "log": _log, "away": lambda stage, _: stage.monitor.stop(),
+        "back": _back, "help": lambda *_: print(_HELP)}
+    stage.start_daemon()
+    timeline.show()
+    print('\n"help" shows what can be done.')
+    while (line := _read()) is not None:
+        words = line.split()
+        if words[:1] == ["quit"]:
+            break
+        if words and words[0] in commands:
+            commands[words[0]](stage, words[1:])
+        elif words and not words[0].startswith("#"):
+            _hardware(stage, line)
+        timeline.show()
+    stage.begin_ending()
+    return stage.finish()
+
+
+def _read() -> str | None:
+    try:
+        return input("voldrake> ").strip()
+    except (EOFError, KeyboardInterrupt):
+        print()
+        return None
+
+
+def _hardware(stage: Stage, line: str) -> None:
+    """A command for the hardware service; what comes of it is awaited."""
+    try:
+        for answer in stage.unit.hal.command(line):
+            if not line.startswith("plug"):
+                print(f"  {answer}")
+        if stage.monitor.present:
+            stage.told()
+        else:
+            stage.unit.settle()
+    except CommandFailed:
+        pass  # the timeline shows it
+    except NotSeen:
+        print("The daemon gives no sign of life yet; press Enter to look again.")
+
+
+def _list(stage: Stage, _: list[str]) -> None:
+    plugged = {line.split()[1].partition(":")[0] for line in stage.unit.hal.command("list")}
+    print("  plugged:", " ".join(sorted(plugged - {"-"})) or "nothing")
+    for place, access in sorted(stage.unit.mounts().items()):
+        print(f"  mounted: {place} {access}")
+    for name, destination in sorted(stage.unit.links().items()):
+        print(f"  linked:  /media/{name} -> {destination}")
+
+
+def _log(stage: Stage, words: list[str]) -> None:
+    count = int(words[0]) if words and words[0].isdigit() else 20
+    for event in stage.unit.daemon.log.since()[-count:]:
+        print(f"  {event.text}")
+
+
+def _back(stage: Stage, _: list[str]) -> None:
+    if stage.monitor.present:
+        print("The display application is there.")
+        return
+    stage.monitor.start()
+    print("What waits is told at the daemon's next try, at most 10 seconds from now;"
+          " press Enter to look.")

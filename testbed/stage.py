@@ -1,0 +1,95 @@
+"""What the demo plays on: a unit whose display application is the monitor."""
+
+import signal
+import time
+from pathlib import Path
+
+from testbed import timeouts
+from testbed.daemon import INFO
+from testbed.medialinks import MediaLinks
+from testbed.monitor import Monitor, Told
+from testbed.network import Network
+from testbed.tape import Wanted
+from testbed.tools import NfsTools
+from testbed.unit import Unit
+
+CONFIGURATION = """\
+name=Chart Port
+usbid=1-1_4--1_0
+name=Workshop stick
+usbid=unused
+ignore=true
+ignoreDevice=/dev/sdc1
+"""
+
+
+class Stage:
+    """A unit with three SD hosts, the configuration above and stand-in tools for NFS; a context
+    manager. With a network it is on that wire, and units with the same list of neighbours
+    read each other's files."""
+
+    def __init__(self, log_directory: Path, network: Network | None = None,
+                 address: str | None = None, neighbours: list[NfsTools] | None = None) -> None:
+        self.unit = Unit(log_directory, mmc_hosts=3, configuration=CONFIGURATION,
+                         network=network, address=address)
+        self.monitor = Monitor(self.unit.sandbox, self.unit.tape)
+        self._neighbours = neighbours
+        self._links: MediaLinks | None = None
+
+    def __enter__(self) -> "Stage":
+        try:
+            self.unit.start(listen=False)
+            self.tools = NfsTools(self.unit, self._neighbours)
+            self._links = MediaLinks(self.unit.tape, self.unit.sandbox.path("/media"))
+            self.monitor.start()
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def close(self) -> None:
+        """End everything; the tape is kept with the logs."""
+        if self._links:
+            self._links.close()
+            self._links = None
+        self.unit.close()
+        (self.unit.sandbox.logs / "tape.txt").write_text(f"{self.unit.tape}\n")
+
+    def start_daemon(self, *arguments: str) -> None:
+        """Start the daemon and return when its start-up scan is done."""
+        self.unit.start_daemon(*arguments, debug_level=INFO)
+
+    def told(self, timeout: float = timeouts.EVENT) -> bool:
+        """Wait until the application has been told all that the daemon has for it.
+
+        False when that is not so after `timeout` seconds.
+        """
+        self.unit.settle()
+        deadline = time.monotonic() + timeout
+        while self._announced() > len(self.monitor.events.since()):
+            if time.monotonic() > deadline:
+                return False
+            time.sleep(timeouts.POLL)
+        return True
+
+    def expect_told(self, message: str, path: str, timeout: float = timeouts.EVENT) -> None:
+        """Wait until the application is told this "arrival" or "removal"; NotSeen otherwise."""
+        self.monitor.events.expect(Wanted(
+            f"{message} of {path}",
+            lambda event: isinstance(event.data, Told)
+            and (event.data.fields.get("message"), event.data.fields.get("path"))
+            == (message, path)), timeout)
+
+    def begin_ending(self) -> None:
+        """Tell the daemon to end."""
+        self.unit.daemon.signal(signal.SIGTERM)
+
+    def finish(self) -> int:
+        """Wait for the daemon's end, to which it was told; its exit status."""
+        return self.unit.daemon.wait(timeouts.STOP)
+
+    def _announced(self) -> int:
+        return sum(line.text.startswith("<message ") for line in self.unit.daemon.log_lines())

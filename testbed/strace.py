@@ -1,0 +1,76 @@
+"""The system calls of a running program: counting them and making them fail."""
+
+import re
+import subprocess
+import time
+from pathlib import Path
+
+from testbed import timeouts
+from testbed.process import Process
+
+_CALL = re.compile(r"^(?:\d+ +)?(?:<\.\.\. )?(\w+)(?:\(| resumed)")
+
+
+class Strace:
+    """strace attached to the threads of a program from `attach` to `detach`; a context manager.
+
+    `options` are strace's, such as "-e", "inject=bind:error=EADDRINUSE". The program slows down
+    while it is attached.
+    """
+
+    def __init__(self, process: Process, output: Path, *options: str,
+                 thread: int | None = None) -> None:
+        """`output` is the file that the calls are written to, one a line. With `thread` only that
+        thread is traced."""
+        self.output = output
+        self._process = process
+        self._thread = thread
+        self._options = options
+        self._strace: "subprocess.Popen[str] | None" = None
+
+    def __enter__(self) -> "Strace":
+        self.attach()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.detach()
+
+    def attach(self) -> None:
+        """The tracing has begun on return."""
+        self.output.parent.mkdir(parents=True, exist_ok=True)
+        whom = ["-p", str(self._thread)] if self._thread else ["-f", "-p", str(self._process.pid)]
+        self._strace = subprocess.Popen(
+            ["strace", *whom, "-o", str(self.output), *self._options], stderr=subprocess.PIPE,
+            text=True)
+        tasks = Path(f"/proc/{self._process.pid}/task")
+        deadline = time.monotonic() + timeouts.START
+        while not all(f"TracerPid:\t{self._strace.pid}\n" in (task / "status").read_text()
+                      for task in tasks.iterdir() if self._thread in (None, int(task.name))):
+            assert self._strace.poll() is None, self._strace.stderr and self._strace.stderr.read()
+            assert time.monotonic() < deadline, "strace did not attach"
+            time.sleep(timeouts.POLL)
+
+    def detach(self) -> None:
+        """The program runs on without it; `output` is complete. May be called again.
+
+        Requires: the program is not just starting another one."""
+        if self._strace:
+            self._strace.terminate()
+            try:
+                self._strace.communicate(timeout=timeouts.RUN)
+            except subprocess.TimeoutExpired:
+                self._strace.kill()
+                self._strace.communicate()
+                raise AssertionError("strace did not detach: is the program starting another"
+                                     " one?") from None
+            finally:
+                self._strace = None
+
+    def lines(self) -> list[str]:
+        """What was written so far."""
+        return self.output.read_text(errors="surrogateescape").splitlines()
+
+    def calls(self) -> list[str]:
+        """The names of the calls that ended or were begun so far, in order, each once."""
+        return [match[1] for line in self.lines()
+                if (match := _CALL.match(line)) and not line.endswith("<unfinished ...>")]

@@ -1,0 +1,67 @@
+"""What the programs under test were built for, and where they are.
+
+VOLDRAKE_BUILD_DIR names the build directory; the default is build/dev. A daemon built for another
+processor needs two more: VOLDRAKE_EMULATOR, a static user-mode emulator, and VOLDRAKE_SYSROOT,
+whose libraries it uses. Then only the daemon is emulated; the bus, the stand-ins and the tools
+that the daemon runs stay native.
+"""
+
+import os
+from pathlib import Path
+
+REPOSITORY = Path(__file__).resolve().parent.parent
+
+#: Where programs and helpers stand inside a sandbox.
+INSIDE = Path("/opt/voldrake")
+_SYSROOT_INSIDE = INSIDE / "sysroot"
+_EMULATOR_INSIDE = INSIDE / "emulator"
+
+_PROGRAMS = {
+    "voldrake": "src/voldrake",
+    "voldrake-halsim": "hal/voldrake-halsim",
+    "voldrake-monitor": "tools/voldrake-monitor",
+    "voldrake-shares": "tools/voldrake-shares",
+}
+
+
+def build_directory() -> Path:
+    """The directory that the programs were built in."""
+    return (REPOSITORY / os.environ.get("VOLDRAKE_BUILD_DIR", "build/dev")).resolve()
+
+
+def log_directory() -> Path:
+    """Where logs are kept: VOLDRAKE_LOG_DIR, or `logs` in the build directory."""
+    chosen = os.environ.get("VOLDRAKE_LOG_DIR")
+    return Path(chosen).resolve() if chosen else build_directory() / "logs"
+
+
+def program(name: str) -> str:
+    """Path of a program inside a sandbox. Raises FileNotFoundError when it is not built."""
+    outside = build_directory() / _PROGRAMS[name]
+    if not outside.exists():
+        raise FileNotFoundError(f"{outside} is not built")
+    return str(INSIDE / "bin" / name)
+
+
+def daemon_command() -> list[str]:
+    """The words that start the daemon inside a sandbox, with the emulator where one is set."""
+    command = [program("voldrake")]
+    if "VOLDRAKE_EMULATOR" in os.environ:
+        return [str(_EMULATOR_INSIDE), "-L", str(_SYSROOT_INSIDE), *command]
+    return command
+
+
+def read_only_mounts() -> dict[Path, Path]:
+    """What a sandbox needs besides the system: path inside -> path outside."""
+    built = {INSIDE / "bin" / name: build_directory() / place
+             for name, place in _PROGRAMS.items()}
+    mounts = {inside: outside for inside, outside in built.items() if outside.exists()}
+    mounts[INSIDE / "helpers"] = REPOSITORY / "testbed" / "helpers"
+    if "VOLDRAKE_EMULATOR" in os.environ:
+        mounts[_EMULATOR_INSIDE] = Path(os.environ["VOLDRAKE_EMULATOR"]).resolve()
+    # Libraries only: the emulator sends every path that exists there into the sysroot, so it
+    # must hold no /etc, /proc or /media.
+    if "VOLDRAKE_SYSROOT" in os.environ:
+        sysroot = Path(os.environ["VOLDRAKE_SYSROOT"]).resolve()
+        mounts |= {_SYSROOT_INSIDE / part: (sysroot / part).resolve() for part in ("lib", "usr")}
+    return mounts

@@ -1,0 +1,28 @@
+"""The one table of time-outs, in seconds.
+
+Every value is a deadline for something that normally comes at once; nothing sleeps that long.
+VOLDRAKE_TIME_SCALE stretches the table for slow builds (sanitizers, emulation).
+"""
+
+import os
+
+SCALE = float(os.environ.get("VOLDRAKE_TIME_SCALE", "1"))
+
+#: A program of the unit is up and has said so.
+START = 10 * SCALE
+#: An event follows from what was just done.
+EVENT = 5 * SCALE
+#: The application is told after it was away: a retry comes every 10 s.
+RETRY = 15 * SCALE
+#: A program ends after it was told to.
+STOP = 8 * SCALE
+#: A small helper program runs to its end.
+RUN = 20 * SCALE
+
+#: How often something is looked at that cannot announce itself.
+POLL = 0.005
+
+
+def at_most(seconds: float) -> float:
+    """An upper limit for a duration that the daemon promises, with room for a busy machine."""
+    return seconds * SCALE + 0.4 * SCALE

@@ -1,0 +1,171 @@
+"""A whole unit: sandbox, bus, hardware service, application, system log and daemon."""
+
+import os
+from pathlib import Path
+
+from testbed import target
+from testbed.application import Application
+from testbed.bus import Bus
+from testbed.daemon import DEBUG, Daemon
+from testbed.hal import Hal
+from testbed.network import Interface, Network
+from testbed.sandbox import TOOLS, Sandbox
+from testbed.syslog import Syslog
+from testbed.tape import Mark, Tape
+from testbed.uevents import Uevents
+
+CONFIGURATION = "/etc/voldrake.conf"
+FAMILY = "/proc/kelmar_platform/family_id"
+#: Device numbers (major:minor) of the disks and first partitions of three memory cards.
+CARD_NUMBERS = ("179:0", "179:1", "179:8", "179:9", "179:16", "179:17")
+
+_SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+                    "runtime error:")
+
+
+class Unit:
+    """One unit from `start` to `close`; also a context manager.
+
+    `start` brings up everything but the daemon, and the application listens. `tape` has all that
+    happens, on the channels hal, app, log, daemon, syslog and sys.
+    """
+
+    def __init__(self, log_directory: Path, *, mmc_hosts: int = 2, family: str | None = "3 hawk",
+                 configuration: str | None = None, port: int = 8080,
+                 network: Network | None = None, address: str | None = None) -> None:
+        """`mmc_hosts`: how many SD hosts the kernel shows; `family` and `configuration`: content
+        of the platform file and of the configuration file, None for no such file; `network` and
+        `address`: the wire that eth0 is on."""
+        self.tape = Tape()
+        self.sandbox = Sandbox(log_directory, target.read_only_mounts())
+        self.bus = Bus(self.sandbox)
+        self.hal = Hal(self.sandbox, self.tape)
+        self.application = Application(self.sandbox, self.tape, port)
+        self.syslog = Syslog(self.tape)
+        self.uevents = Uevents(self.tape)
+        self.daemon = Daemon(self.sandbox, self.tape)
+        self.eth0: Interface | None = None
+        self._mmc_hosts = mmc_hosts
+        self._family = family
+        self._configuration = configuration
+        self._network = network
+        self._address = address
+        self._strangers = 0
+
+    def __enter__(self) -> "Unit":
+        try:
+            self.start()
+        except BaseException:
+            self.close()
+            raise
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def start(self, listen: bool = True) -> None:
+        """Bring up everything but the daemon; the application only if it is to `listen`."""
+        self.sandbox.start()
+        for number in range(self._mmc_hosts):
+            self.sandbox.path(f"/sys/class/mmc_host/mmc{number}").mkdir(parents=True)
+        self.uevents.start(self.sandbox.path("/sys/dev/block"), CARD_NUMBERS)
+        if self._family is not None:
+            self.sandbox.write(FAMILY, self._family + "\n")
+        if self._configuration is not None:
+            self.sandbox.write(CONFIGURATION, self._configuration)
+        if self._network:
+            self.eth0 = self._network.join(self.sandbox, self._address)
+        self.syslog.start(self.sandbox.path("/dev/log"))
+        self.bus.start()
+        self.hal.start()
+        if listen:
+            self.application.listen()
+
+    def close(self) -> None:
+        """End everything; the logs and the tape remain. May be called again."""
+        if self.daemon.running():
+            self.daemon.kill()
+        self.daemon.close()
+        self.application.leave()
+        self.syslog.close()
+        self.uevents.close()
+        self.sandbox.close()
+
+    def start_daemon(self, *arguments: str, debug_level: int | None = DEBUG) -> None:
+        """Start the daemon and return when its start-up scan is done and it listens to signals.
+
+        Requires: the hardware service is there. Without it use `daemon.start`.
+        """
+        scan = self.mark()
+        self.hal.events.seek(scan)
+        self.daemon.start("--port", str(self.application.port), *arguments,
+                          debug_level=debug_level)
+        self.hal.expect_call("FindDeviceByCapability")
+        self.hal.events.seek(scan)
+        self.settle()
+
+    def settle(self) -> None:
+        """Return when the daemon has dealt with every signal sent so far and what follows from it.
+
+        To show that something does not happen: act, settle, look. What the daemon's main thread
+        does is then done; what it told the application may still be under way.
+        See `Hal.settle` for what it requires.
+        """
+        self.hal.settle()
+
+    def stranger(self) -> Hal:
+        """Another client of the bus, not the hardware service, with commands like its.
+
+        It can `emit` signals, also to one client. Its events are on a channel of its own.
+        """
+        self._strangers += 1
+        other = Hal(self.sandbox, self.tape, f"other{self._strangers}")
+        other.start("--absent")
+        return other
+
+    def mark(self) -> Mark:
+        """The present end of the tape; "since" of the channels' operations takes it."""
+        return self.tape.mark()
+
+    def links(self) -> dict[str, str]:
+        """The symbolic links in /media: name -> target as written in the link."""
+        with os.scandir(self.sandbox.path("/media")) as entries:
+            return {entry.name: os.readlink(entry.path)
+                    for entry in entries if entry.is_symlink()}
+
+    def media(self) -> list[str]:
+        """Names of all entries of /media, sorted."""
+        return sorted(os.listdir(self.sandbox.path("/media")))
+
+    def mounts(self) -> dict[str, str]:
+        """What is mounted in /media: mount point -> "ro" or "rw"."""
+        mounts = {}
+        for line in Path(f"/proc/{self.sandbox.pid}/mounts").read_text().splitlines():
+            _, place, _, options, *_ = line.split()
+            place = place.encode().decode("unicode_escape")
+            if place.startswith("/media/"):
+                mounts[place] = options.split(",")[0]
+        return mounts
+
+    def add_tool(self, name: str, script: str) -> None:
+        """Put a program in front of the system's own of this name: a script with its "#!" line."""
+        self.sandbox.write(f"{TOOLS}/{name}", script)
+        self.sandbox.path(f"{TOOLS}/{name}").chmod(0o755)
+
+    def sanitizer_reports(self) -> str:
+        """What sanitizers built into the programs have reported, empty when nothing."""
+        return "\n".join(text for _, text in self._errors()
+                         if any(word in text for word in _SANITIZER_WORDS))
+
+    def report(self) -> str:
+        """The tape and everything on the programs' standard errors, for a failed test."""
+        parts = [f"tape (seconds since the start; logs in {self.sandbox.logs}):", str(self.tape)]
+        for name, text in self._errors():
+            parts += [f"{name}:", text]
+        return "\n".join(parts)
+
+    def _errors(self) -> list[tuple[str, str]]:
+        """Name and text of each program's standard error that is not empty."""
+        texts = [(file.name, file.read_text(errors="replace").strip())
+                 for file in sorted(self.sandbox.logs.glob("*.err"))]
+        return [(name, text) for name, text in texts if text]

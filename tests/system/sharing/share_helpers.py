@@ -1,0 +1,106 @@
+"""What several tests of sharing need: command lines as the tools see them, and waiting."""
+
+import os
+import time
+from pathlib import Path
+from typing import Callable
+
+from testbed import timeouts
+from testbed.daemon import DEBUG, INFO
+from testbed.peer import Peer
+from testbed.unit import Unit
+
+CLEAR_EXPORTS = "exportfs -a -r"
+FLUSH_EXPORTS = "exportfs -f"
+
+_GROUP_IN_KERNEL_TABLE = "010101E0"  # 224.1.1.1
+
+
+def export(mode: str, client: str, path: str) -> str:
+    """Exporting a path to a client ("*" is everybody)."""
+    return f"exportfs -o {mode},no_root_squash,no_subtree_check {client}:{path}"
+
+
+def mount(mode: str, source: str, directory: str) -> str:
+    """Mounting another unit's share."""
+    return f"mount -t nfs -o {mode},rsize=1280,soft,udp,noatime,nodiratime {source} {directory}"
+
+
+def unmount(directory: str) -> str:
+    """Unmounting it."""
+    return f"umount -f -l {directory}"
+
+
+def wait_for(condition: Callable[[], bool], what: str, timeout: float = timeouts.EVENT) -> None:
+    """Return when the condition holds. Raises AssertionError when it does not in time."""
+    deadline = time.monotonic() + timeout
+    while not condition():
+        assert time.monotonic() < deadline, f"not within {timeout:g} s: {what}"
+        time.sleep(timeouts.POLL)
+
+
+def network_table(unit: Unit, name: str) -> str:
+    """A table of the unit's network, such as "udp" or "igmp"."""
+    return unit.sandbox.in_network(lambda: Path("/proc/thread-self/net", name).read_text())
+
+
+def listens(unit: Unit) -> bool:
+    """True while a program of the unit is a member of the announcements' group."""
+    return _GROUP_IN_KERNEL_TABLE in network_table(unit, "igmp")
+
+
+def start_listening(unit: Unit, *arguments: str) -> None:
+    """Start the daemon and return when it hears announcements and has made its first exports.
+
+    Requires: eth0 is up with its address; nothing else in the unit is a member of the group.
+    """
+    unit.start_daemon(*arguments)
+    wait_for(lambda: listens(unit), "the daemon hears announcements")
+    if "--debuglevel" not in arguments:
+        wait_for(lambda: unit.daemon.logged(DEBUG, "CServicePublisher: Restarting nfsd done") > 0,
+                 "the exports are made")
+
+
+def start_with_peer(unit: Unit, peer: Peer, *arguments: str) -> None:
+    """Start the daemon and have it discover the peer, which announces nothing."""
+    start_listening(unit, "--peer-mac", peer.eth0.hardware_address(), *arguments)
+    peer.send(b"")
+    unit.daemon.expect_log(
+        INFO, f"CServicePublisher::SetPeerIpAddress Discovered peer IP address: {peer.address}")
+
+
+def open_descriptors(unit: Unit) -> int:
+    """How many descriptors the daemon has."""
+    return len(os.listdir(f"/proc/{unit.daemon.process.pid}/fd"))
+
+
+def processor_share(unit: Unit, seconds: float) -> float:
+    """The share of one core that the daemon takes during that time from now on."""
+    before, began = _processor_seconds(unit), time.monotonic()
+    time.sleep(seconds)
+    return (_processor_seconds(unit) - before) / (time.monotonic() - began)
+
+
+def _processor_seconds(unit: Unit) -> float:
+    """User and system time; what the commands that it runs take does not count."""
+    stat = Path(f"/proc/{unit.daemon.process.pid}/stat").read_text()
+    user, system = stat.rpartition(")")[2].split()[11:13]
+    return (int(user) + int(system)) / os.sysconf("SC_CLK_TCK")
+
+
+def reading_thread(unit: Unit) -> int:
+    """The daemon's thread that waits for a datagram."""
+    threads = Path(f"/proc/{unit.daemon.process.pid}/task")
+
+    def waiting() -> list[str]:
+        return [thread for thread in os.listdir(threads)
+                if "skb" in (threads / thread / "wchan").read_text()]
+
+    wait_for(lambda: len(waiting()) == 1, "one thread waits for a datagram")
+    return int(waiting()[0])
+
+
+def add_quick_tools(unit: Unit) -> None:
+    """Tools that do nothing and are not recorded, for those who run very many."""
+    for tool in ("exportfs", "mount", "mountpoint", "umount"):
+        unit.add_tool(tool, "#!/bin/sh\nexit 0\n")

@@ -1,0 +1,249 @@
+"""What the unit makes of other units' announcements: the list, its time-outs, and the peer."""
+
+import re
+import socket
+import time
+
+import pytest
+
+from share_helpers import export, mount, start_listening, unmount, wait_for
+from testbed import timeouts
+from testbed.daemon import ERROR, INFO, WARNING
+from testbed.peer import GROUP, PORT, Announcement, NUDGE_PORT
+
+SOURCE = "169.254.3.7:/media/sda1"
+DIRECTORY = "/mnt/169.254.3.7:-media-sda1"
+STICK = Announcement("/media/sda1", name="A stick")
+
+
+def test_a_share_is_mounted_and_reported_with_its_first_announcement(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.send(STICK)
+    tools.expect(mount("ro", SOURCE, DIRECTORY))
+    unit.daemon.expect_log(INFO, f"Mount command: '{mount('ro', SOURCE, DIRECTORY)}' PASS")
+    assert unit.application.next_text() == (
+        '<message version="1" type="datasource"><content>'
+        f'<dataarrival path="{DIRECTORY}" type="memorycard" key="" contentid="" serialnumber=""'
+        ' friendlyname="A stick" remote="true" readonly="true" fixed="false" />'
+        '</content></message>')
+    assert tools.calls(tool="mount") == [mount("ro", SOURCE, DIRECTORY)]
+
+
+def test_a_share_that_is_announced_stays_and_costs_nothing(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.announce(STICK)
+    unit.application.expect_message("dataarrival")
+    since = unit.mark()
+    for _ in range(4):  # seconds, more than a silent share lives
+        peer_announced_again(peer)
+    assert tools.calls(since) == []
+    assert unit.application.frames(since) == []
+
+
+def peer_announced_again(peer) -> None:
+    """Return with the peer's next announcement."""
+    announcer = peer.announcers[-1]
+    last = announcer.last
+    wait_for(lambda: announcer.last != last, "the next announcement")
+
+
+def test_a_share_is_forgotten_three_seconds_after_its_last_announcement(unit, tools,
+                                                                        peer) -> None:
+    start_listening(unit)
+    announcer = peer.announce(STICK)
+    unit.application.expect_message("dataarrival")
+    peer_announced_again(peer)
+    peer_announced_again(peer)
+    last = announcer.stop()
+    unit.application.expect_message("dataremoval", path=DIRECTORY)
+    unmounted = tools.expect(unmount(DIRECTORY))
+    assert 2.85 < unmounted.time - last < timeouts.at_most(3.1)
+    assert len(unit.application.frames()) == 2
+
+
+def test_nothing_of_a_known_share_is_updated(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.send(STICK)
+    unit.application.expect_message("dataarrival")
+    since = unit.mark()
+    peer.send(Announcement("/media/sda1", key="1b534d303030303010206bb243009a33", name="New",
+                           read_only=1))
+    peer.send(Announcement("/media/sdb1"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-sdb1")
+    assert len(unit.application.frames(since)) == 1
+    unit.daemon.signal(10)
+    assert unit.application.expect_message("dataarrival", path=DIRECTORY)["friendlyname"] == (
+        "A stick")
+
+
+def test_a_withdrawn_share_goes_at_once(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.announce(STICK)
+    unit.application.expect_message("dataarrival")
+    since = unit.mark()
+    peer.announcers[-1].stop()
+    withdrawn = time.monotonic()
+    peer.send(STICK.withdrawal())
+    unmounted = tools.expect(unmount(DIRECTORY))
+    assert unmounted.time - withdrawn < timeouts.at_most(0)
+    assert unit.application.next_text() == (
+        '<message version="1" type="datasource"><content>'
+        f'<dataremoval path="{DIRECTORY}"/></content></message>')
+    assert tools.calls(since) == [unmount(DIRECTORY)]
+
+
+def test_a_withdrawal_of_an_unknown_share_changes_nothing(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.send(STICK)
+    unit.application.expect_message("dataarrival")
+    since = unit.mark()
+    peer.send(Announcement("/media/other").withdrawal())
+    peer.send(Announcement("/media/sd").withdrawal())
+    peer.send(Announcement("/media/sda1x").withdrawal())
+    peer.send(Announcement("/media/last"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-last")
+    assert len(unit.application.frames(since)) == 1
+    assert tools.calls(since, "umount") == []
+
+
+def test_only_its_own_unit_can_withdraw_a_share(unit, tools, make_peer) -> None:
+    first, second = make_peer("169.254.3.7"), make_peer("169.254.3.8")
+    start_listening(unit)
+    first.announce(STICK)
+    unit.application.expect_message("dataarrival")
+    since = unit.mark()
+    second.send(STICK.withdrawal())
+    second.send(Announcement("/media/sdb1"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.8:-media-sdb1")
+    assert len(unit.application.frames(since)) == 1
+
+
+def test_the_same_path_on_two_units_is_two_shares(unit, tools, make_peer) -> None:
+    first, second = make_peer("169.254.3.7"), make_peer("169.254.3.8")
+    start_listening(unit)
+    first.announce(STICK)
+    second.announce(Announcement("/media/sda1", name="Another"))
+    names = {message["path"]: message["friendlyname"] for message in
+             (unit.application.expect_message("dataarrival") for _ in range(2))}
+    assert names == {DIRECTORY: "A stick", "/mnt/169.254.3.8:-media-sda1": "Another"}
+    first.announcers[-1].stop()
+    first.send(STICK.withdrawal())
+    unit.application.expect_message("dataremoval", path=DIRECTORY)
+    assert set(unit.sandbox.path("/mnt").iterdir()) == {
+        unit.sandbox.path("/mnt/169.254.3.8:-media-sda1")}
+
+
+def test_own_announcements_are_not_heard(unit, tools, peer) -> None:
+    """The unit's own datagrams loop back to every member of the group in the unit."""
+    with unit.sandbox.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM)) as ear:
+        ear.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        ear.bind(("", PORT))
+        ear.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                       socket.inet_aton(GROUP) + socket.inet_aton("0.0.0.0"))
+        ear.settimeout(timeouts.EVENT)
+        unit.start_daemon("--internal-share-path", "/srv/charts")
+        for _ in range(2):
+            assert ear.recvfrom(2000)[1][0] == "169.254.1.1"
+        peer.announce(STICK, period=0.1)
+        unit.application.expect_message("dataarrival", path=DIRECTORY)
+        ear.recvfrom(2000)
+    assert tools.calls(tool="mount") == [mount("ro", SOURCE, DIRECTORY)]
+    assert not [line for line in unit.daemon.log_lines() if "to obtain MAC" in line.text]
+
+
+def test_a_refused_mount_is_tried_with_each_announcement_until_it_succeeds(unit, tools,
+                                                                           peer) -> None:
+    start_listening(unit)
+    tools.refuse("mount -t nfs", 32)
+    peer.announce(STICK)
+    command = mount("ro", SOURCE, DIRECTORY)
+    tried = []
+    for _ in range(3):
+        tried.append(tools.expect(command).time)
+        unit.daemon.expect_log(ERROR, f"Mount command: '{command}' FAIL with error 8192")
+    assert 1.6 < tried[2] - tried[0] < timeouts.at_most(2)
+    assert unit.application.frames() == []
+    tools.obey()
+    unit.application.expect_message("dataarrival", path=DIRECTORY)
+    since = unit.mark()
+    peer_announced_again(peer)
+    peer_announced_again(peer)
+    assert tools.calls(since) == []
+    assert len(unit.application.frames()) == 1
+    assert tools.calls()[-4:] == [f"mountpoint -q {DIRECTORY}", command] * 2
+
+
+def test_a_refused_share_that_falls_silent_is_not_reported(unit, tools, peer) -> None:
+    start_listening(unit)
+    tools.refuse("mount -t nfs", 32)
+    peer.send(STICK)
+    tools.expect(mount("ro", SOURCE, DIRECTORY))
+    peer.send(STICK.withdrawal())
+    tools.obey()
+    peer.send(Announcement("/media/sdb1"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-sdb1")
+    assert tools.calls(tool="umount") == []
+
+
+@pytest.mark.parametrize("message_type", [0, 3, 0xFFFF])
+def test_an_announcement_of_an_unknown_type_aborts(unit, tools, peer, message_type: int) -> None:
+    start_listening(unit)
+    peer.send(Announcement("/media/sda1", message_type=message_type))
+    assert unit.daemon.wait() == -6
+    assert re.fullmatch(r"voldrake: ServiceBrowser:\d+: void CServiceBrowser::_HandleAnnouncement"
+                        r"\(.*\): Assertion `.*messageType.*' failed\.\n", unit.daemon.stderr())
+    assert tools.calls(tool="mount") == []
+
+
+@pytest.mark.parametrize("datagram", [
+    pytest.param(b"", id="an empty one"),
+    pytest.param(b"\xff" * 40, id="a meaningless one"),
+    pytest.param(STICK.encode(), id="an announcement"),
+    pytest.param(STICK.withdrawal().encode(), id="a withdrawal")])
+def test_any_datagram_tells_the_address_of_the_peer(unit, tools, peer, datagram: bytes) -> None:
+    start_listening(unit, "--peer-mac", peer.eth0.hardware_address(),
+                    "--internal-share-path", "/srv/charts")
+    peer.send(datagram)
+    tools.expect(export("rw", "169.254.3.7", "/srv/charts"))
+
+
+@pytest.mark.parametrize("form", [
+    pytest.param(str.upper, id="in capitals"),
+    pytest.param(lambda mac: ":".join(f"{int(byte, 16):x}" for byte in mac.split(":")),
+                 id="without leading zeros")])
+def test_the_hardware_address_of_the_peer_may_be_written(unit, tools, peer, form) -> None:
+    start_listening(unit, "--peer-mac", form(peer.eth0.hardware_address()),
+                    "--internal-share-path", "/srv/charts")
+    peer.send(b"")
+    tools.expect(export("rw", "169.254.3.7", "/srv/charts"))
+
+
+@pytest.mark.parametrize("mac, level_lines", [
+    pytest.param("", [], id="an empty text"),
+    pytest.param("00:00:00:00:00:00", [], id="six zero bytes"),
+    pytest.param("nobody", ["Invalid peer MAC address: nobody"], id="no hardware address"),
+    pytest.param("12:34:56:78:9a", ["Invalid peer MAC address: 12:34:56:78:9a"],
+                 id="five bytes only"),
+    pytest.param("x\nError:  forged", ["Invalid peer MAC address: x?Error:  forged"],
+                 id="a line of its own")])
+def test_nobody_is_the_peer_with(unit, tools, peer, mac: str, level_lines: list[str]) -> None:
+    start_listening(unit, "--peer-mac", mac)
+    peer.announce(STICK)
+    assert unit.application.expect_message("dataarrival")["remote"] == "true"
+    assert not [line for line in unit.daemon.log_lines() if "Discovered peer" in line.text]
+    assert [line.text for line in unit.daemon.log_lines()
+            if line.level == ERROR and "MAC" in line.text] == level_lines
+
+
+def test_the_wake_up_byte_goes_to_the_sender_alone(unit, tools, make_peer) -> None:
+    announcing, other = make_peer("169.254.3.7"), make_peer("169.254.3.8")
+    start_listening(unit)
+    announcing.send(STICK)
+    nudge = announcing.expect("169.254.1.1 nudges")
+    assert (nudge.raw, nudge.destination, nudge.port) == (b"\0", "169.254.3.7", NUDGE_PORT)
+    unit.application.expect_message("dataarrival")
+    assert len(announcing.heard(port=NUDGE_PORT)) == 1, "the second try finds the address"
+    assert other.heard(port=NUDGE_PORT) == []
+    assert unit.daemon.log_lines() and not [
+        line for line in unit.daemon.log_lines() if line.level in (ERROR, WARNING)
+        and "CID" not in line.text]

@@ -1,0 +1,225 @@
+"""The unit's link-local address comes, goes and changes, and the way to the group comes late."""
+
+import re
+import socket
+import time
+
+import pytest
+
+from share_helpers import (CLEAR_EXPORTS, export, listens, network_table, open_descriptors,
+                           processor_share, start_listening, start_with_peer, wait_for)
+from testbed import timeouts
+from testbed.daemon import DEBUG, INFO
+from testbed.peer import Announcement
+from testbed.strace import Strace
+
+CHANGED = "CServicePublisher: Network Config Changed"
+NOT_JOINED = "CUdpRxSocket::_AddMultiCast: setsockopt(IP_ADD_MEMBERSHIP) failed! Error: 19"
+NOT_BOUND = "CUdpRxSocket::CreateSocket: Binding socket failed! Error: 98"
+CLOSING = "CUdpRxSocket::Close: Closing port: 10000"
+_PORT_IN_KERNEL_TABLE = "00000000:2710 "
+
+
+def binds_the_port(unit) -> bool:
+    return _PORT_IN_KERNEL_TABLE in network_table(unit, "udp")
+
+
+@pytest.mark.unit_options(address=None)
+@pytest.mark.parametrize("address", [None, "10.1.1.1", "169.253.1.1", "169.255.1.1"],
+                         ids=["without an address", "with a private address",
+                              "just below the link-local network",
+                              "just above the link-local network"])
+def test_nothing_is_shared(unit, tools, peer, address: str | None) -> None:
+    unit.eth0.up()
+    if address:
+        unit.eth0.set_address(address)
+    unit.start_daemon("--internal-share-path", "/srv/charts")
+    unit.hal.plug("usb stick")
+    unit.application.expect_message("dataarrival")
+    unit.hal.plug("usb other")
+    unit.hal.pull("stick")
+    unit.application.expect_message("dataremoval")
+    unit.settle()
+    assert tools.calls() == ["exportfs -u *:/media/sda1"]
+    assert peer.heard() == []
+    assert unit.daemon.logged(INFO, CHANGED) == 0
+    assert not binds_the_port(unit)
+
+
+@pytest.mark.unit_options(address=None)
+def test_all_is_exported_and_announced_when_the_address_comes(unit, tools, peer) -> None:
+    unit.eth0.up()
+    unit.start_daemon("--internal-share-path", "/srv/charts")
+    unit.hal.plug("usb stick")
+    unit.application.expect_message("dataarrival")
+    unit.eth0.set_address("169.254.1.1")
+    came = time.monotonic()
+    unit.daemon.expect_log(DEBUG, "CServicePublisher::_IsNetWorkReConfigured 169.254.1.1")
+    unit.daemon.expect_log(INFO, CHANGED)
+    unit.daemon.expect_log(DEBUG, "CServicePublisher: Restarting nfsd done")
+    assert tools.calls() == [CLEAR_EXPORTS, export("ro", "*", "/media/sda1"),
+                             export("ro", "*", "/srv/charts")]
+    exported = unit.tape.since()[-1].time
+    announced = peer.events.expect(re.compile("announces /srv/charts"))
+    assert announced.time - exported < timeouts.at_most(0), "the announcement follows at once"
+    assert announced.time - came < timeouts.at_most(1)
+
+
+def test_a_lost_address_is_reported_once_and_ends_the_announcements(unit, tools, peer) -> None:
+    unit.start_daemon("--internal-share-path", "/srv/charts")
+    peer.expect_announcement("/srv/charts")
+    since = unit.mark()
+    unit.daemon.log.seek(since)
+    unit.eth0.clear_address()
+    unit.daemon.expect_log(INFO, CHANGED)
+    unit.daemon.expect_log(DEBUG, "CServicePublisher: Restarting nfsd done")
+    gone = unit.mark()
+    unit.hal.plug("usb stick")
+    unit.application.expect_message("dataarrival")
+    unit.hal.pull("stick")
+    unit.application.expect_message("dataremoval")
+    unit.eth0.set_address("169.254.1.1")
+    unit.daemon.expect_log(INFO, CHANGED)
+    peer.expect_announcement("/srv/charts")
+    assert unit.daemon.logged(INFO, CHANGED, since) == 2
+    assert tools.calls(since) == [CLEAR_EXPORTS, "exportfs -u *:/media/sda1",
+                                  CLEAR_EXPORTS, export("ro", "*", "/srv/charts")]
+    assert [datagram.announcement().path for datagram in peer.heard(gone)] == ["/srv/charts"]
+
+
+def test_a_new_address_redoes_all_exports_and_sends_from_it(unit, tools, peer) -> None:
+    start_with_peer(unit, peer)
+    unit.hal.plug("usb first")
+    unit.hal.plug("usb second readonly")
+    peer.expect_announcement("/media/sdb1")
+    since = unit.mark()
+    done = unit.sandbox.run(["sh", "-c", "ip address add 169.254.1.99/16 dev eth0 &&"
+                             " ip address delete 169.254.1.1/16 dev eth0 &&"
+                             " ip address add 169.254.1.99/16 dev eth0;"
+                             " ip route replace 224.0.0.0/4 dev eth0"])
+    assert unit.sandbox.in_network(lambda: tools.address()) == "169.254.1.99", done.stderr
+    unit.daemon.expect_log(DEBUG, "CServicePublisher::_IsNetWorkReConfigured 169.254.1.99")
+    heard = peer.expect("169.254.1.99 announces /media/sda1")
+    assert (heard.sender, heard.time_to_live) == ("169.254.1.99", 5)
+    calls = tools.calls(since)
+    last = len(calls) - calls[::-1].index(CLEAR_EXPORTS)
+    assert [call for call in calls[last:] if call != "exportfs -f"] == [
+        export("rw", peer.address, "/media/sda1"), export("ro", "*", "/media/sda1"),
+        export("ro", "*", "/media/sdb1")]
+
+
+def test_the_same_address_again_changes_nothing(unit, tools, peer) -> None:
+    unit.start_daemon("--internal-share-path", "/srv/charts")
+    for _ in range(3):
+        peer.expect_announcement("/srv/charts")
+    assert tools.calls() == [CLEAR_EXPORTS, export("ro", "*", "/srv/charts")] or (
+        tools.calls() == [CLEAR_EXPORTS, export("ro", "*", "/srv/charts"),
+                          export("ro", "*", "/srv/charts")])
+    assert unit.daemon.logged(INFO, CHANGED) == 1
+
+
+def test_a_socket_that_cannot_be_bound_is_tried_again_in_the_next_pass(unit, tools, peer,
+                                                                      log_directory) -> None:
+    unit.eth0.clear_address()
+    unit.start_daemon("--internal-share-path", "/srv/charts")
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=bind",
+                "-e", "inject=bind:error=EADDRNOTAVAIL") as strace:
+        unit.eth0.set_address("169.254.1.1")
+        wait_for(lambda: sum("sin_port=htons(0)" in line for line in strace.lines()) >= 2,
+                 "two tries to bind the transmit socket")
+        assert unit.daemon.logged(INFO, CHANGED) == 0
+        assert tools.calls() == []
+        assert peer.heard() == []
+    unit.daemon.expect_log(INFO, CHANGED)
+    peer.expect_announcement("/srv/charts")
+
+
+@pytest.mark.unit_options(address=None)
+def test_listening_begins_a_tenth_of_a_second_after_the_address_came(unit, tools, peer) -> None:
+    unit.eth0.up()
+    unit.start_daemon()
+    assert not binds_the_port(unit)
+    unit.eth0.set_address("169.254.1.1")
+    came = time.monotonic()
+    wait_for(lambda: listens(unit), "the daemon joins the group")
+    assert time.monotonic() - came < timeouts.at_most(0.1)
+    peer.send(Announcement("/media/sda1"))
+    unit.application.expect_message("dataarrival")
+
+
+@pytest.mark.parametrize("route", ["224.0.0.0/4", "default"])
+def test_joining_waits_for_a_route_and_costs_no_descriptors(unit, tools, peer,
+                                                            route: str) -> None:
+    unit.sandbox.run(["ip", "route", "delete", "224.0.0.0/4"])
+    unit.start_daemon()
+    tried = []
+    for _ in range(8):
+        unit.daemon.expect_log(INFO, NOT_JOINED)
+        tried.append(unit.daemon.log.since()[-1].time)
+        unit.daemon.expect_log(INFO, CLOSING)
+        if len(tried) == 1:
+            descriptors = open_descriptors(unit)
+    assert 0.65 < tried[-1] - tried[0] < timeouts.at_most(0.8)
+    assert open_descriptors(unit) < descriptors + 4, "a few may be open just now"
+    assert not listens(unit)
+    unit.sandbox.run(["ip", "route", "add", route, "dev", "eth0"])
+    wait_for(lambda: listens(unit), "the daemon joins the group")
+    peer.send(Announcement("/media/sda1"))
+    unit.application.expect_message("dataarrival")
+
+
+def test_a_port_that_is_taken_is_tried_again_and_costs_no_descriptors(unit, tools, peer) -> None:
+    holder = unit.sandbox.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+    with holder:
+        holder.bind(("", 10000))
+        unit.start_daemon()
+        tried = []
+        for _ in range(8):
+            unit.daemon.expect_log(INFO, NOT_BOUND)
+            tried.append(unit.daemon.log.since()[-1].time)
+            if len(tried) == 1:
+                descriptors = open_descriptors(unit)
+        assert 0.65 < tried[-1] - tried[0] < timeouts.at_most(0.8)
+        assert open_descriptors(unit) < descriptors + 4, "a few may be open just now"
+        assert unit.daemon.logged(INFO, CLOSING) == 0
+    wait_for(lambda: listens(unit), "the daemon joins the group")
+    peer.send(Announcement("/media/sda1"))
+    unit.application.expect_message("dataarrival")
+
+
+@pytest.mark.parametrize("gone", ["the cable", "the interface", "the address"])
+def test_no_processor_time_is_burnt_while_the_network_is_gone(unit, tools, peer,
+                                                              gone: str) -> None:
+    start_listening(unit, "--internal-share-path", "/srv/charts")
+    peer.expect_announcement("/srv/charts")
+    {"the cable": unit.eth0.pull_cable, "the interface": unit.eth0.down,
+     "the address": unit.eth0.clear_address}[gone]()
+    assert processor_share(unit, 1.5) < 0.1
+    assert unit.daemon.running()
+
+
+def test_shares_come_back_with_the_cable(unit, tools, peer) -> None:
+    start_listening(unit, "--internal-share-path", "/srv/charts")
+    peer.announce(Announcement("/media/sda1"))
+    unit.application.expect_message("dataarrival")
+    unit.eth0.pull_cable()
+    unit.application.expect_message("dataremoval")
+    since = unit.mark()
+    unit.eth0.plug_cable()
+    unit.application.expect_message("dataarrival")
+    peer.events.seek(since)
+    peer.expect_announcement("/srv/charts")
+
+
+def test_shares_come_back_with_the_interface(unit, tools, peer) -> None:
+    start_listening(unit, "--internal-share-path", "/srv/charts")
+    peer.announce(Announcement("/media/sda1"))
+    unit.application.expect_message("dataarrival")
+    unit.eth0.down()
+    unit.application.expect_message("dataremoval")
+    since = unit.mark()
+    unit.eth0.up()
+    unit.eth0.set_address("169.254.1.1")
+    unit.application.expect_message("dataarrival")
+    peer.events.seek(since)
+    peer.expect_announcement("/srv/charts")

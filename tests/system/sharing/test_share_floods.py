@@ -1,0 +1,87 @@
+"""More announcements than units ever make: the daemon lives, and real shares come back."""
+
+import re
+import time
+from pathlib import Path
+
+import pytest
+
+from share_helpers import add_quick_tools, start_listening, wait_for
+from testbed import timeouts
+from testbed.peer import Announcement
+
+REAL = Announcement("/media/real", name="real")
+MANY = 10_000
+
+
+def memory_megabytes(unit) -> float:
+    """The most memory that the daemon has had."""
+    status = Path(f"/proc/{unit.daemon.process.pid}/status").read_text()
+    return int(re.search(r"VmHWM:\s+(\d+) kB", status)[1]) / 1024
+
+
+def flood(peer, seconds: float = 3.0) -> None:
+    """Announce 10,000 distinct shares in that time."""
+    began = time.monotonic()
+    for number in range(MANY):
+        peer.send(Announcement(f"/media/flood{number}", name=f"share {number}"))
+        due = began + number * seconds / MANY
+        while time.monotonic() < due:
+            time.sleep(0.001)
+
+
+def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
+    """Nobody takes the reports, which is the worst that can happen to the daemon's memory."""
+    stranger, friend = make_peer("169.254.3.7"), make_peer("169.254.3.8")
+    add_quick_tools(unit)
+    start_listening(unit, "--debuglevel", "3")
+    before = memory_megabytes(unit)
+    friend.announce(REAL)
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.8:-media-real")
+    unit.application.leave()
+    flood(stranger)
+    mounted = unit.sandbox.path("/mnt")
+    strange = [path.name for path in mounted.iterdir() if "flood" in path.name]
+    assert len(strange) > 100
+    assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
+    friend.announce(Announcement("/media/after"))
+    wait_for((mounted / "169.254.3.8:-media-after").is_dir, "a real share is mounted")
+    wait_for(lambda: not any("flood" in path.name for path in mounted.iterdir()),
+             "the strange shares have gone", timeouts.RUN)
+    assert (mounted / "169.254.3.8:-media-real").is_dir()
+    assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
+    assert unit.daemon.running()
+    assert unit.daemon.stderr() == ""
+
+
+def test_the_end_does_not_wait_for_a_flood_to_pass(unit, peer) -> None:
+    add_quick_tools(unit)
+    start_listening(unit, "--debuglevel", "3")
+    began = time.monotonic()
+    unit.daemon.signal(15)
+    flood(peer, 2.5)
+    assert unit.daemon.wait(timeouts.RUN) == 0
+    assert time.monotonic() - began < timeouts.at_most(7)
+    assert not any(unit.sandbox.path("/mnt").iterdir())
+
+
+@pytest.mark.parametrize("prefix", ["169.254", "10.7"])
+def test_a_thousand_senders_that_do_not_exist(unit, make_peer, prefix: str) -> None:
+    stranger, friend = make_peer("169.254.3.7"), make_peer("169.254.3.8")
+    add_quick_tools(unit)
+    start_listening(unit, "--debuglevel", "3")
+    friend.announce(REAL)
+    unit.application.expect_message("dataarrival")
+    errors = unit.mark()
+    for number in range(1200):
+        stranger.send_from(f"{prefix}.{100 + number // 250}.{1 + number % 250}", REAL)
+    assert unit.daemon.running()
+    stopped = time.monotonic()
+    friend.announce(Announcement("/media/after"))
+    unit.application.expect_message("dataarrival", timeouts.RUN,
+                                    path="/mnt/169.254.3.8:-media-after")
+    assert time.monotonic() - stopped < timeouts.at_most(5)
+    assert len(unit.daemon.log_lines(errors)) < 50, "the log is not flooded"
+    began = time.monotonic()
+    assert unit.daemon.terminate(timeouts.RUN) == 0
+    assert time.monotonic() - began < timeouts.at_most(5)

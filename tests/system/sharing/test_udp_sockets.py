@@ -1,0 +1,170 @@
+"""The sockets under the sharing: senders that do not answer, and every call that can fail."""
+
+import re
+import time
+
+import pytest
+
+from share_helpers import (listens, mount, open_descriptors, processor_share,
+                           reading_thread, start_listening, unmount, wait_for)
+from testbed import timeouts
+from testbed.daemon import ERROR, INFO
+from testbed.peer import NUDGE_PORT, Announcement
+from testbed.strace import Strace
+from testbed.tape import Wanted
+
+SHARE = Announcement("/media/sda1")
+DIRECTORY = "/mnt/169.254.3.7:-media-sda1"
+NO_ANSWER = "attempt 4 to obtain MAC for {} failed with error 6"
+NOT_JOINED = "CUdpRxSocket::_AddMultiCast: setsockopt(IP_ADD_MEMBERSHIP) failed! Error: 19"
+
+
+def test_a_sender_that_does_not_answer_is_asked_four_times(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.answer_arp(False)
+    sent = time.monotonic()
+    peer.send(SHARE)
+    unit.daemon.expect_log(ERROR, NO_ANSWER.format("169.254.3.7"))
+    assert 0.7 < time.monotonic() - sent < timeouts.at_most(0.75)
+    assert peer.heard(port=NUDGE_PORT) == []
+    # The datagrams wait in the kernel until somebody answers for the address.
+    peer.answer_arp(True)
+    for _ in range(4):
+        peer.expect("169.254.1.1 nudges")
+    nudges = peer.heard(port=NUDGE_PORT)
+    assert [(nudge.raw, nudge.destination) for nudge in nudges] == [(b"\0", "169.254.3.7")] * 4
+    unit.settle()
+    assert tools.calls(tool="mount") == []
+    peer.send(SHARE)
+    unit.application.expect_message("dataarrival", path=DIRECTORY)
+    assert unit.daemon.logged(ERROR, NO_ANSWER.format("169.254.3.7")) == 1
+
+
+def test_an_address_still_being_resolved_is_not_six_zero_bytes(unit, tools, peer) -> None:
+    start_listening(unit, "--peer-mac", "00:00:00:00:00:00")
+    peer.answer_arp(False)
+    peer.send(SHARE)
+    unit.daemon.expect_log(ERROR, NO_ANSWER.format("169.254.3.7"))
+    assert not [line for line in unit.daemon.log_lines() if "Discovered peer" in line.text]
+    assert tools.calls(tool="mount") == []
+
+
+def test_those_who_answer_do_not_wait_for_those_who_do_not(unit, tools, make_peer) -> None:
+    mute, answering = make_peer("169.254.3.7"), make_peer("169.254.3.8")
+    start_listening(unit)
+    answering.announce(Announcement("/media/first"))
+    unit.application.expect_message("dataarrival")
+    mute.answer_arp(False)
+    sent = time.monotonic()
+    for _ in range(50):
+        mute.send(SHARE)
+    answering.announce(Announcement("/media/second"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.8:-media-second")
+    assert time.monotonic() - sent < timeouts.at_most(1)
+    since = unit.mark()
+    answering.announcers[-1].stop()
+    answering.send(Announcement("/media/second").withdrawal())
+    unit.application.expect_message("dataremoval")
+    assert [frame.message()["path"] for frame in unit.application.frames(since)] == [
+        "/mnt/169.254.3.8:-media-second"]
+
+
+@pytest.mark.parametrize("source", [
+    pytest.param("10.9.9.9", id="of another network"),
+    pytest.param("169.254.77.77", id="that nobody has")])
+def test_a_sender_address(unit, tools, peer, source: str) -> None:
+    start_listening(unit)
+    peer.send_from(source, SHARE)
+    unit.daemon.expect_log(ERROR, NO_ANSWER.format(source))
+    peer.announce(Announcement("/media/real"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-real")
+    assert len(tools.calls(tool="mount")) == 1
+
+
+@pytest.mark.parametrize("source", ["169.254.1.1", "127.0.0.1", "224.1.1.1",
+                                    "255.255.255.255"])
+def test_an_address_that_cannot_be_a_sender(unit, tools, peer, source: str) -> None:
+    start_listening(unit)
+    peer.send_from(source, SHARE)
+    peer.send(Announcement("/media/real"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-real")
+    assert tools.calls(tool="mount") == [
+        mount("ro", "169.254.3.7:/media/real", "/mnt/169.254.3.7:-media-real")]
+    assert unit.daemon.running()
+
+
+def test_datagrams_to_the_unit_alone_count_too(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.send(SHARE, to="169.254.1.1")
+    unit.application.expect_message("dataarrival", path=DIRECTORY)
+
+
+@pytest.mark.parametrize("inject, text", [
+    pytest.param("socket:error=EMFILE", "Allocating socket failed! Error: 24", id="a socket"),
+    pytest.param("setsockopt:error=EPERM", "setsockopt(SO_REUSEADDR) failed! Error: 1",
+                 id="sharing the port"),
+    pytest.param("setsockopt:error=ENOMEM:when=2+2", "setsockopt(IP_PKTINFO) failed! Error: 12",
+                 id="the packet information"),
+    pytest.param("bind:error=EACCES", "Binding socket failed! Error: 13", id="the port")])
+def test_opening_goes_on_when_the_kernel_refuses(unit, tools, peer, log_directory, inject: str,
+                                                text: str) -> None:
+    unit.sandbox.run(["ip", "route", "delete", "224.0.0.0/4"])  # it is tried again and again
+    unit.start_daemon()
+    unit.daemon.expect_log(INFO, NOT_JOINED)
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", f"inject={inject}"):
+        unit.daemon.expect_log(INFO, f"CUdpRxSocket::CreateSocket: {text}")
+        descriptors = open_descriptors(unit)
+        for _ in range(6):
+            unit.daemon.expect_log(INFO, f"CUdpRxSocket::CreateSocket: {text}")
+        assert open_descriptors(unit) < descriptors + 4, "a few may be open just now"
+    unit.sandbox.run(["ip", "route", "add", "224.0.0.0/4", "dev", "eth0"])
+    wait_for(lambda: listens(unit), "the daemon joins the group")
+    peer.send(SHARE)
+    unit.application.expect_message("dataarrival", path=DIRECTORY)
+
+
+def test_a_group_that_cannot_be_left_is_logged(unit, tools, peer, log_directory) -> None:
+    start_listening(unit)
+    peer.announce(SHARE)
+    unit.application.expect_message("dataarrival")
+    tools.hold("umount")  # keeps the daemon from ending while it is traced
+    with Strace(unit.daemon.process, log_directory / "strace",
+                "-e", "inject=setsockopt:error=EADDRNOTAVAIL"):
+        unit.daemon.signal(15)
+        unit.daemon.expect_log(INFO, "CUdpRxSocket::Close: Closing port: 10000", timeouts.STOP)
+        unit.daemon.expect_log(
+            INFO,
+            "CUdpRxSocket::_DropSavedMultiCast: setsockopt(IP_DROP_MEMBERSHIP) failed! Error: 99")
+        tools.expect(unmount(DIRECTORY))
+    tools.obey()
+    assert unit.daemon.wait() == 0
+
+
+def test_reading_that_fails_neither_spins_nor_floods_the_log(unit, tools, peer,
+                                                            log_directory) -> None:
+    text = "CUdpRxSocket::_BlockingRead: recvmsg failed! Port: 12 Error: 12"
+    start_listening(unit)
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=recvmsg", "-e",
+                "inject=recvmsg:error=ENOMEM", thread=reading_thread(unit)):
+        peer.send(SHARE)
+        unit.daemon.expect_log(INFO, text)
+        assert processor_share(unit, 1.5) < 0.1
+        assert 1 <= unit.daemon.logged(INFO, text) <= 4
+    peer.announce(SHARE)
+    unit.application.expect_message("dataarrival", path=DIRECTORY)
+
+
+def test_the_send_buffer_being_full_only_loses_announcements(unit, tools, peer,
+                                                             log_directory) -> None:
+    unit.start_daemon("--internal-share-path", "/srv/charts")
+    peer.expect_announcement("/srv/charts")
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=sendto", "-e",
+                "inject=sendto:error=ENOBUFS") as strace:
+        wait_for(lambda: sum("10000" in line for line in strace.lines()) >= 2,
+                 "two announcements that fail")
+    since = unit.mark()
+    peer.events.seek(since)
+    peer.expect_announcement("/srv/charts")
+    assert not [line for line in unit.daemon.log_lines() if line.level == ERROR]
+    peer.events.expect(Wanted("an announcement that is whole",
+                              lambda event: bool(re.search("announces", event.text))))

@@ -1,0 +1,90 @@
+"""The demo plays to its end and shows what it is there to show."""
+
+import os
+import re
+import subprocess
+import sys
+from pathlib import Path
+
+from testbed import target, timeouts
+
+
+def demo(log_directory: Path, *options: str, text: str = "") -> list[str]:
+    """Lines of a demo that must end with status 0, without times, prompts and alignment."""
+    done = subprocess.run(
+        [sys.executable, "-m", "testbed", "demo", *options], cwd=target.REPOSITORY, input=text,
+        env=os.environ | {"VOLDRAKE_LOG_DIR": str(log_directory)}, capture_output=True, text=True,
+        timeout=6 * timeouts.RUN, check=False)
+    assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
+    return [" ".join(re.sub(r"^(voldrake> )*( *\d+\.\d{3}  )?", "", line).split())
+            for line in done.stdout.splitlines()]
+
+
+def assert_in_order(wanted: list[str], lines: list[str]) -> None:
+    position = 0
+    for line in wanted:
+        assert line in lines[position:], f"{line!r} is missing after {lines[:position]}"
+        position += lines[position:].index(line) + 1
+
+
+def test_the_story_shows_every_kind_of_event(log_directory: Path) -> None:
+    lines = demo(log_directory)
+    assert_in_order([
+        "An SD card is in its slot when the unit starts.",
+        'told arrival /media/mmcblk0p1 "Memory Card - 0"'
+        " (memorycard, writable, key 1b534d303030303010206bb243009ae5)",
+        "A second partition on it appears.",
+        'told arrival /media/sda2 "USB Mass Storage" (harddrive, writable)',
+        "A write-protected card goes into the second slot.",
+        'told arrival /media/mmcblk1p1 "Memory Card - 1"'
+        " (memorycard, read-only, key 1b534d303030303010ca9f5228009aef)",
+        'told arrival /media/sdb1 " - Chart Port" (harddrive, writable)',
+        "ignored /dev/sdc1",
+        "pulled stick",
+        "told removal /media/sda2",
+        "the display application is gone",
+        "the display application is there",
+        'told arrival /media/sda1 "USB Mass Storage" (harddrive, writable)',
+        "Memory Card - 0 -> mmcblk0p1", "Memory Card - 1 -> mmcblk1p1",
+        "USB Memory Card A1 -> sda1", "USB Memory Card B1 -> sdb1",
+        "daemon ended with status 0",
+        "Both units are switched off.",
+    ], lines)
+    assert "asked Mount('sda2', 'vfat', [])" in lines
+    assert "unlinked /media/USB Memory Card A2 -> sda2" in lines
+    assert not any("sdc1" in line for line in lines if line.startswith(("told", "mounted")))
+    assert not any("\x1b" in line for line in lines)
+    assert lines[-1].startswith(f"The logs of all programs are in {log_directory}/demo;")
+    assert (log_directory / "demo/unit/voldrake.log").exists()
+
+
+def test_two_units_read_and_write_each_other_s_files(log_directory: Path) -> None:
+    lines = demo(log_directory, "--two-units")
+    assert_in_order([
+        "north ran exportfs -o ro,no_root_squash,no_subtree_check *:/media/mmcblk0p1",
+        "south ran mount -t nfs -o rw,rsize=1280,soft,udp,noatime,nodiratime"
+        " 169.254.1.1:/media/mmcblk0p1 /mnt/169.254.1.1:-media-mmcblk0p1",
+        "south reads /mnt/169.254.1.1:-media-mmcblk0p1/route.txt: Harbour to lighthouse",
+        "south reads /media/sda1/answer.txt: On my way",
+        "south ran umount -f -l /mnt/169.254.1.1:-media-mmcblk0p1",
+        "north told removal /mnt/169.254.1.2:-media-sda1",
+    ], lines)
+
+
+def test_the_prompt_does_what_it_is_told(log_directory: Path) -> None:
+    commands = ["help", "plug usb stick label=X", "list", "plug usb stick", "away", "back",
+                "pull stick", "log 2", "nonsense", "quit"]
+    lines = demo(log_directory, "--interactive", text="\n".join(commands) + "\n")
+    assert_in_order([
+        "plug sd NAME [host=0] [cid=...] [label=TEXT] ... an SD card",
+        "plugged: stick", "mounted: /media/sda1 rw",
+        "linked: /media/USB Memory Card A1 -> sda1",
+        'refused there is a "stick" already',
+        "told removal /media/sda1",
+        'refused unknown command "nonsense"',
+        "daemon ended with status 0",
+    ], lines)
+
+
+def test_the_end_of_input_ends_the_prompt(log_directory: Path) -> None:
+    assert "daemon ended with status 0" in demo(log_directory, "--interactive")

@@ -1,0 +1,171 @@
+"""The Wireshark dissector of the announcement datagram, run by tshark over captures made here."""
+
+import json
+import struct
+import subprocess
+from collections.abc import Sequence
+from pathlib import Path
+
+import pytest
+
+DISSECTOR = Path(__file__).resolve().parents[2] / "tools" / "wireshark" / "voldrake.lua"
+PORT = 10000
+TSHARK_SECONDS = 60
+
+
+def announcement(
+    path: bytes = b"/media/sda1",
+    key: bytes = b"",
+    name: bytes = b"Name",
+    *,
+    message_type: int = 1,
+    media_type: int = 1,
+    read_only: int = 1,
+) -> bytes:
+    """The datagram of one share as a unit sends it."""
+    texts = [path + b"\0", key + b"\0", name + b"\0"]
+    lengths = [len(text) for text in texts]
+    header = struct.pack(
+        "<I8H", 0x12345678, 1, message_type, 1000, media_type, read_only, *lengths
+    )
+    return header + b"".join(texts)
+
+
+def changed(offset: int, replacement: bytes) -> bytes:
+    """A sound datagram with some bytes replaced."""
+    datagram = announcement()
+    return datagram[:offset] + replacement + datagram[offset + len(replacement) :]
+
+
+def udp_packet(payload: bytes) -> bytes:
+    """An Ethernet frame that carries the payload from 169.254.3.7 to the group."""
+    udp = struct.pack(">HHHH", 40000, PORT, 8 + len(payload), 0) + payload
+    ip = struct.pack(
+        ">BBHHHBBH4s4s", 0x45, 0, 20 + len(udp), 0, 0, 5, 17, 0,
+        bytes([169, 254, 3, 7]), bytes([224, 1, 1, 1]),
+    )  # fmt: skip
+    return bytes.fromhex("01005e010101 020000000001 0800") + ip + udp
+
+
+def write_capture(file: Path, payloads: Sequence[bytes]) -> None:
+    """Writes a pcap file with one UDP packet for each payload."""
+    capture = struct.pack("<IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 65535, 1)
+    for second, payload in enumerate(payloads):
+        packet = udp_packet(payload)
+        capture += struct.pack("<IIII", second, 0, len(packet), len(packet)) + packet
+    file.write_bytes(capture)
+
+
+@pytest.fixture
+def dissect(tmp_path: Path):
+    """Calls tshark on payloads; gives each packet's layers and fails on any Lua error."""
+
+    def run(*payloads: bytes) -> list[dict]:
+        capture = tmp_path / "capture.pcap"
+        write_capture(capture, payloads)
+        result = subprocess.run(
+            ["tshark", "-n", "-r", capture, "-X", f"lua_script:{DISSECTOR}", "-T", "json"]
+            + ["-J", "voldrake _ws.expert _ws.lua", "--no-duplicate-keys"],
+            env={"HOME": str(tmp_path), "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"},
+            capture_output=True,
+            text=True,
+            timeout=TSHARK_SECONDS,
+            check=True,
+        )
+        assert "Lua" not in result.stderr, result.stderr
+        assert "Lua Error" not in result.stdout, result.stdout
+        packets = [packet["_source"]["layers"] for packet in json.loads(result.stdout)]
+        assert len(packets) == len(payloads)
+        return packets
+
+    return run
+
+
+def experts(layer: object) -> set[str]:
+    """Every message that the dissector marked a packet with."""
+    found: set[str] = set()
+    if isinstance(layer, dict):
+        for name, value in layer.items():
+            if name == "_ws.expert.message":
+                found.update(value if isinstance(value, list) else [value])
+            else:
+                found |= experts(value)
+    elif isinstance(layer, list):
+        for value in layer:
+            found |= experts(value)
+    return found
+
+
+def test_every_field_of_an_announcement_is_shown(dissect) -> None:
+    (packet,) = dissect(announcement(key=b"00ff", name="Küche".encode()))
+    layer = packet["voldrake"]
+    assert layer == {
+        "voldrake.magic": "0x12345678",
+        "voldrake.version": "1",
+        "voldrake.type": "1",
+        "voldrake.constant": "1000",
+        "voldrake.media_type": "1",
+        "voldrake.read_only": "1",
+        "voldrake.path_length": "12",
+        "voldrake.key_length": "5",
+        "voldrake.name_length": "7",
+        "voldrake.path": "/media/sda1",
+        "voldrake.key": "00ff",
+        "voldrake.name": "Küche",
+    }
+
+
+def test_a_withdrawal_and_empty_texts_are_sound(dissect) -> None:
+    packets = dissect(
+        announcement(message_type=2, read_only=0), announcement(b"", b"", b"", read_only=2)
+    )
+    assert packets[0]["voldrake"]["voldrake.type"] == "2"
+    assert packets[1]["voldrake"]["voldrake.path_length"] == "1"
+    assert [experts(packet) for packet in packets] == [set(), set()]
+
+
+@pytest.mark.parametrize(
+    ("datagram", "message"),
+    [
+        (changed(0, b"\x12\x34\x56\x78"), "The magic is wrong"),
+        (changed(4, b"\x02"), "2 instead of 1"),
+        (changed(6, b"\x09"), "The message type is neither 1 nor 2"),
+        (changed(8, b"\x00\x00"), "0 instead of 1000"),
+        (changed(14, b"\x00\x00"), "The path has no zero byte"),
+        (changed(31, b"x"), "The path does not end with a zero byte"),
+        (changed(24, b"\0"), "The path ends before its length"),
+        (changed(14, b"\xff\xff"), "The path is cut off"),
+        (changed(18, b"\x06"), "The friendly name is cut off"),
+        (announcement() + b"x", "Bytes follow the friendly name"),
+        (announcement(b"/" * 1480), "Units read 1500 bytes only"),
+    ],
+    ids=lambda value: value if isinstance(value, str) else "",
+)
+def test_what_no_unit_sends_is_marked(dissect, datagram: bytes, message: str) -> None:
+    (packet,) = dissect(datagram)
+    assert message in experts(packet)
+
+
+def test_every_prefix_is_marked_as_truncated(dissect) -> None:
+    whole = announcement(key=b"00ff")
+    packets = dissect(*(whole[:length] for length in range(1, len(whole))))
+    for length, packet in enumerate(packets, start=1):
+        assert any("cut off" in message for message in experts(packet)), length
+
+
+def test_the_summary_names_type_path_and_name(tmp_path: Path) -> None:
+    capture = tmp_path / "capture.pcap"
+    write_capture(capture, [announcement(), announcement(message_type=2)])
+    result = subprocess.run(
+        ["tshark", "-n", "-r", capture, "-X", f"lua_script:{DISSECTOR}"]
+        + ["-T", "fields", "-e", "_ws.col.Protocol", "-e", "_ws.col.Info"],
+        env={"HOME": str(tmp_path), "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"},
+        capture_output=True,
+        text=True,
+        timeout=TSHARK_SECONDS,
+        check=True,
+    )
+    assert result.stdout.splitlines() == [
+        'VOLDRAKE\tAnnounce /media/sda1 "Name"',
+        'VOLDRAKE\tWithdraw /media/sda1 "Name"',
+    ]

@@ -1,0 +1,197 @@
+"""The stand-in hardware service: raw signals, faults, leaving, bad commands, its end."""
+
+import re
+import time
+
+import pytest
+
+from halsim_client import (  # noqa: F401  (fixtures)
+    DEVICE_INTERFACE, MANAGER, PREFIX, ROOT, Client,
+    fixture_box, fixture_client, fixture_hal, fixture_sim, signals)
+from testbed import target
+from testbed.bus import Bus
+from testbed.hal import CommandFailed, Hal
+from testbed.sandbox import Sandbox
+from testbed.tape import Tape
+
+# Raw signals and faults
+
+def test_a_raw_signal_is_sent_as_it_is_told(sim: Hal, client: Client) -> None:
+    client.listen(sim)
+    sim.command(f"emit {ROOT} {DEVICE_INTERFACE} PropertyModified (3, [('x', false, false)])")
+    client.heard.expect(f"{ROOT}: {DEVICE_INTERFACE}.PropertyModified"
+                        " (3, [('x', false, false)])")
+    sim.command(f"emit {MANAGER} com.example.Other DeviceAdded (uint32 42,)")
+    client.heard.expect(f"{MANAGER}: com.example.Other.DeviceAdded (uint32 42,)")
+
+
+def test_a_raw_signal_can_go_to_one_client(sim: Hal) -> None:
+    sim.command(f"emit to={sim.unique_name} /a a.b Member")
+    sim.expect(f"signal Member /a a.b() to {sim.unique_name}")
+
+
+def test_the_next_call_can_be_refused_answered_oddly_or_late(sim: Hal, client: Client) -> None:
+    sim.command("fail GetPropertyString:info.udi org.freedesktop.Hal.PermissionDenied \"not you\"")
+    sim.command("answer GetPropertyString (7,)")
+    sim.command("delay GetPropertyString 300")
+    assert client.get(ROOT, "linux.sysfs_path") == "(7,)"
+    assert client.get(ROOT, "info.udi") == "org.freedesktop.Hal.PermissionDenied: not you"
+    started = time.monotonic()
+    assert client.get(ROOT, "info.udi") == f"('{ROOT}',)"
+    assert time.monotonic() - started > 0.29
+    assert client.get(ROOT, "info.udi") == f"('{ROOT}',)"
+
+
+def test_a_fault_that_is_taken_back_does_not_happen(sim: Hal, client: Client) -> None:
+    sim.command("fail GetPropertyString org.freedesktop.Hal.Error")
+    sim.command("forget")
+    assert client.get(ROOT, "info.udi") == f"('{ROOT}',)"
+
+
+def test_leaving_in_the_middle_of_a_call_leaves_it_unanswered(sim: Hal, client: Client) -> None:
+    sim.command("ignore GetPropertyString")
+    call = client.start_call(ROOT, f"{DEVICE_INTERFACE}.GetPropertyString", "info.udi")
+    sim.expect(re.compile("^no-reply "))
+    sim.command("drop")
+    assert call.wait() != 0
+    assert "org.freedesktop.DBus.Error.NoReply" in call.stderr()
+    assert "org.freedesktop.DBus.Error.ServiceUnknown" in client.get(ROOT, "info.udi")
+    sim.plug("usb stick uuid=AA")
+    sim.command("return")
+    assert client.get(PREFIX + "volume_uuid_AA", "volume.uuid") == "('AA',)"
+    sim.command("list")  # its answer comes behind all that happened before
+    assert signals(sim) == []
+
+
+def test_a_delayed_call_can_be_answered_on_leaving(sim: Hal, client: Client) -> None:
+    sim.command("delay GetPropertyString 60000")
+    call = client.start_call(ROOT, f"{DEVICE_INTERFACE}.GetPropertyString", "info.udi")
+    sim.expect_call("GetPropertyString")
+    sim.command("drop answer")
+    assert call.wait() == 0
+    assert call.stdout() == f"('{ROOT}',)\n"
+
+
+def test_the_name_can_go_while_the_connection_stays(sim: Hal, client: Client) -> None:
+    sim.command("delay GetPropertyString 300")
+    call = client.start_call(ROOT, f"{DEVICE_INTERFACE}.GetPropertyString", "info.udi")
+    sim.expect_call("GetPropertyString")
+    sim.command("drop name")
+    assert "ServiceUnknown" in client.get(ROOT, "info.udi")
+    assert call.wait() == 0
+    sim.command("return")
+    assert client.get(ROOT, "info.udi") == f"('{ROOT}',)"
+
+
+# Commands
+
+@pytest.mark.parametrize("line, error", [
+    ("nonsense", 'unknown command "nonsense"'),
+    ("plug", "what to plug is missing"),
+    ("plug moon m", 'cannot plug "moon"'),
+    ("plug usb a/b", '"a/b" is no name: letters, digits, _ and -'),
+    ("plug usb a color=red", 'unknown key "color"'),
+    ("plug usb a serial=1 serial=2", '"serial" is given twice'),
+    ("plug usb a vendor=65536", "vendor=65536 is no number from 0 to 65535"),
+    ("plug usb a vendor=99999999999999999999", "vendor=99999999999999999999 is no number"),
+    ("plug usb a vendor=0x-1", "vendor=0x-1 is no number"),
+    ("plug usb a port=1-", '"1-" is no USB port'),
+    ("plug usb a card/x=int:1", 'there is no new "card"'),
+    ("plug usb a volume/x=float:1", 'unknown type "float"'),
+    ("plug usb a volume/x=bool:maybe", '"maybe" is not a bool'),
+    ("plug usb a label=\"x", "quotes are not closed"),
+    ("plug usb a label=\"\\q\"", "unknown escape in quotes"),
+    ("plug volume a", 'nothing plugged is called "a"'),
+    ("pull a", 'nothing plugged is called "a"'),
+    ("set /nowhere x=int:1", 'there is no device "/nowhere"'),
+    (f"set {ROOT} x=int:2147483648", '"2147483648" is not of type int'),
+    ("emit /a/ a.b M", '"/a/" is no object path'),
+    ("emit /a a M", '"a" is no interface name'),
+    ("emit /a a.b M 5", "the value is not a tuple: a tuple of one is written (VALUE,)"),
+    (f"emit /a a.b M {'(' * 33}1{',)' * 33}", "the value is nested too deeply"),
+    ("fail Mount Busy", '"Busy" is no error name'),
+    ("delay Mount soon", '"soon" is no number of milliseconds'),
+    ("quiet list", '"list" cannot be quiet'),
+    ("list all", 'unexpected "all"'),
+    ("a\0b", "the line has a NUL byte"),
+    ("plug usb \udcff\udcfe", "the line is not UTF-8"),
+    ("x" * 65537, "the line is too long"),
+], ids=lambda text: ascii(text)[:40])
+def test_a_bad_command_is_answered_and_changes_nothing(sim: Hal, line: str, error: str) -> None:
+    with pytest.raises(CommandFailed, match=re.escape(f"error: {error}")):
+        sim.command(line)
+    assert sim.command("list") == [f"device - {ROOT}"]
+
+
+def test_two_devices_cannot_be_in_one_place(sim: Hal) -> None:
+    sim.plug("usb stick port=1-1 scsi-host=3")
+    sim.plug("sd card host=1")
+    for command, error in (
+            ("usb stick", 'there is a "stick" already'),
+            ("usb b port=1-1", 'port 1-1 is taken by "stick"'),
+            ("usb b scsi-host=3", "SCSI host 3 is taken"),
+            ("sd b host=1", 'there is a card in this host: "card"'),
+            ("host b number=1", "there is an SD host 1 already"),
+            ("volume stick partition=1", 'there is a "volume1" already')):
+        with pytest.raises(CommandFailed, match=error):
+            sim.plug(command)
+    with pytest.raises(CommandFailed, match="there is a card in it"):
+        sim.pull("host1")
+
+
+def test_what_show_prints_can_be_given_back_to_set(sim: Hal) -> None:
+    sim.plug('usb stick label="a \\"b\\" \\\\ \\n \\x7f" volume/d=double:0.5 volume/l=strlist:')
+    shown = [line.removeprefix("property ") for line in sim.command("show stick")]
+    mark = sim.events.tape.mark()
+    sim.command(f"set stick {' '.join(shown)}")
+    assert not [event for event in sim.events.since(mark) if event.text.startswith("signal")]
+
+
+def test_it_ends_on_quit_on_end_of_input_and_when_told(hal: Hal) -> None:
+    hal.start(real_mounts=False)
+    assert hal.process
+    hal.command("quit")
+    assert hal.process.wait() == 0
+    hal.start(real_mounts=False)
+    hal.process.close_input()
+    assert hal.process.wait() == 0
+    hal.start(real_mounts=False)
+    assert hal.stop() == 0
+
+
+def test_the_bus_can_go_and_come_back(box: Sandbox) -> None:
+    with Sandbox(box.logs / "bus", target.read_only_mounts()) as sandbox:
+        bus = Bus(sandbox)
+        bus.start()
+        hal = Hal(sandbox, Tape())
+        hal.start(real_mounts=False)
+        bus.kill()
+        hal.expect("disconnected")
+        with pytest.raises(CommandFailed):
+            hal.command("return")
+        hal.plug("usb stick uuid=AA")
+        bus.start()
+        hal.command("return")
+        client = Client(sandbox, hal.events.tape)
+        assert client.get(PREFIX + "volume_uuid_AA", "volume.uuid") == "('AA',)"
+        assert hal.stop() == 0
+
+
+@pytest.mark.parametrize("arguments, status, text", [
+    (["--nonsense"], 2, "Usage: "),
+    (["--root="], 2, "Usage: "),
+    (["--address=unix:path=/nowhere"], 1, "voldrake-halsim: "),
+    (["--file=/nowhere"], 1, "voldrake-halsim: cannot read /nowhere"),
+])
+def test_a_start_that_fails_says_why(box: Sandbox, arguments: list[str], status: int,
+                                     text: str) -> None:
+    result = box.run([target.program("voldrake-halsim"), *arguments])
+    assert result.returncode == status
+    assert result.stderr.startswith(text)
+
+
+def test_a_name_that_is_taken_ends_the_second_service(sim: Hal, box: Sandbox) -> None:
+    assert sim.unique_name
+    result = box.run([target.program("voldrake-halsim")])
+    assert result.returncode == 1
+    assert "owned by somebody else" in result.stderr

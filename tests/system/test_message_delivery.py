@@ -1,0 +1,349 @@
+"""When messages go out: one per connection and tick, in order, and what a bad application costs."""
+
+import contextlib
+import os
+import socket
+import threading
+import time
+from pathlib import Path
+from typing import Callable
+
+import pytest
+
+from local_volumes import STICK, arrival, removal, told
+from observations import processor_seconds, wait_until
+from testbed import timeouts
+from testbed.application import Mode
+from testbed.unit import Unit
+
+#: Sticks at ports of the second hub have a name that makes a message of 16,000 bytes.
+_LONG = 7700 * "n"
+_long_names = pytest.mark.unit_options(configuration=f"name={_LONG}\nusbid=2-1\n")
+_TICK, _RETRY, _DELIVERY = 0.5, 10.0, 2.0
+
+Step = Callable[[socket.socket], None]
+
+
+class ScriptedApplication:
+    """An application that treats each of its first connections in a way of its own.
+
+    Later connections are read to their ends like those of the step `read`. One connection at a
+    time. Ends with the block that it is used in.
+    """
+
+    def __init__(self, unit: Unit, *steps: Step) -> None:
+        self.accepted: list[float] = []
+        self.texts: list[str | None] = []
+        self._unit = unit
+        self._steps = steps
+        self._changed = threading.Condition()
+
+    def __enter__(self) -> "ScriptedApplication":
+        self._unit.application.leave()
+        self._listener = self._unit.sandbox.in_network(
+            lambda: socket.create_server(("127.0.0.1", self._unit.application.port)))
+        self._thread = threading.Thread(target=self._serve, daemon=True)
+        self._thread.start()
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._listener.shutdown(socket.SHUT_RDWR)
+        self._thread.join(timeouts.STOP)
+        self._listener.close()
+
+    def wait_for(self, connections: int, timeout: float) -> None:
+        """Wait until so many connections have been dealt with."""
+        with self._changed:
+            assert self._changed.wait_for(lambda: len(self.texts) >= connections, timeout), (
+                f"only {len(self.texts)} connections: {self.texts}")
+
+    def wait_for_accepted(self, connections: int, timeout: float = timeouts.EVENT) -> None:
+        """Wait until so many connections have come."""
+        with self._changed:
+            assert self._changed.wait_for(lambda: len(self.accepted) >= connections, timeout)
+
+    def _serve(self) -> None:
+        while True:
+            try:
+                connection, _ = self._listener.accept()
+            except OSError:
+                return
+            number = len(self.accepted)
+            with self._changed:
+                self.accepted.append(time.monotonic())
+                self._changed.notify_all()
+            with connection:
+                step = self._steps[number] if number < len(self._steps) else read
+                text = step(connection)
+            with self._changed:
+                self.texts.append(text)
+                self._changed.notify_all()
+
+
+def read(connection: socket.socket) -> str | None:
+    """Read the frame to its end; its text."""
+    raw = b""
+    while piece := connection.recv(65536):
+        raw += piece
+    return raw[6:].decode("utf-16-be")
+
+
+def close_early(connection: socket.socket) -> None:
+    """Read a few bytes and close with the rest unread."""
+    connection.recv(8)
+
+
+def hold_until(event: threading.Event) -> Step:
+    """Read only once the event has come."""
+    def step(connection: socket.socket) -> str | None:
+        assert event.wait(timeouts.STOP)
+        return read(connection)
+    return step
+
+
+def leave_open(connection: socket.socket) -> None:
+    """Read nothing and keep the connection for as long as the daemon waits, and longer."""
+    kept = connection.dup()
+    later = threading.Timer(2 * timeouts.at_most(_DELIVERY), kept.close)
+    later.daemon = True
+    later.start()
+
+
+def trickle(connection: socket.socket) -> None:
+    """Read on all the while, far too slowly."""
+    kept = connection.dup()
+
+    def body() -> None:
+        with kept, contextlib.suppress(ConnectionError):
+            while kept.recv(16):
+                time.sleep(0.05)
+
+    threading.Thread(target=body, daemon=True).start()
+
+
+def shrink_buffers(unit: Unit) -> None:
+    """Let the kernel take so little of a message that sending it waits for its reader."""
+    for name in ("ipv4/tcp_wmem", "ipv4/tcp_rmem"):
+        unit.sandbox.set_network_option(name, "4096 4096 4096")
+
+
+def long_arrival(letter: str) -> str:
+    """The message of a stick with the long name."""
+    return arrival(f"/media/sd{letter}1", name=f" - {_LONG}")
+
+
+def refused_connections(unit: Unit) -> int:
+    """How many attempts to connect have failed in the unit's network so far."""
+    counters = unit.sandbox.in_network(lambda: Path("/proc/thread-self/net/snmp").read_text())
+    names, values = [line.split() for line in counters.splitlines() if line.startswith("Tcp:")]
+    return int(values[names.index("AttemptFails")])
+
+
+def refused(unit: Unit, publish: Callable[[], object]) -> None:
+    """Have a message published while the application is absent, and one attempt made for it."""
+    before = refused_connections(unit)
+    publish()
+    wait_until(lambda: refused_connections(unit) > before, "an attempt is refused")
+
+
+def descriptors(unit: Unit) -> list[str]:
+    """The numbers of the daemon's descriptors."""
+    return sorted(os.listdir(f"/proc/{unit.daemon.process.pid}/fd"))
+
+
+def inherited_descriptors(unit: Unit) -> set[str]:
+    """The numbers of those of the daemon's descriptors that a program it runs would get."""
+    found = set()
+    for place in Path(f"/proc/{unit.daemon.process.pid}/fdinfo").iterdir():
+        try:
+            flags = int(place.read_text().split("flags:")[1].split()[0], 8)
+        except FileNotFoundError:
+            continue  # closed meanwhile
+        if not flags & os.O_CLOEXEC:
+            found.add(place.name)
+    return found
+
+
+def gaps(times: list[float]) -> list[float]:
+    """The times between neighbours."""
+    return [later - earlier for earlier, later in zip(times, times[1:])]
+
+
+def test_a_message_goes_out_at_once(running_unit: Unit) -> None:
+    unit = running_unit
+    for number in range(3):
+        unit.settle()
+        unit.hal.plug(f"usb stick{number}")
+        frame = unit.application.next_frame()
+        written = unit.daemon.expect_log(3, frame.text())
+        assert written.text == arrival(f"/media/sd{'abc'[number]}1")
+        event = [event for event in unit.daemon.log.since() if event.data is written][0]
+        assert frame.accepted - event.time <= timeouts.at_most(0)
+
+
+def test_waiting_messages_go_out_with_the_next_one_in_order_one_each_tick(
+        running_unit: Unit) -> None:
+    """A new message ends the wait for the next try; each message has a connection of its own."""
+    unit = running_unit
+    unit.application.leave()
+    refused(unit, lambda: unit.hal.plug("usb first"))
+    refused(unit, lambda: unit.hal.plug("usb second"))
+    refused(unit, lambda: unit.hal.pull("first"))
+    since = unit.mark()
+    unit.application.listen()
+    started = time.monotonic()
+    unit.hal.plug("usb third volume-block=/dev/sdx1")
+    assert told(unit, 4) == [arrival("/media/sda1"), arrival("/media/sdb1"),
+                             removal("/media/sda1"), arrival("/media/sdx1")]
+    accepted = sorted(frame.accepted for frame in unit.application.frames(since))
+    assert accepted[0] - started <= timeouts.at_most(0)
+    for gap in gaps(accepted):
+        assert _TICK - 0.05 <= gap <= timeouts.at_most(_TICK)
+
+
+def test_an_absent_application_is_tried_again_after_ten_seconds(running_unit: Unit) -> None:
+    """Nothing but the time makes the daemon try again; the other messages follow tick by tick."""
+    unit = running_unit
+    unit.application.leave()
+    refused(unit, lambda: unit.hal.plug("usb first"))
+    refused(unit, lambda: unit.hal.plug("usb second"))
+    published = time.monotonic()
+    unit.application.listen()
+    assert told(unit, 2, timeouts.RETRY) == [arrival("/media/sda1"), arrival("/media/sdb1")]
+    first, second = sorted(frame.accepted for frame in unit.application.frames())
+    assert _RETRY - 0.3 <= first - published <= timeouts.at_most(_RETRY + _TICK)
+    assert _TICK - 0.05 <= second - first <= timeouts.at_most(_TICK)
+
+
+@_long_names
+def test_a_message_whose_sending_fails_is_lost_and_the_next_waits_ten_seconds(
+        running_unit: Unit) -> None:
+    """All four wait while the first is held; the third is cut off by the application."""
+    unit = running_unit
+    shrink_buffers(unit)
+    go_on = threading.Event()
+    with ScriptedApplication(unit, hold_until(go_on), read, close_early) as application:
+        unit.hal.plug("usb first port=2-1.1")
+        application.wait_for_accepted(1)
+        unit.hal.plug("usb second port=1-1.1")
+        unit.hal.plug("usb third port=2-1.2")
+        unit.hal.plug("usb fourth port=1-1.2")
+        unit.settle()
+        go_on.set()
+        application.wait_for(4, timeouts.RETRY)
+    assert application.texts == [long_arrival("a"), arrival("/media/sdb1"), None,
+                                 arrival("/media/sdd1")]
+    second, third, fourth = gaps(application.accepted)
+    assert second <= timeouts.at_most(0.1)
+    assert _TICK - 0.05 <= third <= timeouts.at_most(_TICK)
+    assert _RETRY - 0.1 <= fourth <= timeouts.at_most(_RETRY + _TICK)
+
+
+@pytest.mark.parametrize("mode", [Mode.RESET, Mode.CLOSE_EARLY, Mode.NEVER_READ])
+def test_a_bad_connection_never_costs_the_next_message(running_unit: Unit, mode: Mode) -> None:
+    unit = running_unit
+    unit.application.listen(mode)
+    unit.hal.plug("usb first")
+    unit.application.events.expect(f"(a connection; {mode.value})")
+    unit.settle()
+    unit.application.listen()
+    unit.hal.plug("usb second")
+    unit.application.expect_message("dataarrival", path="/media/sdb1")
+    unit.hal.pull("first")
+    unit.application.expect_message("dataremoval", path="/media/sda1")
+
+
+@_long_names
+@pytest.mark.parametrize("step", [leave_open, trickle], ids=["never reads", "hardly reads"])
+def test_an_application_that_does_not_read_on_is_given_up_after_two_seconds(
+        running_unit: Unit, step: Step) -> None:
+    """Its message is lost; meanwhile the daemon uses no processor time and leaks no descriptor."""
+    unit = running_unit
+    shrink_buffers(unit)
+    with ScriptedApplication(unit, step) as application:
+        unit.hal.plug("usb first port=2-1.1")
+        application.wait_for(1, timeouts.EVENT)
+        unit.hal.plug("usb second port=1-1.1")
+        unit.settle()
+        used = processor_seconds(unit)
+        assert inherited_descriptors(unit) <= {"0", "1", "2"}
+        application.wait_for(2, timeouts.EVENT)
+        assert processor_seconds(unit) - used <= 0.2 * timeouts.SCALE
+        assert application.texts[1] == arrival("/media/sdb1")
+        gap, = gaps(application.accepted)
+        assert _DELIVERY - 0.1 <= gap <= timeouts.at_most(_DELIVERY)
+
+
+def test_an_application_that_takes_no_connection_is_given_up_after_two_seconds(
+        running_unit: Unit) -> None:
+    """No message is lost by that: the first goes out as soon as somebody listens again."""
+    unit = running_unit
+    unit.application.listen(Mode.NEVER_ACCEPT)
+    unit.hal.plug("usb first")
+    unit.hal.plug("usb second")
+    unit.settle()
+    unit.application.listen()
+    started = time.monotonic()
+    assert told(unit, 2) == [arrival("/media/sda1"), arrival("/media/sdb1")]
+    accepted = sorted(frame.accepted for frame in unit.application.frames())
+    assert accepted[0] - started <= timeouts.at_most(_DELIVERY + _TICK)
+
+
+def test_failed_attempts_leave_no_descriptors(running_unit: Unit) -> None:
+    unit = running_unit
+    unit.hal.plug("usb other")
+    unit.application.next_text()
+    unit.settle()
+    before = descriptors(unit)
+    unit.application.leave()
+    for _ in range(10):
+        unit.hal.plug(STICK)
+        unit.settle()
+        unit.hal.pull("stick")
+        unit.settle()
+    unit.application.listen()
+    unit.daemon.signal(10)
+    assert unit.application.next_text() == arrival("/media/sda1")
+    deadline = time.monotonic() + timeouts.EVENT
+    while len(descriptors(unit)) > len(before):  # other threads have sockets for moments
+        assert time.monotonic() < deadline, descriptors(unit)
+        time.sleep(timeouts.POLL)
+
+
+def test_an_answer_of_the_application_is_not_waited_for(running_unit: Unit) -> None:
+    """It may keep the connection open after the frame, and say what it likes."""
+    unit = running_unit
+    talking = threading.Event()
+
+    def talk(connection: socket.socket) -> str | None:
+        connection.sendall(b"HTTP/1.1 200 OK\r\n\r\n")
+        talking.set()
+        return None
+
+    with ScriptedApplication(unit, talk) as application:
+        unit.hal.plug("usb first")
+        assert talking.wait(timeouts.EVENT)
+        unit.hal.plug("usb second")
+        application.wait_for(2, timeouts.EVENT)
+        assert application.texts[1] == arrival("/media/sdb1")
+
+
+@pytest.mark.parametrize("mode", [
+    pytest.param(Mode.NEVER_READ, marks=_long_names), Mode.NEVER_ACCEPT, None],
+    ids=["never reads", "takes no connection", "is absent"])
+def test_a_bad_application_does_not_hold_up_the_end(running_unit: Unit, mode: Mode | None) -> None:
+    """Three seconds of the end belong to the other units, two at most to the application."""
+    unit = running_unit
+    if mode is Mode.NEVER_READ:
+        shrink_buffers(unit)
+    if mode:
+        unit.application.listen(mode)
+    else:
+        unit.application.leave()
+    for number in range(3):
+        unit.hal.plug(f"usb stick{number} port=2-1.{number + 1}")
+    unit.settle()
+    started = time.monotonic()
+    assert unit.daemon.terminate() == 0
+    limit = 3 + (_DELIVERY if mode else 0)
+    assert 3 <= time.monotonic() - started <= timeouts.at_most(limit)

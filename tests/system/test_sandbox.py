@@ -1,0 +1,272 @@
+"""The sandbox's own promises: nothing outside is touched, nothing is left, anybody may."""
+
+import json
+import os
+import socket
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+import pytest
+
+from testbed import target, timeouts
+from testbed.application import Application, Mode
+from testbed.daemon import INFO
+from testbed.frame import BadFrame, decode, encode
+from testbed.network import Network
+from testbed.sandbox import Sandbox
+from testbed.tape import Tape
+from testbed.unit import Unit
+
+
+@pytest.fixture
+def sandbox(log_directory: Path):
+    with Sandbox(log_directory, target.read_only_mounts()) as started:
+        yield started
+
+
+def children() -> str:
+    """Process ids of this process's children."""
+    return Path(f"/proc/{os.getpid()}/task/{os.getpid()}/children").read_text()
+
+
+def is_running(pid: str) -> bool:
+    """True while a process has not ended, whether or not its end was collected."""
+    try:
+        return Path("/proc", pid, "cmdline").read_bytes() != b""
+    except OSError:
+        return False
+
+
+def test_has_directories_of_its_own(sandbox: Sandbox) -> None:
+    for directory in ("/etc", "/media", "/mnt", "/proc", "/run", "/srv", "/sys", "/tmp", "/var"):
+        file = f"{directory}/written-in-the-sandbox"
+        assert sandbox.run(["touch", file]).returncode == 0
+        assert sandbox.path(file).exists()
+        assert not Path(file).exists()
+
+
+@pytest.mark.parametrize("file", ["/usr/written-in-the-sandbox", "/usr/bin/env"])
+def test_cannot_change_the_system(sandbox: Sandbox, file: str) -> None:
+    done = sandbox.run(["touch", file])
+    assert done.returncode == 1
+    assert done.stderr.endswith((": Read-only file system\n", ": Permission denied\n"))
+
+
+def test_mounts_stay_inside(sandbox: Sandbox) -> None:
+    before = Path("/proc/mounts").read_text()
+    assert sandbox.run(["mount", "-t", "tmpfs", "tmpfs", "/media"]).returncode == 0
+    assert " /media tmpfs" in sandbox.run(["cat", "/proc/mounts"]).stdout
+    assert Path("/proc/mounts").read_text() == before
+
+
+def test_has_a_network_of_its_own(sandbox: Sandbox) -> None:
+    links = json.loads(sandbox.run(["ip", "-json", "link"]).stdout)
+    assert [link["ifname"] for link in links] == ["lo"]
+    assert "UP" in links[0]["flags"]
+
+
+def test_sees_only_its_own_processes(sandbox: Sandbox) -> None:
+    inside = sandbox.spawn(["sleep", "1000"])
+    assert sandbox.processes() == {inside.pid: "sleep 1000"}
+    seen = sandbox.run(["sh", "-c", "cat /run/proc/[0-9]*/cmdline"]).stdout
+    assert "sleep" in seen
+    assert "pytest" not in seen
+
+
+def test_collects_output_and_status(sandbox: Sandbox) -> None:
+    process = sandbox.spawn(["sh", "-c", "echo out; echo err >&2; exit 7"], "speaker")
+    assert process.wait() == 7
+    assert (process.stdout(), process.stderr()) == ("out\n", "err\n")
+    assert process.out.parent == sandbox.logs
+
+
+def test_reports_a_signal_as_the_end(sandbox: Sandbox) -> None:
+    assert sandbox.spawn(["sleep", "1000"]).terminate() == -15
+    assert sandbox.spawn(["sh", "-c", "kill -ABRT $$"]).wait() == -6
+
+
+def test_pauses_and_resumes_a_program(sandbox: Sandbox) -> None:
+    process = sandbox.spawn(["sleep", "1000"])
+    stat = Path(f"/proc/{process.pid}/stat")
+    for action, states in ((process.pause, "T"), (process.resume, "SR")):
+        action()
+        deadline = time.monotonic() + timeouts.EVENT
+        while stat.read_text().split()[2] not in states:
+            assert time.monotonic() < deadline
+            time.sleep(timeouts.POLL)
+    assert process.terminate() == -15
+
+
+def test_collects_orphans(sandbox: Sandbox) -> None:
+    sandbox.run(["sh", "-c", "sleep 0.05 & exit"])
+    deadline = time.monotonic() + timeouts.EVENT
+    while Path(f"/proc/{sandbox.pid}/task/{sandbox.pid}/children").read_text().count(" ") > 1:
+        assert time.monotonic() < deadline, "an orphan that ended was not collected"
+        time.sleep(timeouts.POLL)
+
+
+def test_leaves_nothing_but_logs(log_directory: Path) -> None:
+    mounts, before = Path("/proc/mounts").read_text(), children()
+    with Unit(log_directory) as unit:
+        unit.start_daemon()
+        unit.hal.plug("usb stick")
+        unit.application.expect_message("dataarrival")
+        unit.sandbox.spawn(["setsid", "--fork", "sleep", "1000"]).wait()
+        assert any("sleep 1000" in line for line in unit.sandbox.processes().values())
+    assert unit.sandbox.processes() == {}
+    assert children() == before
+    assert Path("/proc/mounts").read_text() == mounts
+    assert (log_directory / "voldrake.log").stat().st_size > 0
+
+
+def test_ends_with_the_process_that_made_it(log_directory: Path) -> None:
+    script = (f"import os, time; from pathlib import Path; from testbed.sandbox import Sandbox\n"
+              f"sandbox = Sandbox(Path({str(log_directory)!r})); sandbox.start()\n"
+              f"print(sandbox.pid, sandbox.spawn(['sleep', '1000']).pid, flush=True)\n"
+              f"time.sleep(1000)\n")
+    maker = subprocess.Popen([sys.executable, "-c", script], cwd=target.REPOSITORY,
+                             stdout=subprocess.PIPE, text=True)
+    assert maker.stdout
+    inside = maker.stdout.readline().split()
+    assert [is_running(pid) for pid in inside] == [True, True]
+    maker.kill()
+    maker.wait()
+    deadline = time.monotonic() + timeouts.STOP
+    while any(is_running(pid) for pid in inside):
+        assert time.monotonic() < deadline, "the sandbox outlived its maker"
+        time.sleep(timeouts.POLL)
+
+
+def test_works_without_any_privilege(tmp_path: Path) -> None:
+    """A process with an ordinary user's id and no capabilities makes wrapper, unit and mounts."""
+    script = ("import os, sys; from pathlib import Path; from testbed.unit import Unit\n"
+              "with Unit(Path(sys.argv[1])) as unit:\n"
+              "    unit.start_daemon()\n"
+              "    unit.hal.plug('usb stick')\n"
+              "    unit.application.expect_message('dataarrival')\n"
+              "    print(unit.mounts())\n")
+    (tmp_path / "script.py").write_text(script)
+    without_privilege = ["unshare", "--user", "--map-user=1000", "--map-group=1000"]
+    capabilities = subprocess.run([*without_privilege, "grep", "CapEff", "/proc/self/status"],
+                                  capture_output=True, text=True, check=True).stdout.split()[1]
+    assert int(capabilities, 16) == 0
+    environment = {name: value for name, value in os.environ.items() if name != "VOLDRAKE_WRAPPED"}
+    environment["PYTHONPATH"] = str(target.REPOSITORY)
+    done = subprocess.run(
+        [*without_privilege, sys.executable, "-m", "testbed", "run", sys.executable,
+         str(tmp_path / "script.py"), str(tmp_path / "logs")],
+        env=environment, capture_output=True, text=True, timeout=timeouts.RUN, check=False)
+    assert (done.stdout, done.stderr) == ("{'/media/sda1': 'rw'}\n", "")
+
+
+def test_says_when_namespaces_are_not_allowed(tmp_path: Path) -> None:
+    refusing = tmp_path / "unshare"
+    refusing.write_text("#!/bin/sh\necho 'unshare: Operation not permitted' >&2\nexit 1\n")
+    refusing.chmod(0o755)
+    environment = {"PATH": f"{tmp_path}:/usr/bin", "PYTHONPATH": str(target.REPOSITORY)}
+    done = subprocess.run([sys.executable, "-m", "testbed", "run", "true"], env=environment,
+                          capture_output=True, text=True, check=False)
+    assert done.returncode == 1
+    assert "this machine does not allow user namespaces: unshare: Operation not permitted" in (
+        done.stderr)
+
+
+def test_a_volume_shows_what_was_prepared_for_it(unit: Unit) -> None:
+    unit.sandbox.write("/srv/volumes/sda1/charts.txt", "charts")
+    unit.hal.command("plug usb stick readonly")
+    unit.hal.command("mount stick")
+    assert unit.sandbox.path("/media/sda1/charts.txt").read_text() == "charts"
+    assert unit.mounts() == {"/media/sda1": "ro"}
+    assert "Read-only" in unit.sandbox.run(["touch", "/media/sda1/more"]).stderr
+    unit.hal.pull("stick")
+    assert unit.mounts() == {}
+
+
+def test_uevent_writes_are_recorded_in_order(unit: Unit) -> None:
+    script = "for n in 9 8 8 9; do printf x$n > /sys/dev/block/179:$n/uevent; sleep 0.03; done"
+    unit.sandbox.run(["sh", "-c", script])
+    unit.uevents.events.expect("179:9 x9")
+    unit.uevents.events.expect("179:8 x8")
+    unit.uevents.events.expect("179:8 x8")
+    unit.uevents.events.expect("179:9 x9")
+
+
+def test_the_system_log_is_recorded(unit: Unit) -> None:
+    unit.sandbox.run(["logger", "--priority", "daemon.warning", "--tag", "Somebody", "--socket",
+                      "/dev/log", "a text"])
+    unit.syslog.expect(4, "a text")
+    record = unit.syslog.records()[0]
+    assert (record.facility, record.priority, record.ident) == (3, 4, "Somebody")
+
+
+def test_the_log_is_followed_through_rotation(running_unit: Unit) -> None:
+    log = running_unit.sandbox.path("/var/log/voldrake.log")
+    for _ in range(3):
+        running_unit.daemon.signal(1)
+        running_unit.daemon.expect_log(INFO, "Starting new log file")
+        running_unit.daemon.expect_log(INFO, "Version - 1.10 Client port - 8080")
+        log.rename(log.with_name("rotated.log"))
+    assert running_unit.daemon.logged(INFO, "Starting new log file") == 3
+
+
+@pytest.mark.parametrize("mode, outcome", [
+    (Mode.READ, "sent"), (Mode.NEVER_READ, "sent"), (Mode.RESET, "reset"),
+    (Mode.CLOSE_EARLY, "reset"), (Mode.NEVER_ACCEPT, "hangs"), (None, "refused")])
+def test_the_application_treats_connections_as_told(sandbox: Sandbox, mode: Mode | None,
+                                                    outcome: str) -> None:
+    application = Application(sandbox, Tape())
+    if mode:
+        application.listen(mode)
+    script = ("import socket, sys\n"
+              "try:\n"
+              "    connection = socket.create_connection(('127.0.0.1', 8080), 0.3)\n"
+              "    connection.sendall(bytes.fromhex(sys.argv[1]))\n"
+              "    connection.shutdown(socket.SHUT_WR)\n"
+              "    connection.settimeout(0.3)\n"
+              "    print('sent' if connection.recv(1) == b'' else 'answered')\n"
+              "except ConnectionRefusedError: print('refused')\n"
+              "except TimeoutError:\n"
+              "    print('sent' if 'connection' in globals() else 'hangs')\n"
+              "except OSError: print('reset')\n")
+    done = sandbox.run(["/usr/bin/python3", "-c", script, encode("ab" * 20).hex()])
+    assert (done.stdout, done.stderr) == (outcome + "\n", "")
+    if mode is Mode.READ:
+        assert application.next_text() == "ab" * 20
+    application.leave()
+
+
+@pytest.mark.parametrize("raw, text", [
+    ("0008 0000 0004 0061 0062", "ab"), ("0004 0000 0000", ""), ("0006 0000 0002 00e9", "\xe9")])
+def test_frames_are_decoded(raw: str, text: str) -> None:
+    assert decode(bytes.fromhex(raw)) == text
+    assert encode(text) == bytes.fromhex(raw)
+
+
+@pytest.mark.parametrize("raw", [
+    "", "0008 0000 00", "0008 0000 0004 0061", "0008 0001 0004 0061 0062",
+    "0008 0000 0002 0061 0062", "0008 0000 0004 0061 0062 00", "0007 0000 0003 0061 00"])
+def test_malformed_frames_are_refused(raw: str) -> None:
+    with pytest.raises(BadFrame):
+        decode(bytes.fromhex(raw))
+
+
+def test_units_on_a_wire_reach_one_another(network: Network, make_unit) -> None:
+    first = make_unit(network=network, address="169.254.1.1")
+    second = make_unit(network=network, address="169.254.1.2")
+    ping = ["/usr/bin/python3", "-c",
+            "import socket, sys\n"
+            "s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)\n"
+            "s.sendto(b'hello', (sys.argv[1], 10000))\n"]
+    receiver = second.sandbox.in_network(
+        lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+    with receiver:
+        receiver.bind(("", 10000))
+        receiver.settimeout(timeouts.EVENT)
+        group = socket.inet_aton("224.1.1.1") + socket.inet_aton("0.0.0.0")
+        receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP, group)
+        for address in ("169.254.1.2", "224.1.1.1"):
+            assert first.sandbox.run([*ping, address]).returncode == 0
+            assert receiver.recvfrom(100)[1][0] == "169.254.1.1"
+    assert first.eth0.hardware_address() != second.eth0.hardware_address()

@@ -1,0 +1,199 @@
+"""Start-up and shutdown: their order, Unix signals, and going into the background."""
+
+import json
+import os
+import signal
+import time
+
+import pytest
+
+from bus_observer import BusObserver
+from observations import signal_set, wait_until
+from testbed import target, timeouts
+from testbed.daemon import DEBUG, INFO
+from testbed.unit import Unit
+
+HAL = "org.freedesktop.Hal"
+MATCH_RULES = [
+    "type='signal',interface='org.freedesktop.Hal.Manager',sender='org.freedesktop.Hal',"
+    "path='/org/freedesktop/Hal/Manager'",
+    "type='signal',interface='org.freedesktop.Hal.Device',sender='org.freedesktop.Hal'",
+]
+#: What the hardware service may be asked.
+HAL_METHODS = {"FindDeviceByCapability", "GetPropertyString", "GetPropertyInteger",
+               "GetPropertyBoolean", "Mount"}
+#: Written by another thread, at any place of the log.
+OF_ANOTHER_THREAD = "tMessageClient::run"
+
+#: Adopts what its child leaves behind and tells how each process ended, as pairs of id and status.
+REAPER = """
+import ctypes, json, os, subprocess, sys
+ctypes.CDLL(None).prctl(36, 1)
+os.chdir("/srv")
+subprocess.Popen(sys.argv[1:])
+while True:
+    try:
+        print(json.dumps(os.wait()), flush=True)
+    except ChildProcessError:
+        break
+"""
+
+
+def texts(unit: Unit) -> list[tuple[int, str]]:
+    """The main thread's log lines so far."""
+    return [(line.level, line.text) for line in unit.daemon.log_lines()
+            if line.text != OF_ANOTHER_THREAD]
+
+
+@pytest.mark.unit_options(configuration="name=A\nusbid=1-1\n")
+def test_the_log_shows_the_order_of_start_up_and_shutdown(unit: Unit) -> None:
+    unit.sandbox.write("/etc/content-id", "id\n")
+    unit.start_daemon("--content-id-file", "/etc/content-id", "--file-timeout", "5")
+    started = texts(unit)
+    assert started[:8] == [
+        (INFO, "Voldrake startup"),
+        (INFO, "Version - 1.10 Client port - 8080"),
+        (INFO, "Voldrake waiting for files to appear"),
+        (INFO, "Found: /etc/content-id"),
+        (INFO, "USB MAP: name=A usbid=1-1 mmc=false ignore=false ignoreDevice="),
+        (DEBUG, "initHal()"),
+        (INFO, "_ManualScan()"),
+        (DEBUG, "_ManualScan:"),
+    ]
+    begin = time.monotonic()
+    assert unit.daemon.terminate() == 0
+    # The publisher gives the clients of its exports a second and two more.
+    assert 2.9 <= time.monotonic() - begin <= timeouts.at_most(3.5)
+    assert texts(unit)[len(started):] == [
+        (INFO, "Handling SIGTERM"), (INFO, "Exiting"), (DEBUG, "freeHal()")]
+    assert unit.daemon.stderr() == ""
+
+
+def test_the_bus_is_asked_for_nothing_but_what_is_needed(unit: Unit) -> None:
+    """The whole life of a daemon, from Hello to the withdrawal of its match rules."""
+    observer = BusObserver(unit)
+    unit.start_daemon()
+    unit.hal.plug("usb stick")
+    unit.hal.plug("sd card")
+    for _ in range(2):
+        unit.application.expect_message("dataarrival")
+    unit.hal.pull("stick")
+    unit.application.expect_message("dataremoval")
+    unit.settle()
+    daemon = unit.hal.calls()[0].sender
+    assert unit.daemon.terminate() == 0
+    calls = [call for call in observer.finish() if call.sender == daemon]
+    of_the_bus = [(call.member, *call.texts) for call in calls if call.destination != HAL]
+    assert of_the_bus == [("Hello",), ("NameHasOwner", HAL),
+                          *[("AddMatch", rule) for rule in MATCH_RULES],
+                          *[("RemoveMatch", rule) for rule in MATCH_RULES]]
+    assert [call.member for call in calls[:5]] == [
+        "Hello", "NameHasOwner", "AddMatch", "AddMatch", "FindDeviceByCapability"]
+    assert [call.member for call in calls[-2:]] == ["RemoveMatch", "RemoveMatch"]
+    assert {call.member for call in calls if call.destination == HAL} == HAL_METHODS
+
+
+def test_sighup_marks_a_new_log_file_every_time(running_unit: Unit) -> None:
+    for _ in range(2):
+        before = len(texts(running_unit))
+        running_unit.daemon.signal(signal.SIGHUP)
+        running_unit.daemon.expect_log(INFO, "Starting new log file")
+        running_unit.daemon.expect_log(INFO, "Version - 1.10 Client port - 8080")
+        assert texts(running_unit)[before:] == [
+            (INFO, "Starting new log file"), (INFO, "Version - 1.10 Client port - 8080")]
+
+
+@pytest.mark.parametrize("number, line", [
+    (signal.SIGUSR1, "SIGUSR1: Republishing all mounted FS to VessaApp"),
+    (signal.SIGUSR2, "SIGUSR2: Simulating removing/inserting SD card"),
+], ids=["SIGUSR1", "SIGUSR2"])
+def test_a_user_signal_acts_every_time(running_unit: Unit, number: int, line: str) -> None:
+    for _ in range(2):
+        running_unit.daemon.signal(number)
+        running_unit.daemon.expect_log(INFO, line)
+    assert running_unit.daemon.running()
+
+
+def test_a_second_sigterm_does_not_cut_the_shutdown_short(running_unit: Unit) -> None:
+    running_unit.daemon.signal(signal.SIGTERM)
+    running_unit.daemon.expect_log(INFO, "Exiting")
+    for number in (signal.SIGTERM, signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2):
+        running_unit.daemon.signal(number)
+    assert running_unit.daemon.wait() == 0
+    running_unit.daemon.expect_log(DEBUG, "freeHal()")
+
+
+def test_user_signals_are_ignored_until_the_daemon_is_built(unit: Unit) -> None:
+    unit.daemon.start("--content-id-file", "/etc/content-id", "--file-timeout", "60")
+    unit.daemon.expect_log(INFO, "Voldrake waiting for files to appear")
+    of_interest = {signal.SIGTERM, signal.SIGHUP, signal.SIGUSR1, signal.SIGUSR2}
+    assert signal_set(unit, "SigIgn") & of_interest == {signal.SIGUSR1, signal.SIGUSR2}
+    assert signal_set(unit, "SigCgt") & of_interest == set()
+    unit.daemon.signal(signal.SIGUSR1)
+    unit.daemon.signal(signal.SIGUSR2)
+    unit.sandbox.write("/etc/content-id", "id\n")
+    unit.daemon.expect_log(INFO, "Found: /etc/content-id")
+    unit.hal.expect_call("FindDeviceByCapability")
+    unit.settle()
+    assert signal_set(unit, "SigCgt") & of_interest == of_interest
+    assert [text for _, text in texts(unit) if text.startswith("SIGUSR")] == []
+    unit.daemon.signal(signal.SIGUSR1)
+    unit.daemon.expect_log(INFO, "SIGUSR1: Republishing all mounted FS to VessaApp")
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP], ids=["SIGTERM", "SIGHUP"])
+def test_signals_that_end_a_process_do_so_during_the_file_wait(unit: Unit, number: int) -> None:
+    unit.daemon.start("--content-id-file", "/etc/content-id", "--file-timeout", "60")
+    unit.daemon.expect_log(INFO, "Voldrake waiting for files to appear")
+    unit.daemon.signal(number)
+    assert unit.daemon.wait() == -number
+
+
+def test_in_the_background_it_is_detached_and_ends_in_good_order(
+        unit: Unit, monkeypatch: pytest.MonkeyPatch) -> None:
+    reaper = ["/usr/bin/python3", "-c", REAPER, *target.daemon_command()]
+    monkeypatch.setattr(target, "daemon_command", lambda: reaper)
+    unit.start_daemon("--daemon")
+    wait_until(lambda: unit.daemon.process.stdout(), "the process that was started ends")
+    statuses = [json.loads(line) for line in unit.daemon.process.stdout().splitlines()]
+    assert [status for _, status in statuses] == [0]  # the process that was started
+    pid = next(pid for pid, line in unit.sandbox.processes().items()
+               if line.startswith(target.program("voldrake") + " "))
+    assert os.readlink(f"/proc/{pid}/cwd") == "/"
+    streams = {os.stat(f"/proc/{pid}/fd/{number}").st_rdev for number in range(3)}
+    assert streams == {os.makedev(1, 3)}
+    assert os.getsid(pid) == pid
+    unit.hal.plug("usb stick")
+    unit.application.expect_message("dataarrival", path="/media/sda1")
+    os.kill(pid, signal.SIGTERM)
+    assert unit.daemon.wait() == 0  # nothing is left of it
+    ends = [json.loads(line)[1] for line in unit.daemon.process.stdout().splitlines()]
+    assert ends == [0, 0]
+    unit.daemon.expect_log(DEBUG, "freeHal()")
+
+
+def test_when_it_cannot_go_into_the_background_it_ends_without_a_word(
+        unit: Unit, monkeypatch: pytest.MonkeyPatch) -> None:
+    unit.sandbox.write("/srv/no-device", "")
+    done = unit.sandbox.run(["mount", "--bind", "/srv/no-device", "/dev/null"])
+    assert done.returncode == 0, done.stderr
+    reaper = ["/usr/bin/python3", "-c", REAPER, *target.daemon_command()]
+    monkeypatch.setattr(target, "daemon_command", lambda: reaper)
+    unit.daemon.start("--daemon")
+    assert unit.daemon.wait() == 0
+    ends = [json.loads(line)[1] for line in unit.daemon.process.stdout().splitlines()]
+    assert [os.waitstatus_to_exitcode(status) for status in ends] == [0, 1]
+    assert unit.daemon.stderr() == ""
+    assert texts(unit) == []
+    assert unit.syslog.records() == []
+
+
+def test_a_device_that_comes_during_the_start_up_scan_is_not_lost(unit: Unit) -> None:
+    unit.hal.command("delay FindDeviceByCapability 300")
+    unit.daemon.start()
+    unit.hal.expect_call("FindDeviceByCapability")
+    unit.hal.plug("usb stick")
+    unit.application.expect_message("dataarrival", path="/media/sda1")
+    unit.settle()
+    assert [call.member for call in unit.hal.calls()].count("Mount") == 1
+    assert len(unit.application.frames()) == 1

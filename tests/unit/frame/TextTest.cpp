@@ -1,0 +1,27 @@
+#include "frame/Text.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+TEST(Printable, ReplacesControlCharactersAndNothingElse) {
+  for (int code = 0; code < 256; ++code) {
+    const std::string text(1, static_cast<char>(code));
+    const bool control = code < 0x20 || code == 0x7F;
+    EXPECT_EQ(Printable(text), control ? "?" : text) << code;
+  }
+}
+
+TEST(Printable, KeepsTheLength) {
+  EXPECT_EQ(Printable(""), "");
+  EXPECT_EQ(Printable(std::string("a\0b\nc\x1B[31m", 10)), "a?b?c?[31m");
+}
+
+TEST(FlagWords, AreTheOnesThatMessagesAndLogShow) {
+  EXPECT_STREQ(BoolText(true), "true");
+  EXPECT_STREQ(BoolText(false), "false");
+  EXPECT_STREQ(FlagText(true), "1");
+  EXPECT_STREQ(FlagText(false), "0");
+}
+
+}  // namespace

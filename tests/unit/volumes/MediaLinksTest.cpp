@@ -1,0 +1,116 @@
+#include "volumes/MediaLinks.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+TEST(MediaLinkName, OfAStickComesFromItsMountPoint) {
+  const struct {
+    const char* mountPoint;
+    const char* name;
+  } cases[] = {
+      {"/media/sda1", "USB Memory Card A1"},
+      {"/media/sdb1", "USB Memory Card B1"},
+      {"/media/sdb", "USB Memory Card B"},
+      {"/media/sdaB12c", "USB Memory Card AB12C"},
+      {"/media/sd", "USB Memory Card "},
+      {"/media/sda1/sdb2", "USB Memory Card B2"},
+      {"/media/sda1/x", "USB Memory Card A1/X"},
+      {"/sda1", "USB Memory Card A1"},
+      {"/media/sd\xC3\xA4", "USB Memory Card \xC3\xA4"},
+      {"/media/disk", "USB Memory Card"},
+      {"/media/SDA1", "USB Memory Card"},
+      {"sda1", "USB Memory Card"},
+      {"/s", "USB Memory Card"},
+      {"", "USB Memory Card"},
+  };
+  for (const auto& [mountPoint, name] : cases) {
+    for (const int mmcHostIndex : {0, 1, 2}) {
+      EXPECT_EQ(MediaLinkName("usb", mountPoint, 1, mmcHostIndex), name) << mountPoint;
+    }
+  }
+}
+
+TEST(MediaLinkName, OfACardDependsOnTheNumberOfHosts) {
+  const struct {
+    int mmcHostIndex;
+    int32_t mmcHost;
+    const char* name;
+  } cases[] = {
+      {0, 0, ""}, {1, 0, "Memory Card"},     {1, 7, "Memory Card"},       {2, 0, "Memory Card - 0"},
+      {3, 0, ""}, {2, 1, "Memory Card - 1"}, {2, -1, "Memory Card - -1"}, {-1, 0, ""},
+  };
+  for (const auto& [mmcHostIndex, mmcHost, name] : cases) {
+    EXPECT_EQ(MediaLinkName("mmc", "/media/sda1", mmcHost, mmcHostIndex), name)
+        << mmcHostIndex << " " << mmcHost;
+  }
+}
+
+TEST(MediaLinkName, IsEmptyOnAnyOtherBus) {
+  for (const char* bus : {"", "scsi", "USB", "usb ", "usbmmc", "MMC"}) {
+    EXPECT_EQ(MediaLinkName(bus, "/media/sda1", 1, 1), "") << bus;
+  }
+}
+
+TEST(MediaLinkTarget, IsTheMountPointWithoutItsFirstSevenCharacters) {
+  const struct {
+    const char* mountPoint;
+    const char* target;
+  } cases[] = {
+      {"/media/sda1", "sda1"},
+      {"/media/", ""},
+      {"/media", ""},
+      {"/m", ""},
+      {"", ""},
+      {"1234567", ""},
+      {"12345678", "8"},
+      {"/mnt/usb/x", "b/x"},
+      {"/media//x", "/x"},
+  };
+  for (const auto& [mountPoint, target] : cases) {
+    EXPECT_EQ(MediaLinkTarget(mountPoint), target) << mountPoint;
+  }
+}
+
+TEST(RemoveDanglingLinks, DeletesTheLinksOfADirectoryThatLeadNowhere) {
+  const tTemporaryDirectory directory;
+  directory.Link("relative", "gone");
+  directory.Link("absolute", directory.Path("gone"));
+  directory.Link("USB Memory Card A1", "sda1");
+  directory.Link("chain", "relative");
+  RemoveDanglingLinks(directory.Path());
+  for (const char* name : {"relative", "absolute", "USB Memory Card A1", "chain"}) {
+    EXPECT_FALSE(directory.Holds(name)) << name;
+  }
+}
+
+TEST(RemoveDanglingLinks, KeepsEverythingElse) {
+  const tTemporaryDirectory directory;
+  directory.MakeDirectory("sda1/inner");
+  directory.Write("file", "x");
+  ASSERT_EQ(mkfifo(directory.Path("fifo").c_str(), 0600), 0);
+  directory.Link("to-directory", "sda1");
+  directory.Link("to-file", directory.Path("file"));
+  directory.Link("to-link", "to-directory");
+  directory.Link("to-itself", "to-itself");
+  directory.Link("through-a-file", "file/below");
+  directory.Link("sda1/dangling", "gone");
+  RemoveDanglingLinks(directory.Path());
+  for (const char* name : {"sda1/inner", "file", "fifo", "to-directory", "to-file", "to-link",
+                           "to-itself", "through-a-file", "sda1/dangling"}) {
+    EXPECT_TRUE(directory.Holds(name)) << name;
+  }
+}
+
+TEST(RemoveDanglingLinks, OfAMissingDirectoryDoesNothing) {
+  const tTemporaryDirectory directory;
+  RemoveDanglingLinks(directory.Path("missing"));
+  RemoveDanglingLinks(directory.Write("file", "x"));
+  RemoveDanglingLinks("");
+  EXPECT_TRUE(directory.Holds("file"));
+}
+
+}  // namespace
