@@ -72,3 +72,10 @@ build() {
   fi
   step "Building ($preset)" "build-$preset" cmake --build --preset "$preset" "$@"
 }
+
+# closing_lines LOG: shows the closing lines of CTest and pytest in build/logs/LOG.log.
+closing_lines() {
+  sed -n -e 's/^\([0-9]*: \)\{0,1\}\(=.* in [0-9].*=\)$/  pytest: \2/p' \
+    -e 's/^[0-9]*% tests passed.*/  ctest:  &/p' \
+    -e 's/^Total Test time.*/  ctest:  &/p' "$logs/$1.log"
+}

@@ -2,8 +2,8 @@
 
 VOLDRAKE_BUILD_DIR names the build directory; the default is build/dev. A daemon built for another
 processor needs two more: VOLDRAKE_EMULATOR, a static user-mode emulator, and VOLDRAKE_SYSROOT,
-whose libraries it uses. Then only the daemon is emulated; the bus, the stand-ins and the tools
-that the daemon runs stay native.
+whose libraries it uses. Then only the daemon is emulated; the bus, the stand-ins (those of
+build/dev) and the tools that the daemon runs stay native.
 """
 
 import os
@@ -24,9 +24,17 @@ _PROGRAMS = {
 }
 
 
+_DEFAULT_BUILD = "build/dev"
+
+
+def emulated() -> bool:
+    """True when the daemon was built for another processor."""
+    return "VOLDRAKE_EMULATOR" in os.environ
+
+
 def build_directory() -> Path:
-    """The directory that the programs were built in."""
-    return (REPOSITORY / os.environ.get("VOLDRAKE_BUILD_DIR", "build/dev")).resolve()
+    """The directory that the daemon was built in."""
+    return (REPOSITORY / os.environ.get("VOLDRAKE_BUILD_DIR", _DEFAULT_BUILD)).resolve()
 
 
 def log_directory() -> Path:
@@ -37,7 +45,7 @@ def log_directory() -> Path:
 
 def program(name: str) -> str:
     """Path of a program inside a sandbox. Raises FileNotFoundError when it is not built."""
-    outside = build_directory() / _PROGRAMS[name]
+    outside = _built(name)
     if not outside.exists():
         raise FileNotFoundError(f"{outside} is not built")
     return str(INSIDE / "bin" / name)
@@ -46,18 +54,17 @@ def program(name: str) -> str:
 def daemon_command() -> list[str]:
     """The words that start the daemon inside a sandbox, with the emulator where one is set."""
     command = [program("voldrake")]
-    if "VOLDRAKE_EMULATOR" in os.environ:
+    if emulated():
         return [str(_EMULATOR_INSIDE), "-L", str(_SYSROOT_INSIDE), *command]
     return command
 
 
 def read_only_mounts() -> dict[Path, Path]:
     """What a sandbox needs besides the system: path inside -> path outside."""
-    built = {INSIDE / "bin" / name: build_directory() / place
-             for name, place in _PROGRAMS.items()}
+    built = {INSIDE / "bin" / name: _built(name) for name in _PROGRAMS}
     mounts = {inside: outside for inside, outside in built.items() if outside.exists()}
     mounts[INSIDE / "helpers"] = REPOSITORY / "testbed" / "helpers"
-    if "VOLDRAKE_EMULATOR" in os.environ:
+    if emulated():
         mounts[_EMULATOR_INSIDE] = Path(os.environ["VOLDRAKE_EMULATOR"]).resolve()
     # Libraries only: the emulator sends every path that exists there into the sysroot, so it
     # must hold no /etc, /proc or /media.
@@ -65,3 +72,9 @@ def read_only_mounts() -> dict[Path, Path]:
         sysroot = Path(os.environ["VOLDRAKE_SYSROOT"]).resolve()
         mounts |= {_SYSROOT_INSIDE / part: (sysroot / part).resolve() for part in ("lib", "usr")}
     return mounts
+
+
+def _built(name: str) -> Path:
+    if emulated() and name != "voldrake":
+        return REPOSITORY / _DEFAULT_BUILD / _PROGRAMS[name]
+    return build_directory() / _PROGRAMS[name]

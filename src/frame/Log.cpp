@@ -64,9 +64,12 @@ void SetLogFile(const std::string& path) {
   gLogFile = path;
 }
 
+bool LogsAt(int level) {
+  return level <= gLogLevel && level >= kLogError && level <= kLogDebug;
+}
+
 void Log(const std::string& message, int level) {
-  if (level > gLogLevel) return;
-  if (level < kLogError || level > kLogDebug) return;
+  if (!LogsAt(level)) return;
   const tLevelNames& names = kLevelNames[level - kLogError];
   if (gLogFile.empty()) {
     syslog(names.priority, "%s", message.c_str());

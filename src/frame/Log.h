@@ -23,6 +23,9 @@ void SetLogLevel(int level);
 /// Sets the log file; an empty path means syslog.
 void SetLogFile(const std::string& path);
 
+/// True when an entry of this level is written; lets a busy caller leave the building of its text.
+[[nodiscard]] bool LogsAt(int level);
+
 /// Writes one entry. `message` has no prefix and no line end of its own. A level above the log
 /// level, or outside 1..4, writes nothing. Never fails: a file that cannot be opened or written
 /// drops the entry.

@@ -1,59 +1,70 @@
 #include "messaging/DataSourceMessage.h"
 
+#include <string_view>
+
 #include "frame/Text.h"
 #include "messaging/CidCrc.h"
 #include "messaging/DataSourceInfo.h"
 
 namespace {
 
-std::string Escaped(const std::string& value) {
-  std::string escaped;
-  escaped.reserve(value.size());
+void AppendEscaped(std::string& text, std::string_view value) {
   for (const char byte : value) {
     switch (byte) {
       case '&':
-        escaped += "&amp;";
+        text += "&amp;";
         break;
       case '<':
-        escaped += "&lt;";
+        text += "&lt;";
         break;
       case '>':
-        escaped += "&gt;";
+        text += "&gt;";
         break;
       case '"':
-        escaped += "&quot;";
+        text += "&quot;";
         break;
       case '\t':
-        escaped += "&#9;";
+        text += "&#9;";
         break;
       case '\n':
-        escaped += "&#10;";
+        text += "&#10;";
         break;
       case '\r':
-        escaped += "&#13;";
+        text += "&#13;";
         break;
       default:
-        escaped += static_cast<unsigned char>(byte) < 0x20 ? '?' : byte;
+        text += static_cast<unsigned char>(byte) < 0x20 ? '?' : byte;
     }
   }
-  return escaped;
 }
+
+/// Appends `literal`, which ends with an opening quote, and the value after it.
+void Append(std::string& text, std::string_view literal, std::string_view value) {
+  text += literal;
+  AppendEscaped(text, value);
+}
+
+constexpr size_t kUsualBytes = 512;
 
 }  // namespace
 
 std::string BuildDataSourceMessage(DataSourceInfo& info) {
-  const std::string head = R"(<message version="1" type="datasource"><content>)";
   if (info.memoryCard) info.key = CidCrcCorrect(info.key);
+  std::string text;
+  text.reserve(kUsualBytes);
+  text += R"(<message version="1" type="datasource"><content>)";
   if (!info.arrival) {
-    return head + R"(<dataremoval path=")" + Escaped(info.path) + R"("/></content></message>)";
+    Append(text, R"(<dataremoval path=")", info.path);
+    return text += R"("/></content></message>)";
   }
-  return head + R"(<dataarrival path=")" + Escaped(info.path) +            //
-         R"(" type=")" + (info.memoryCard ? "memorycard" : "harddrive") +  //
-         R"(" key=")" + Escaped(info.key) +                                //
-         R"(" contentid=")" + Escaped(info.contentId) +                    //
-         R"(" serialnumber=")" + Escaped(info.serialNumber) +              //
-         R"(" friendlyname=")" + Escaped(info.friendlyName) +              //
-         R"(" remote=")" + BoolText(info.remote) +                         //
-         R"(" readonly=")" + BoolText(info.readOnly) +                     //
-         R"(" fixed=")" + BoolText(info.fixed) + R"(" /></content></message>)";
+  Append(text, R"(<dataarrival path=")", info.path);
+  Append(text, R"(" type=")", info.memoryCard ? "memorycard" : "harddrive");
+  Append(text, R"(" key=")", info.key);
+  Append(text, R"(" contentid=")", info.contentId);
+  Append(text, R"(" serialnumber=")", info.serialNumber);
+  Append(text, R"(" friendlyname=")", info.friendlyName);
+  Append(text, R"(" remote=")", BoolText(info.remote));
+  Append(text, R"(" readonly=")", BoolText(info.readOnly));
+  Append(text, R"(" fixed=")", BoolText(info.fixed));
+  return text += R"(" /></content></message>)";
 }

@@ -141,7 +141,7 @@ void CServicePublisher::run() {
 
 void CServicePublisher::_AnnounceAll(CNfsServiceMessage& message) {
   for (const auto& [path, service] : m_Exports.services) {
-    Log("CServicePublisher::run: " + Printable(path), kLogDebug);
+    if (LogsAt(kLogDebug)) Log("CServicePublisher::run: " + Printable(path), kLogDebug);
     message.Set(kServiceAnnounced, service);
     m_pTxSocket->TxPacket(message.Datagram());
   }

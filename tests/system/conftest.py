@@ -60,6 +60,14 @@ def network() -> Iterator[Network]:
         yield wire
 
 
+@pytest.fixture(autouse=True)
+def _native_only(request: pytest.FixtureRequest) -> None:
+    """Leave out, by name, what would show the emulator instead of the daemon."""
+    mark = request.node.get_closest_marker("native")
+    if mark and target.emulated():
+        pytest.skip(f"emulated daemon: {mark.args[0]}")
+
+
 @pytest.hookimpl(hookwrapper=True)
 def pytest_runtest_makereport(item: pytest.Item, call: pytest.CallInfo[None]) -> Iterator[None]:
     """Print the tape of each unit of a failed test."""

@@ -6,6 +6,8 @@ import subprocess
 import sys
 from pathlib import Path
 
+import pytest
+
 from testbed import target, timeouts
 
 
@@ -27,6 +29,7 @@ def assert_in_order(wanted: list[str], lines: list[str]) -> None:
         position += lines[position:].index(line) + 1
 
 
+@pytest.mark.native("its pace is that of a native daemon")
 def test_the_story_shows_every_kind_of_event(log_directory: Path) -> None:
     lines = demo(log_directory)
     assert_in_order([
@@ -58,6 +61,7 @@ def test_the_story_shows_every_kind_of_event(log_directory: Path) -> None:
     assert (log_directory / "demo/unit/voldrake.log").exists()
 
 
+@pytest.mark.native("no question for hardware addresses is passed on")
 def test_two_units_read_and_write_each_other_s_files(log_directory: Path) -> None:
     lines = demo(log_directory, "--two-units")
     assert_in_order([

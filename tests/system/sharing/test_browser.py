@@ -7,7 +7,7 @@ import time
 import pytest
 
 from share_helpers import export, mount, start_listening, unmount, wait_for
-from testbed import timeouts
+from testbed import target, timeouts
 from testbed.daemon import ERROR, INFO, WARNING
 from testbed.peer import GROUP, PORT, Announcement, NUDGE_PORT
 
@@ -185,6 +185,13 @@ def test_a_refused_share_that_falls_silent_is_not_reported(unit, tools, peer) ->
     assert tools.calls(tool="umount") == []
 
 
+def ignores_unknown_types() -> bool:
+    """Whether the daemon was built to drop them."""
+    cache = target.build_directory() / "CMakeCache.txt"
+    return "VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS:BOOL=ON" in cache.read_text()
+
+
+@pytest.mark.skipif(ignores_unknown_types(), reason="the daemon is built to drop them")
 @pytest.mark.parametrize("message_type", [0, 3, 0xFFFF])
 def test_an_announcement_of_an_unknown_type_aborts(unit, tools, peer, message_type: int) -> None:
     start_listening(unit)
@@ -193,6 +200,16 @@ def test_an_announcement_of_an_unknown_type_aborts(unit, tools, peer, message_ty
     assert re.fullmatch(r"voldrake: ServiceBrowser:\d+: void CServiceBrowser::_HandleAnnouncement"
                         r"\(.*\): Assertion `.*messageType.*' failed\.\n", unit.daemon.stderr())
     assert tools.calls(tool="mount") == []
+
+
+@pytest.mark.skipif(not ignores_unknown_types(), reason="the daemon is built to abort")
+def test_an_announcement_of_an_unknown_type_is_dropped(unit, tools, peer) -> None:
+    start_listening(unit)
+    peer.send(Announcement("/media/sda1", message_type=3))
+    unit.daemon.expect_log(WARNING, re.compile("CServiceBrowser: .* type 3 from 169.254.3.7 .*"))
+    peer.send(STICK)
+    unit.application.expect_message("dataarrival")
+    assert len(tools.calls(tool="mount")) == 1
 
 
 @pytest.mark.parametrize("datagram", [

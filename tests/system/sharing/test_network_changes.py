@@ -80,6 +80,7 @@ def test_a_lost_address_is_reported_once_and_ends_the_announcements(unit, tools,
     unit.application.expect_message("dataremoval")
     unit.eth0.set_address("169.254.1.1")
     unit.daemon.expect_log(INFO, CHANGED)
+    peer.events.seek(gone)
     peer.expect_announcement("/srv/charts")
     assert unit.daemon.logged(INFO, CHANGED, since) == 2
     assert tools.calls(since) == [CLEAR_EXPORTS, "exportfs -u *:/media/sda1",

@@ -146,13 +146,10 @@ def test_every_volume_is_announced_once_a_second_in_order_of_its_path(unit, tool
     unit.hal.plug("usb second block=/dev/sdb")
     unit.hal.plug("usb first block=/dev/sda")
     unit.hal.plug("usb third block=/dev/sdc")
-    peer.expect_announcement("/media/sdc1")
-    since = unit.mark()
-    rounds = []
-    for _ in range(3):
-        rounds += [peer.events.expect(re.compile(f"announces /media/sd{letter}1$"))
-                   for letter in "abc"]
-    assert [event.text for event in peer.events.since(since)][:9] == (
+    for _ in range(2):  # the one that the last volume has caused may follow another at once
+        peer.expect_announcement("/media/sdc1")
+    rounds = [peer.events.expect(re.compile("announces")) for _ in range(9)]
+    assert [event.text for event in rounds] == (
         [f"169.254.1.1 announces /media/sd{letter}1" for letter in "abc"] * 3)
     for earlier, later in zip(rounds, rounds[3:]):
         assert 0.9 < later.time - earlier.time < timeouts.at_most(1)
@@ -170,7 +167,7 @@ def test_the_log_names_each_announced_path_at_debug_level(unit, tools, peer) -> 
 def test_a_new_volume_is_announced_at_once(unit, tools, peer) -> None:
     unit.start_daemon()
     unit.hal.plug("usb first")
-    for _ in range(2):
+    for _ in range(3):
         last = peer.events.expect(re.compile("announces /media/sda1"))
     unit.hal.plug("usb second")
     exported = tools.expect(export("ro", "*", "/media/sdb1"))

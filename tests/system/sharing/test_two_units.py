@@ -7,7 +7,8 @@ from typing import Callable
 
 import pytest
 
-from share_helpers import listens, mount, unmount, wait_for
+from share_helpers import (listens, mount, skip_where_senders_are_not_looked_up, unmount,
+                           wait_for)
 from testbed import timeouts
 from testbed.daemon import INFO
 from testbed.network import Network
@@ -23,6 +24,7 @@ def make_units(make_unit: Callable[..., Unit], network: Network) -> Callable[...
     """Makes so many units, each with the stand-in tools that read one another's files, as
     `unit.tools`, and starts their daemons; `peers` maps a unit's number to that of its peer."""
     def make(count: int, peers: dict[int, int] | None = None) -> list[Unit]:
+        skip_where_senders_are_not_looked_up()
         neighbours: list[NfsTools] = []
         units = [make_unit(network=network, address=f"169.254.{number + 1}.1")
                  for number in range(count)]

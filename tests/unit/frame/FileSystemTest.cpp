@@ -50,6 +50,14 @@ TEST(RemoveDirectory, WarnsWithTheReasonWhatItCannotRemove) {
   EXPECT_TRUE(directory.Holds("full/file"));
 }
 
+TEST(RemoveDirectory, APathCannotBeginALogLineOfItsOwn) {
+  const tCapturedLog log;
+  const tTemporaryDirectory directory;
+  directory.Write("a\nb/file", "x");
+  EXPECT_EQ(RemoveDirectory(directory.Path("a\nb"), false), -1);
+  EXPECT_THAT(log.Lines(), ElementsAre(Warned(directory.Path("a?b") + ": Directory not empty")));
+}
+
 TEST(RemoveTree, RemovesAllThatATreeHolds) {
   for (const tLinkPolicy links : {tLinkPolicy::kFollow, tLinkPolicy::kDoNotFollow}) {
     const tCapturedLog log;

@@ -1,0 +1,79 @@
+"""What is made of the figures: the plots and the document."""
+
+import os
+import re
+import subprocess
+from pathlib import Path
+from typing import Sequence
+
+from bench.figures import CannotMeasure, Figure, markdown
+from bench.speed import Plot
+from testbed import target
+
+_NOTES = Path(__file__).parent / "notes.md"
+
+#: Each plot: title, the two axes, and who stands for the floor.
+_PLOTS = {
+    "startup": ("Start-up", "volumes present", "ms", "bare client"),
+    "services": ("One service announced", "services", "ns of CPU each", "bare sendto"),
+    "list": ("Tick of the list", "shares", "ns of CPU", "walk of a map"),
+}
+
+_HEAD = """# Performance
+
+What the daemon costs, beside the floor that the protocol or the kernel sets. `scripts/bench` wrote
+this file from one run; it overwrites everything but the notes, which are in bench/notes.md.
+
+"""
+
+
+def machine() -> str:
+    """The machine and what the programs were built with, as one paragraph."""
+    processor = re.search(r"^model name\s*: (.*)$", Path("/proc/cpuinfo").read_text(),
+                          re.MULTILINE)
+    system = os.uname()
+    compiler = subprocess.run(["c++", "--version"], capture_output=True, text=True,
+                              check=True).stdout.splitlines()[0]
+    cache = (target.build_directory() / "CMakeCache.txt").read_text()
+    build_type = re.search(r"^CMAKE_BUILD_TYPE:\w+=(.*)$", cache, re.MULTILINE)[1]
+    return (f"Machine: {processor[1] if processor else system.machine}, {os.cpu_count()} cores,"
+            f" {system.sysname} {system.release}. Programs: {compiler}, {build_type}.")
+
+
+def draw(plots: dict[str, Plot], directory: Path) -> None:
+    """One PNG for each plot. Raises CannotMeasure when gnuplot fails."""
+    directory.mkdir(parents=True, exist_ok=True)
+    for name, points in plots.items():
+        title, x, y, floor = _PLOTS[name]
+        # Zero has no place on a logarithmic axis.
+        data = "\n".join("{} {} {}".format(*point) for point in points if point[0] > 0)
+        script = f"""
+            set terminal pngcairo size 720,420 font "sans,10"
+            set output "{directory / name}.png"
+            set title "{title}"
+            set xlabel "{x}"
+            set ylabel "{y}"
+            set logscale xy
+            set key left top
+            set grid
+            $points << END
+{data}
+END
+            plot $points using 1:2 with linespoints title "voldrake", \\
+                 $points using 1:3 with linespoints title "{floor}"
+        """
+        done = subprocess.run(["gnuplot"], input=script, capture_output=True, text=True,
+                              check=False)
+        if done.returncode != 0:
+            raise CannotMeasure(f"gnuplot: {done.stderr.strip()}")
+
+
+def write_document(figures: Sequence[Figure], plots: dict[str, Plot], remarks: str,
+                   directory: Path) -> Path:
+    """performance.md in the directory, with its plots in `performance` there."""
+    draw(plots, directory / "performance")
+    pictures = "".join(f"![{_PLOTS[name][0]}](performance/{name}.png)\n" for name in plots)
+    file = directory / "performance.md"
+    parts = [_HEAD + machine() + "\n", markdown(figures), remarks, pictures, _NOTES.read_text()]
+    file.write_text("\n".join(part for part in parts if part))
+    return file

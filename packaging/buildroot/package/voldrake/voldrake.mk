@@ -1,0 +1,23 @@
+################################################################################
+#
+# voldrake
+#
+################################################################################
+
+VOLDRAKE_VERSION = 1.10
+# The repository that this tree is part of. An image that has it elsewhere sets
+# VOLDRAKE_OVERRIDE_SRCDIR in local.mk.
+VOLDRAKE_SITE = $(BR2_EXTERNAL_VOLDRAKE_PATH)/../..
+VOLDRAKE_SITE_METHOD = local
+VOLDRAKE_DEPENDENCIES = host-pkgconf dbus dbus-glib libglib2
+
+VOLDRAKE_CONF_OPTS = \
+	-DBUILD_TESTING=OFF \
+	-DCMAKE_INSTALL_SYSCONFDIR=/etc \
+	-DVOLDRAKE_MANUALS=OFF \
+	-DVOLDRAKE_TOOLS=$(if $(BR2_PACKAGE_VOLDRAKE_TOOLS),ON,OFF) \
+	-DVOLDRAKE_SYSTEMD=$(if $(BR2_INIT_SYSTEMD),ON,OFF) \
+	-DVOLDRAKE_SYSV=$(if $(BR2_INIT_SYSTEMD),OFF,ON) \
+	-DVOLDRAKE_SYSV_NAME=S60voldrake
+
+$(eval $(cmake-package))

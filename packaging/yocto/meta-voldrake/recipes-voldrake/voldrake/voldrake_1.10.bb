@@ -1,0 +1,57 @@
+SUMMARY = "Storage-volume daemon for embedded display units"
+DESCRIPTION = "Has storage volumes mounted that the hardware service reports, tells the display \
+application about them, and shares them with other units over NFS."
+SECTION = "base"
+LICENSE = "CLOSED"
+
+# The repository that this layer is part of. An image that has it elsewhere sets VOLDRAKE_SOURCE.
+VOLDRAKE_SOURCE ?= "${@os.path.normpath(d.getVar('FILE_DIRNAME') + '/../../../../..')}"
+inherit externalsrc
+EXTERNALSRC = "${VOLDRAKE_SOURCE}"
+EXTERNALSRC_BUILD = "${WORKDIR}/build"
+
+DEPENDS = "dbus dbus-glib glib-2.0"
+
+inherit cmake pkgconfig systemd update-rc.d
+
+EXTRA_OECMAKE = "\
+    -DBUILD_TESTING=OFF \
+    -DCMAKE_BUILD_TYPE=MinSizeRel \
+    -DVOLDRAKE_UNIT_DIR=${systemd_system_unitdir} \
+    -DVOLDRAKE_SYSTEMD=${@bb.utils.contains('DISTRO_FEATURES', 'systemd', 'ON', 'OFF', d)} \
+    -DVOLDRAKE_SYSV=${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'ON', 'OFF', d)} \
+"
+
+PACKAGECONFIG ??= "manuals"
+PACKAGECONFIG[tools] = "-DVOLDRAKE_TOOLS=ON,-DVOLDRAKE_TOOLS=OFF"
+PACKAGECONFIG[manuals] = "-DVOLDRAKE_MANUALS=ON,-DVOLDRAKE_MANUALS=OFF,python3-native"
+inherit ${@bb.utils.contains('PACKAGECONFIG', 'manuals', 'python3native', '', d)}
+
+SYSTEMD_SERVICE:${PN} = "voldrake.service"
+INITSCRIPT_NAME = "voldrake"
+INITSCRIPT_PARAMS = "start 60 2 3 4 5 . stop 40 0 1 6 ."
+
+PACKAGES =+ "${PN}-tools ${PN}-bash-completion ${PN}-zsh-completion"
+FILES:${PN}-tools = "${bindir} ${libdir}/wireshark"
+FILES:${PN}-bash-completion = "${datadir}/bash-completion"
+FILES:${PN}-zsh-completion = "${datadir}/zsh"
+FILES:${PN} += "\
+    ${sysconfdir} \
+    ${sbindir} \
+    ${datadir}/dbus-1 \
+    ${nonarch_libdir}/tmpfiles.d \
+    ${systemd_system_unitdir} \
+"
+CONFFILES:${PN} = "${sysconfdir}/default/voldrake ${sysconfdir}/logrotate.d/voldrake"
+
+# mount.nfs, exportfs and the server's helpers; mount, umount and mountpoint.
+RDEPENDS:${PN} = "dbus"
+RRECOMMENDS:${PN} = "\
+    kernel-module-nfs \
+    kernel-module-nfsd \
+    nfs-utils \
+    nfs-utils-client \
+    util-linux-mount \
+    util-linux-mountpoint \
+    util-linux-umount \
+"

@@ -1,0 +1,212 @@
+"""The Yocto recipe and the Buildroot package, as far as they can be checked without either."""
+
+import re
+import subprocess
+from fnmatch import fnmatch
+from pathlib import Path
+
+import pytest
+
+from testbed import target
+
+PACKAGING = target.REPOSITORY / "packaging"
+LAYER = PACKAGING / "yocto/meta-voldrake"
+RECIPE = LAYER / "recipes-voldrake/voldrake/voldrake_1.10.bb"
+BUILDROOT = PACKAGING / "buildroot"
+
+#: bitbake.conf's own directories, and the packages that it fills by itself.
+DIRECTORIES = {
+    "bindir": "/usr/bin", "sbindir": "/usr/sbin", "sysconfdir": "/etc", "datadir": "/usr/share",
+    "libdir": "/usr/lib", "nonarch_libdir": "/usr/lib", "PN": "voldrake",
+    "systemd_system_unitdir": "/usr/lib/systemd/system"}
+DOCUMENTS = ["/usr/share/doc", "/usr/share/man"]
+
+
+def cmake_options() -> set[str]:
+    """The options that the project's CMake files know."""
+    files = [target.REPOSITORY / "CMakeLists.txt", *target.REPOSITORY.glob("*/CMakeLists.txt")]
+    return {name for file in files
+            for name in re.findall(r"(?:option\(|set\()(VOLDRAKE_\w+)", file.read_text())}
+
+
+def project_version() -> str:
+    found = re.search(r"VERSION (\S+) LANGUAGES",
+                      (target.REPOSITORY / "CMakeLists.txt").read_text())
+    assert found
+    return found[1]
+
+
+# ---- Yocto
+
+@pytest.fixture(scope="module")
+def recipe() -> dict[str, str]:
+    """The recipe's variables; "inherit" has the classes. Every line has to be understood."""
+    variables: dict[str, str] = {"inherit": ""}
+    text = re.sub(r"\\\n", "", RECIPE.read_text())
+    for line in text.splitlines():
+        if not line or line.startswith("#"):
+            continue
+        if line.startswith("inherit "):
+            variables["inherit"] += line.removeprefix("inherit") + " "
+            continue
+        found = re.fullmatch(r'([\w:${}\[\]-]+) (=|\+=|=\+|\?=|\?\?=|\.=) "([^"]*)"', line)
+        assert found, f"not BitBake: {line}"
+        name, operator, value = found.groups()
+        if operator in ("+=", "=+"):
+            variables[name] = f"{variables.get(name, '')} {value}"
+        else:
+            variables.setdefault(name, value)
+    return variables
+
+
+def expanded(value: str) -> list[str]:
+    for name, directory in DIRECTORIES.items():
+        value = value.replace("${" + name + "}", directory)
+    return value.split()
+
+
+def test_recipe_is_of_this_version() -> None:
+    assert RECIPE.name == f"voldrake_{project_version()}.bb"
+
+
+def test_recipe_balances_its_brackets() -> None:
+    for opening, closing in ("{}", "()", "[]"):
+        assert RECIPE.read_text().count(opening) == RECIPE.read_text().count(closing)
+    for expression in re.findall(r"\$\{@(.*?)\}(?:/|\"| |\\|$)", RECIPE.read_text(), re.MULTILINE):
+        compile(expression, "recipe", "eval")
+
+
+def test_recipe_leads_to_the_repository() -> None:
+    up = re.search(r"\+ '((?:/\.\.)+)'", RECIPE.read_text())
+    assert up
+    assert Path(f"{RECIPE.parent}{up[1]}").resolve() == target.REPOSITORY
+
+
+def test_recipe_passes_options_that_exist(recipe: dict[str, str]) -> None:
+    passed = set(re.findall(r"-D(VOLDRAKE_\w+)", RECIPE.read_text()))
+    assert {"VOLDRAKE_SYSTEMD", "VOLDRAKE_SYSV", "VOLDRAKE_TOOLS"} <= passed
+    assert passed <= cmake_options()
+
+
+def test_recipe_puts_every_installed_file_into_one_package(recipe: dict[str, str], tree) -> None:
+    order = [name for name in expanded(recipe["PACKAGES"])] + ["voldrake"]
+    patterns = {name: expanded(recipe[f"FILES:{name.replace('voldrake', '${PN}', 1)}"])
+                for name in order}
+    files = [image_path(file) for file in tree.files()] + ["/etc/init.d/voldrake"]
+    homes: dict[str, str] = {}
+    for file in files:
+        if any(file.startswith(directory + "/") for directory in DOCUMENTS):
+            continue
+        found = next((name for name in order if any(
+            file.startswith(pattern + "/") or fnmatch(file, pattern)
+            for pattern in patterns[name])), None)
+        assert found, f"{file} is in no package"
+        homes[file] = found
+    assert homes["/usr/sbin/voldrake"] == "voldrake"
+    assert homes["/etc/init.d/voldrake"] == "voldrake"
+    assert homes["/usr/bin/voldrake-monitor"] == "voldrake-tools"
+    assert set(homes.values()) == set(order), "a package would be empty"
+
+
+def image_path(file: str) -> str:
+    """Where a file that is installed under a prefix is in an image."""
+    file = re.sub(r"^lib/[^/]+-linux-[^/]+/", "lib/", file)
+    return f"/{file}" if file.startswith("etc/") else f"/usr/{file}"
+
+
+def test_recipe_keeps_the_settings_of_an_upgraded_image(recipe: dict[str, str], tree) -> None:
+    kept = set(expanded(recipe["CONFFILES:${PN}"]))
+    assert kept == {image_path(file) for file in tree.files() if file.startswith("etc/")}
+
+
+def test_recipe_needs_what_the_build_needs(recipe: dict[str, str]) -> None:
+    modules = re.findall(r"pkg_check_modules\(\w+ REQUIRED IMPORTED_TARGET ([\w.-]+)",
+                         (target.REPOSITORY / "src/CMakeLists.txt").read_text())
+    providers = {"dbus-1": "dbus", "dbus-glib-1": "dbus-glib", "glib-2.0": "glib-2.0"}
+    assert {providers[module] for module in modules} == set(recipe["DEPENDS"].split())
+    assert {"cmake", "pkgconfig", "systemd", "update-rc.d"} <= set(recipe["inherit"].split())
+
+
+def test_layer_finds_the_recipe() -> None:
+    pattern = re.search(r'BBFILES \+= "\$\{LAYERDIR\}/(\S+)"',
+                        (LAYER / "conf/layer.conf").read_text())
+    assert pattern
+    assert list(LAYER.glob(pattern[1])) == [RECIPE]
+
+
+# ---- Buildroot
+
+#: What Buildroot defines around a package's makefile.
+BUILDROOT_MAKE = """
+BR2_EXTERNAL_VOLDRAKE_PATH = {path}
+{settings}
+define cmake-package
+$(foreach name,VERSION SITE SITE_METHOD DEPENDENCIES CONF_OPTS,$(info $(name)=$(VOLDRAKE_$(name))))
+endef
+include {path}/external.mk
+all: ;
+"""
+
+
+def buildroot(**settings: str) -> dict[str, str]:
+    """The package's variables as make sees them with these settings of the image."""
+    lines = "\n".join(f"{name} = {value}" for name, value in settings.items())
+    done = subprocess.run(
+        ["make", "--warn-undefined-variables", "-s", "-f", "-"], text=True, capture_output=True,
+        input=BUILDROOT_MAKE.format(path=BUILDROOT, settings=lines), check=False)
+    assert done.returncode == 0, done.stderr
+    unknown = set(re.findall(r"undefined variable '(\w+)'", done.stderr))
+    assert all(name.startswith("BR2_") for name in unknown), unknown
+    return dict(line.split("=", 1) for line in done.stdout.splitlines())
+
+
+def test_buildroot_package_is_of_this_version_and_place() -> None:
+    package = buildroot()
+    assert package["VERSION"] == project_version()
+    assert package["SITE_METHOD"] == "local"
+    assert Path(package["SITE"]).resolve() == target.REPOSITORY
+
+
+@pytest.mark.parametrize("settings, systemd, sysv, tools", [
+    ({}, "OFF", "ON", "OFF"),
+    ({"BR2_INIT_SYSTEMD": "y"}, "ON", "OFF", "OFF"),
+    ({"BR2_PACKAGE_VOLDRAKE_TOOLS": "y"}, "OFF", "ON", "ON")])
+def test_buildroot_image_gets_what_it_starts_with(
+        settings: dict[str, str], systemd: str, sysv: str, tools: str) -> None:
+    options = dict(re.findall(r"-D(\w+)=(\S+)", buildroot(**settings)["CONF_OPTS"]))
+    assert options["VOLDRAKE_SYSTEMD"] == systemd
+    assert options["VOLDRAKE_SYSV"] == sysv
+    assert options["VOLDRAKE_TOOLS"] == tools
+    # Buildroot starts /etc/init.d/S?? in order.
+    assert re.fullmatch(r"S\d\dvoldrake", options["VOLDRAKE_SYSV_NAME"])
+    assert {name for name in options if name.startswith("VOLDRAKE_")} <= cmake_options()
+
+
+def test_buildroot_dependencies_are_selected() -> None:
+    menu = (BUILDROOT / "package/voldrake/Config.in").read_text()
+    selected = set(re.findall(r"select BR2_PACKAGE_(\w+)", menu))
+    needed = {name.upper().replace("-", "_") for name in buildroot()["DEPENDENCIES"].split()}
+    assert needed - {"HOST_PKGCONF"} <= selected
+
+
+def test_buildroot_menu_is_well_formed() -> None:
+    """The few forms that it uses; blocks close, texts are indented as Kconfig wants them."""
+    for file in BUILDROOT.rglob("Config.in"):
+        depth = 0
+        for line in file.read_text().replace("\\\n", "").splitlines():
+            if not line.strip():
+                continue
+            assert re.match(
+                r'config BR2_\w+$|if BR2_\w+$|endif$|comment ".*"$|source ".*"$'
+                r'|\t(bool ".*"|default y|depends on [\w!|& ()\t]+( #.*)?|select BR2_\w+|help)$'
+                r'|\t  \S', line), f"{file.name}: {line}"
+            depth += line.startswith("if ") - (line == "endif")
+            assert depth >= 0
+        assert depth == 0
+    sourced = re.search(r'source "\$BR2_EXTERNAL_VOLDRAKE_PATH/(.*)"',
+                        (BUILDROOT / "Config.in").read_text())
+    assert sourced and (BUILDROOT / sourced[1]).exists()
+
+
+def test_buildroot_tree_has_its_name() -> None:
+    assert "name: VOLDRAKE\n" in (BUILDROOT / "external.desc").read_text()

@@ -1,0 +1,92 @@
+"""Log rotation with the real logrotate: the new file begins with the daemon's version."""
+
+import re
+import time
+
+import pytest
+
+from testbed import timeouts
+from testbed.sandbox import TOOLS, Sandbox
+
+LOG = "/var/log/voldrake.log"
+CLOCK = r"\d\d:\d\d:\d\d: Voldrake: Log:    "
+
+
+@pytest.fixture
+def unit(tree, sandbox: Sandbox) -> Sandbox:
+    """A sandbox with the rotation's configuration in place."""
+    sandbox.write("/etc/logrotate.d/voldrake", tree.path("etc/logrotate.d/voldrake").read_text())
+    sandbox.path("/var/lib").mkdir(exist_ok=True)
+    return sandbox
+
+
+def start(unit: Sandbox, tree):
+    daemon = unit.spawn([f"{tree.prefix}/sbin/voldrake", "--log", LOG], "voldrake")
+    expect(unit, "_ManualScan()")
+    return daemon
+
+
+def expect(unit: Sandbox, text: str) -> None:
+    deadline = time.monotonic() + timeouts.START
+    log = unit.path(LOG)
+    while not log.exists() or text not in log.read_text():
+        assert time.monotonic() < deadline, f"not logged: {text}"
+        time.sleep(timeouts.POLL)
+
+
+def rotate(unit: Sandbox) -> None:
+    done = unit.run(["logrotate", "--force", "--state", "/var/lib/rotation",
+                     "/etc/logrotate.d/voldrake"])
+    assert (done.returncode, done.stderr) == (0, "")
+
+
+def test_with_systemd(unit: Sandbox, tree) -> None:
+    """systemctl is a stand-in here, which carries out what it is asked."""
+    daemon = start(unit, tree)
+    inside = unit.run(["pidof", "voldrake"]).stdout.strip()
+    unit.path("/run/systemd/system").mkdir(parents=True)
+    unit.write(f"{TOOLS}/systemctl", f"""#!/bin/sh
+echo "$*" >> /var/log/systemctl
+case $* in
+  *is-active*) exit 0 ;;
+  *--signal=HUP*) kill -HUP {inside} ;;
+esac
+""")
+    unit.path(f"{TOOLS}/systemctl").chmod(0o755)
+    rotate(unit)
+    expect(unit, "Version - 1.10")
+    assert "--kill-who=main --signal=HUP voldrake.service" in unit.path(
+        "/var/log/systemctl").read_text()
+    assert_head(unit)
+    assert daemon.terminate() == 0
+
+
+def test_with_the_start_script(unit: Sandbox, tree) -> None:
+    unit.path(f"{TOOLS}/start-stop-daemon").symlink_to("/usr/bin/busybox")
+    daemon = start(unit, tree)
+    unit.write("/run/voldrake.pid", unit.run(["pidof", "voldrake"]).stdout)
+    rotate(unit)
+    expect(unit, "Version - 1.10")
+    assert_head(unit)
+    assert daemon.terminate() == 0
+
+
+def test_with_no_daemon_running(unit: Sandbox) -> None:
+    unit.path(f"{TOOLS}/start-stop-daemon").symlink_to("/usr/bin/busybox")
+    unit.write(LOG, "an old line\n")
+    unit.write("/run/voldrake.pid", "99999\n")
+    rotate(unit)
+    assert not unit.path(LOG).exists()
+
+
+def test_with_no_log_at_all(unit: Sandbox) -> None:
+    rotate(unit)
+
+
+def assert_head(unit: Sandbox) -> None:
+    """The new file begins with the marker, the old one is kept with all its lines."""
+    assert re.match(rf"{CLOCK}Starting new log file\n{CLOCK}Version - 1\.10 Client port - 8080\n",
+                    unit.path(LOG).read_text())
+    old = unit.run(["zcat", f"{LOG}.1.gz"]).stdout
+    assert re.match(rf"{CLOCK}Voldrake startup\n", old)
+    assert "Starting new log file" not in old

@@ -1,0 +1,163 @@
+"""The Debian packages in a root of their own: install, run, upgrade, remove, purge.
+
+The tests build on one another in their order. The root is made of the Debian archive and has
+name spaces of its own; nothing of this machine is touched. VOLDRAKE_PACKAGES names the directory
+with the packages.
+"""
+
+import json
+import os
+import re
+import subprocess
+from pathlib import Path
+from typing import Iterator
+
+import pytest
+
+from debian_root import Root
+from testbed import target
+
+pytestmark = pytest.mark.packages
+
+RUN = r"""
+set -e
+mkdir -p /run/dbus
+dbus-daemon --system --fork --nopidfile
+mkfifo /run/commands
+voldrake-halsim < /run/commands > /run/hal.out &
+exec 3> /run/commands
+wait_for() { n=0; until grep -qs "$1" "$2"; do n=$((n+1)); [ $n -lt 500 ]; sleep 0.02; done; }
+wait_for '^ready' /run/hal.out
+voldrake-monitor --count=2 --json > /run/messages 2> /run/monitor.err &
+monitor=$!
+wait_for listening /run/monitor.err
+voldrake --log /var/log/voldrake.log &
+daemon=$!
+wait_for _ManualScan /var/log/voldrake.log
+echo 'plug usb stick label=CHARTS' >&3
+wait_for arrival /run/messages
+ls -l /media
+echo 'pull stick' >&3
+wait $monitor
+kill -TERM $daemon
+wait $daemon
+echo "status $?"
+cat /run/messages
+"""
+
+
+def traces(root: Root) -> list[str]:
+    """Every file whose path tells of the packages, without apt's and dpkg's own records."""
+    listing = root.run("find / -xdev -path /proc -prune -o -path /packages -prune -o"
+                       " -name '*voldrake*' -print -o -lname '*voldrake*' -print")
+    return [line for line in sorted(listing.splitlines())
+            if not line.startswith(("/var/lib/dpkg/", "/var/cache/apt/", "/var/lib/apt/"))]
+
+
+@pytest.fixture(scope="module")
+def packages() -> list[Path]:
+    directory = Path(os.environ["VOLDRAKE_PACKAGES"])
+    found = [package for package in directory.glob("*.deb") if "-dbgsym_" not in package.name]
+    assert sorted(package.name.split("_")[0] for package in found) == ["voldrake", "voldrake-tools"]
+    return found
+
+
+@pytest.fixture(scope="module")
+def root(packages: list[Path]) -> Iterator[Root]:
+    here = subprocess.run(["dpkg", "--print-architecture"], text=True, capture_output=True,
+                          check=True).stdout.strip()
+    if (made_for := fields(packages[0])["Architecture"]) != here:
+        pytest.skip(f"packages for {made_for} cannot run in a root on {here}")
+    copies = " ".join(str(package) for package in packages)
+    with Root(packages[0].parent / "root",
+              f"mkdir $1/packages && cp {copies} $1/packages",
+              'chroot $1 sh -c "apt-get install --yes --download-only --no-install-recommends'
+              ' /packages/*.deb"') as made:
+        yield made
+
+
+def fields(package: Path) -> dict[str, str]:
+    text = subprocess.run(["dpkg-deb", "--field", str(package)], text=True, capture_output=True,
+                          check=True).stdout
+    return dict(re.findall(r"^(\S+): (.*)$", text, re.MULTILINE))
+
+
+def test_version_is_that_of_the_project(packages: list[Path]) -> None:
+    found = re.search(r"VERSION (\S+) LANGUAGES",
+                      (target.REPOSITORY / "CMakeLists.txt").read_text())
+    assert found
+    assert {fields(package)["Version"] for package in packages} == {found[1]}
+
+
+def test_programs_are_hardened(packages: list[Path], tmp_path: Path) -> None:
+    for package in packages:
+        subprocess.run(["dpkg-deb", "--extract", str(package), str(tmp_path)], check=True)
+    programs = [*tmp_path.glob("usr/sbin/*"), *tmp_path.glob("usr/bin/*")]
+    assert len(programs) == 4
+    for program in programs:
+        headers = subprocess.run(["readelf", "--wide", "-h", "-l", "-d", "-S", str(program)],
+                                 text=True, capture_output=True, check=True).stdout
+        assert "DYN (Position-Independent Executable" in headers, program.name
+        assert "GNU_RELRO" in headers and "BIND_NOW" in headers, program.name
+        assert not re.search(r"GNU_STACK.* RWE ", headers), program.name
+        assert ".symtab" not in headers, f"{program.name} is not stripped"
+
+
+def test_installs_with_what_it_depends_on(root: Root) -> None:
+    assert traces(root) == []
+    root.run("apt-get install --yes --no-install-recommends /packages/*.deb")
+    states = root.run("dpkg-query -W -f '${Package} ${db:Status-Abbrev}\\n' 'voldrake*'")
+    assert states.split() == ["voldrake", "ii", "voldrake-tools", "ii"]
+    assert root.run("dpkg --verify voldrake voldrake-tools") == ""
+    missing = root.run("ldd /usr/sbin/voldrake /usr/bin/voldrake-* | grep 'not found'", check=False)
+    assert missing == ""
+
+
+def test_will_start_at_boot(root: Root) -> None:
+    link = "/etc/systemd/system/multi-user.target.wants/voldrake.service"
+    assert root.run(f"readlink {link}") == "/lib/systemd/system/voldrake.service\n"
+
+
+def test_runs(root: Root) -> None:
+    """The installed daemon, stand-in service and monitor on the installed bus and its policy."""
+    output = root.run(RUN)
+    assert "USB Memory Card A1 -> sda1" in output
+    assert "status 0\n" in output
+    messages = [json.loads(line) for line in output.splitlines() if line.startswith("{")]
+    assert [(message["message"], message["path"]) for message in messages] == [
+        ("arrival", "/media/sda1"), ("removal", "/media/sda1")]
+
+
+def test_upgrade_keeps_the_settings(root: Root, packages: list[Path], tmp_path: Path) -> None:
+    root.run("echo 'VOLDRAKE_OPTIONS=\"--port 9000\"' > /etc/default/voldrake")
+    for package in packages:
+        content = tmp_path / package.name
+        subprocess.run(["dpkg-deb", "--raw-extract", str(package), str(content)], check=True)
+        control = content / "DEBIAN/control"
+        control.write_text(re.sub(r"^Version: .*$", r"\g<0>+next", control.read_text(),
+                                  flags=re.MULTILINE))
+        with (content / "etc/default/voldrake").open("a") if "tools" not in package.name else open(
+                os.devnull, "w", encoding="ascii") as settings:
+            settings.write("# A line of the next version.\n")
+        subprocess.run(["dpkg-deb", "--root-owner-group", "--build", str(content),
+                        str(tmp_path / "next.deb")], check=True, capture_output=True)
+        (root.directory / "packages" / f"next-{package.name}").write_bytes(
+            (tmp_path / "next.deb").read_bytes())
+    root.run("dpkg --force-confold --install /packages/next-*.deb")
+    assert root.run("dpkg-query -W -f '${Version}\\n' voldrake").endswith("+next\n")
+    assert root.run("cat /etc/default/voldrake") == 'VOLDRAKE_OPTIONS="--port 9000"\n'
+    assert root.run("voldrake-monitor --version").startswith("voldrake-monitor ")
+
+
+def test_removal_keeps_the_settings_only(root: Root) -> None:
+    root.run("dpkg --remove voldrake-tools voldrake")
+    kept = [path for path in traces(root) if not path.startswith("/var/lib/systemd/")]
+    assert kept == ["/etc/default/voldrake", "/etc/default/voldrake.dpkg-dist",
+                    "/etc/logrotate.d/voldrake",
+                    "/etc/systemd/system/multi-user.target.wants/voldrake.service",
+                    "/var/log/voldrake.log"]
+
+
+def test_purge_leaves_nothing(root: Root) -> None:
+    root.run("dpkg --purge voldrake-tools voldrake")
+    assert traces(root) == ["/var/log/voldrake.log"]

@@ -1,0 +1,149 @@
+"""The systemd unit: accepted by systemd, hardened, and nothing that the daemon needs forbidden."""
+
+import json
+import os
+import re
+import signal
+import subprocess
+from pathlib import Path
+
+import pytest
+
+from testbed import target
+from testbed.unit import Unit
+
+SYSTEMD = target.REPOSITORY / "packaging/systemd"
+
+#: Each of these gives a service a mount name space of its own, where its mounts stay hidden.
+HIDING = {
+    "BindPaths", "BindReadOnlyPaths", "DynamicUser", "ExecPaths", "ExtensionDirectories",
+    "ExtensionImages", "InaccessiblePaths", "LogNamespace", "MountFlags", "MountImages",
+    "NoExecPaths", "PrivateDevices", "PrivateIPC", "PrivateMounts", "PrivateTmp", "PrivateUsers",
+    "ProcSubset", "ProtectControlGroups", "ProtectHome", "ProtectKernelLogs",
+    "ProtectKernelModules", "ProtectKernelTunables", "ProtectProc", "ProtectSystem",
+    "ReadOnlyPaths", "ReadWritePaths", "RootDirectory", "RootImage", "TemporaryFileSystem"}
+
+
+@pytest.fixture
+def service(tree) -> Path:
+    return tree.path("lib/systemd/system/voldrake.service")
+
+
+@pytest.fixture
+def settings(service: Path) -> list[tuple[str, str]]:
+    lines = service.read_text().splitlines()
+    return [tuple(line.split("=", 1)) for line in lines if re.match(r"\w+=", line)]
+
+
+def values(settings: list[tuple[str, str]], key: str) -> list[str]:
+    return " ".join(value for name, value in settings if name == key).split()
+
+
+def exposure(service: Path, *options: str) -> float:
+    """The exposure level that systemd finds, 0 to 10."""
+    done = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", *options,
+                           str(service)], capture_output=True, text=True, check=True)
+    found = re.search(r"exposure level for voldrake.service: ([\d.]+)", done.stdout)
+    assert found, done.stdout
+    return float(found[1])
+
+
+def test_is_accepted_by_systemd(tree, service: Path, tmp_path: Path) -> None:
+    # The program is where the installed tree has it, not where the unit will.
+    text = service.read_text().replace(tree.prefix + "/sbin", str(tree.path("sbin")))
+    copy = tmp_path / "voldrake.service"
+    copy.write_text(text)
+    done = subprocess.run(["systemd-analyze", "verify", "--man=no", str(copy)],
+                          capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+
+
+def test_is_hardened_as_far_as_shared_mounts_allow(service: Path) -> None:
+    policy = f"--security-policy={SYSTEMD / 'security-policy.json'}"
+    assert exposure(service, policy) <= 3.0
+    assert exposure(service) <= 4.0
+
+
+def test_shares_the_mount_name_space(settings: list[tuple[str, str]]) -> None:
+    assert HIDING.isdisjoint(name for name, _ in settings)
+
+
+def test_security_policy_leaves_out_only_what_hides_mounts() -> None:
+    policy = json.loads((SYSTEMD / "security-policy.json").read_text())
+    assert all(entry == {"weight": 0} for entry in policy.values())
+    assert set(policy) - {"RootDirectoryOrRootImage"} <= HIDING
+
+
+def test_comes_after_bus_hardware_service_and_network(settings: list[tuple[str, str]]) -> None:
+    after = values(settings, "After")
+    assert {"dbus.service", "dbus-org.freedesktop.Hal.service", "network.target"} <= set(after)
+
+
+def test_returns_after_a_failure_but_not_forever(settings: list[tuple[str, str]]) -> None:
+    assert values(settings, "Restart") == ["on-failure"]
+    assert int(values(settings, "StartLimitBurst")[0]) > 0
+    assert int(values(settings, "StartLimitIntervalSec")[0]) > 0
+
+
+def test_leaves_a_working_daemon_what_it_needs(
+        unit: Unit, settings: list[tuple[str, str]]) -> None:
+    """With the unit's capabilities a volume comes and goes and the commands do their work; no
+    system call is made on the way that the unit forbids."""
+    kept = [word.removeprefix("CAP_").lower() for word in values(settings, "CapabilityBoundingSet")]
+    confined = ["setpriv", "--no-new-privs", "--bounding-set",
+                ",".join(["-all", *(f"+{name}" for name in kept)])]
+    trace = "/var/log/trace"
+    unit.sandbox.path(trace).mkdir()
+    unit.sandbox.path("/srv/share").mkdir()
+    daemon = unit.sandbox.spawn(
+        ["strace", "-ff", "--output", f"{trace}/daemon", *confined, *target.daemon_command(),
+         "--log", "/var/log/voldrake.log"], "traced")
+    unit.hal.expect_call("FindDeviceByCapability")
+    unit.hal.plug("usb stick")
+    unit.application.expect_message("dataarrival")
+    assert unit.links() == {"USB Memory Card A1": "sda1"}
+    unit.hal.pull("stick")
+    unit.application.expect_message("dataremoval")
+    for number, command in enumerate((
+            "mount -t tmpfs tmpfs /srv/share", "mountpoint -q /srv/share",
+            "mount -o remount,ro /srv/share", "umount -f -l /srv/share")):
+        done = unit.sandbox.run(["strace", "-ff", "--output", f"{trace}/command{number}",
+                                 *confined, "sh", "-c", command])
+        assert (done.returncode, done.stderr) == (0, ""), command
+    traced = next(pid for pid, line in unit.sandbox.processes().items()
+                  if line.split()[0] == target.program("voldrake"))
+    os.kill(traced, signal.SIGTERM)
+    assert daemon.wait() == 0
+    used = {line.split("(")[0] for file in unit.sandbox.path(trace).iterdir()
+            for line in after_confinement(file.read_text(errors="replace")).splitlines()
+            if re.match(r"[a-z_0-9]+\(", line)}
+    assert {"recvmsg", "symlink", "mount", "umount2"} <= used
+    assert used <= allowed_system_calls(settings)
+
+
+def after_confinement(trace: str) -> str:
+    """The part of a trace that follows the start of the confined program."""
+    started = [found.end() for found in re.finditer(r"^execve\(.* = 0$", trace, re.MULTILINE)]
+    return trace[started[1]:] if len(started) > 1 else trace
+
+
+def allowed_system_calls(settings: list[tuple[str, str]]) -> set[str]:
+    """What SystemCallFilter= leaves, taken in order as systemd takes it."""
+    allowed = members(["@default"])
+    for name, value in settings:
+        if name != "SystemCallFilter":
+            continue
+        named = members(value.lstrip("~").split())
+        allowed = allowed - named if value.startswith("~") else allowed | named
+    return allowed
+
+
+def members(words: list[str]) -> set[str]:
+    """The system calls that these words name; a word with an @ is a set."""
+    calls = {word for word in words if not word.startswith("@")}
+    for word in set(words) - calls:
+        listing = subprocess.run(["systemd-analyze", "syscall-filter", "--no-pager", word],
+                                 capture_output=True, text=True, check=True).stdout
+        lines = [line.strip() for line in listing.splitlines()[1:]]
+        calls |= members([line for line in lines if line and not line.startswith("#")])
+    return calls
