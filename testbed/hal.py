@@ -83,21 +83,8 @@ class Hal:
 
         The events that it causes at once are on the tape on return.
         """
-        assert self.process
-        with self._commanding:
-            self.events.record(f"> {text}")
-            self.process.write_line(text)
-            listing = []
-            while True:
-                try:
-                    line = self._answers.get(timeout=timeouts.EVENT)
-                except queue.Empty:
-                    raise CommandFailed(f"no answer to: {text}") from None
-                if line == "ok":
-                    return listing
-                if line.startswith("error: "):
-                    raise CommandFailed(f"{text}: {line}")
-                listing.append(line)
+        self.events.record(f"> {text}")
+        return self._exchange(text)
 
     def plug(self, text: str) -> dict[str, str]:
         """`command("plug " + text)`; the new devices' object paths by role ("volume1")."""
@@ -122,7 +109,13 @@ class Hal:
         return event.data
 
     def calls(self, since: Mark = Mark(0)) -> list[Call]:
-        """The calls that came after the mark, in order; those that `settle` causes do not count."""
+        """The calls that came after the mark, in order; those that `settle` causes do not count.
+
+        All that the service has written by now is read first: what the application or the log
+        shows may be on the tape before the call that led to it.
+        """
+        if self.process and self.process.poll() is None:
+            self._exchange(f"show {_ROOT_DEVICE}")
         return [event.data for event in self.events.since(since)
                 if isinstance(event.data, Call) and not event.data.is_settling()]
 
@@ -155,6 +148,22 @@ class Hal:
             "the daemon's answer to a change that concerns nothing",
             lambda event: event.text.startswith("reply ")
             and f" {_ROOT_DEVICE} " in event.text), timeouts.START)
+
+    def _exchange(self, text: str) -> list[str]:
+        assert self.process
+        with self._commanding:
+            self.process.write_line(text)
+            listing = []
+            while True:
+                try:
+                    line = self._answers.get(timeout=timeouts.EVENT)
+                except queue.Empty:
+                    raise CommandFailed(f"no answer to: {text}") from None
+                if line == "ok":
+                    return listing
+                if line.startswith("error: "):
+                    raise CommandFailed(f"{text}: {line}")
+                listing.append(line)
 
     def _line(self, line: str) -> None:
         word = line.split(" ", 1)[0]

@@ -4,7 +4,7 @@ import signal
 import time
 from pathlib import Path
 
-from testbed import timeouts
+from testbed import target, timeouts
 from testbed.daemon import INFO
 from testbed.medialinks import MediaLinks
 from testbed.monitor import Monitor, Told
@@ -21,6 +21,10 @@ usbid=unused
 ignore=true
 ignoreDevice=/dev/sdc1
 """
+
+
+#: What the card in the reader's first slot answers when it is asked who it is.
+CARD_IN_READER = "0353445355303847802A5B1C4A00F300"
 
 
 class Stage:
@@ -59,8 +63,16 @@ class Stage:
         (self.unit.sandbox.logs / "tape.txt").write_text(f"{self.unit.tape}\n")
 
     def start_daemon(self, *arguments: str) -> None:
-        """Start the daemon and return when its start-up scan is done."""
-        self.unit.start_daemon(*arguments, debug_level=INFO)
+        """Start the daemon and return when its start-up scan is done.
+
+        It finds a card with the identity `CARD_IN_READER` behind /dev/sdd1.
+        """
+        sandbox = self.unit.sandbox
+        sandbox.write("/srv/reader/sdd1", f"answer {CARD_IN_READER}\n")
+        sandbox.write("/srv/fake-reader.so",
+                      (target.build_directory() / "tests/libfake-reader.so").read_bytes())
+        self.unit.start_daemon(*arguments, debug_level=INFO, environment={
+            "LD_PRELOAD": "/srv/fake-reader.so", "FAKE_READER": "/srv/reader"})
 
     def told(self, timeout: float = timeouts.EVENT) -> bool:
         """Wait until the application has been told all that the daemon has for it.

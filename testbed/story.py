@@ -1,6 +1,10 @@
 """The demo's story of one unit, from the first card to the shutdown."""
 
+import re
+import signal
+
 from testbed import timeouts
+from testbed.daemon import INFO
 from testbed.stage import Stage
 from testbed.tape import NotSeen
 from testbed.timeline import Timeline
@@ -38,6 +42,21 @@ def play(stage: Stage, timeline: Timeline) -> int:
 
     timeline.heading("The configuration says that /dev/sdc1 is to be ignored.")
     unit.hal.plug("usb workshop port=1-1.5 label=TOOLS")
+    told()
+
+    timeline.heading("The unit's own card reader is plugged in; a card goes into its first slot.")
+    unit.hal.plug("reader kr20 luns=2 port=1-1.6")
+    unit.hal.plug("volume kr20 lun=0 label=LOGBOOK")
+    told()
+
+    timeline.heading("The display application wants to hear everything again (SIGUSR1).")
+    unit.daemon.signal(signal.SIGUSR1)
+    unit.daemon.expect_log(INFO, re.compile(r'Republish: "KR20 - 1" .*'))
+    told()
+
+    timeline.heading("An operator takes cards out and puts them back without touching them (SIGUSR2).")
+    unit.daemon.signal(signal.SIGUSR2)
+    unit.daemon.expect_log(INFO, "_ManualScan()")
     told()
 
     timeline.heading("The first stick is pulled out.")

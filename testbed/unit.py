@@ -91,7 +91,8 @@ class Unit:
         self.uevents.close()
         self.sandbox.close()
 
-    def start_daemon(self, *arguments: str, debug_level: int | None = DEBUG) -> None:
+    def start_daemon(self, *arguments: str, debug_level: int | None = DEBUG,
+                     environment: dict[str, str] | None = None) -> None:
         """Start the daemon and return when its start-up scan is done and it listens to signals.
 
         Requires: the hardware service is there. Without it use `daemon.start`.
@@ -99,7 +100,7 @@ class Unit:
         scan = self.mark()
         self.hal.events.seek(scan)
         self.daemon.start("--port", str(self.application.port), *arguments,
-                          debug_level=debug_level)
+                          debug_level=debug_level, environment=environment)
         self.hal.expect_call("FindDeviceByCapability")
         self.hal.events.seek(scan)
         self.settle()

@@ -43,6 +43,14 @@ def test_the_story_shows_every_kind_of_event(log_directory: Path) -> None:
         " (memorycard, read-only, key 1b534d303030303010ca9f5228009aef)",
         'told arrival /media/sdb1 " - Chart Port" (harddrive, writable)',
         "ignored /dev/sdc1",
+        'told arrival /media/sdd1 "KR20 - 1"'
+        " (memorycard, writable, key 0353445355303847802A5B1C4A00F3b1)",
+        "daemon signal SIGUSR1",
+        'told arrival /media/sdd1 "KR20 - 1"'
+        " (memorycard, writable, key 0353445355303847802A5B1C4A00F3b1)",
+        "daemon signal SIGUSR2",
+        "told removal /media/sdb1",
+        'told arrival /media/sdb1 " - Chart Port" (harddrive, writable)',
         "pulled stick",
         "told removal /media/sda2",
         "the display application is gone",
