@@ -3,7 +3,7 @@
 import os
 from pathlib import Path
 
-from testbed import target
+from testbed import target, timeouts
 from testbed.application import Application
 from testbed.bus import Bus
 from testbed.daemon import DEBUG, Daemon
@@ -104,6 +104,11 @@ class Unit:
         self.hal.expect_call("FindDeviceByCapability")
         self.hal.events.seek(scan)
         self.settle()
+        told_otherwise = any(word.startswith(("--debuglevel", "--log")) for word in arguments)
+        if debug_level == DEBUG and not told_otherwise:
+            # Another thread's line, the only one of a start that comes at any time.
+            self.daemon.expect_log(DEBUG, "tMessageClient::run", timeouts.START)
+            self.daemon.log.seek(scan)
 
     def settle(self) -> None:
         """Return when the daemon has dealt with every signal sent so far and what follows from it.

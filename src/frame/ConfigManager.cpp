@@ -1,5 +1,6 @@
 #include "frame/ConfigManager.h"
 
+#include <algorithm>
 #include <optional>
 
 #include "frame/FileSystem.h"

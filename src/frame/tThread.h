@@ -36,7 +36,7 @@ class tThread {
   /// Ends the current or, if there is none, the next `WaitForWake` at once.
   void Wake();
 
-  /// Waits until `run` has returned, without asking it to.
+  /// Waits until `run` has returned, without asking it to. Requires: started, not joined yet.
   void Join();
 
  protected:

@@ -2,6 +2,7 @@
 
 #include <ctime>
 #include <string>
+#include <utility>
 
 /// The text of one identity file, the content id or the serial number, read again only when the
 /// file's time changes. Main thread only.

@@ -30,7 +30,7 @@ REAPER = """
 import ctypes, json, os, subprocess, sys
 ctypes.CDLL(None).prctl(36, 1)
 os.chdir("/srv")
-subprocess.Popen(sys.argv[1:])
+child = subprocess.Popen(sys.argv[1:])  # kept: one that goes out of use is waited for elsewhere
 while True:
     try:
         print(json.dumps(os.wait()), flush=True)

@@ -15,8 +15,8 @@ struct tVector {
 };
 
 const tVector kVectors[] = {
-    // Leading zeros do not count, so the command examples of the SD physical layer specification
-    // stand here as registers: CMD0 (CRC7 0x4A), CMD17 (0x2A) and the response to it (0x33).
+    // Leading zeros do not count, so the command examples of the SD standard stand here as
+    // registers: CMD0 (CRC7 0x4A), CMD17 (0x2A) and the response to it (0x33).
     {"000000000000000000004000000000", "95"},
     {"000000000000000000005100000000", "55"},
     {"000000000000000000001100000900", "67"},
