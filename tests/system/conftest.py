@@ -65,7 +65,7 @@ def _native_only(request: pytest.FixtureRequest) -> None:
     """Leave out, by name, what would show the emulator instead of the daemon."""
     mark = request.node.get_closest_marker("native")
     if mark and target.emulated():
-        pytest.skip(f"emulated daemon: {mark.args[0]}")
+        pytest.skip(f"{request.node.name}: of an emulator {mark.args[0]}")
 
 
 @pytest.hookimpl(hookwrapper=True)

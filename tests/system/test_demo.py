@@ -29,7 +29,7 @@ def assert_in_order(wanted: list[str], lines: list[str]) -> None:
         position += lines[position:].index(line) + 1
 
 
-@pytest.mark.native("its pace is that of a native daemon")
+@pytest.mark.native("the pace is another")
 def test_the_story_shows_every_kind_of_event(log_directory: Path) -> None:
     lines = demo(log_directory)
     assert_in_order([
@@ -69,7 +69,7 @@ def test_the_story_shows_every_kind_of_event(log_directory: Path) -> None:
     assert (log_directory / "demo/unit/voldrake.log").exists()
 
 
-@pytest.mark.native("no question for hardware addresses is passed on")
+@pytest.mark.native("no question for hardware addresses comes through")
 def test_two_units_read_and_write_each_other_s_files(log_directory: Path) -> None:
     lines = demo(log_directory, "--two-units")
     assert_in_order([

@@ -39,7 +39,7 @@ def expect_rest(unit: Unit, limits: list[int]) -> None:
     assert used < 0.05 * PERIOD * timeouts.SCALE, f"{used} s of processor time"
 
 
-@pytest.mark.native("it has threads of its own")
+@pytest.mark.native("other threads would be seen")
 def test_at_rest_nothing_but_its_own_waits_wakes_it(running_unit: Unit) -> None:
     running_unit.hal.plug("usb stick")
     running_unit.application.expect_message("dataarrival")
@@ -47,7 +47,7 @@ def test_at_rest_nothing_but_its_own_waits_wakes_it(running_unit: Unit) -> None:
     expect_rest(running_unit, AT_REST)
 
 
-@pytest.mark.native("it has threads of its own")
+@pytest.mark.native("other threads would be seen")
 def test_at_rest_with_a_network_the_browser_sleeps_too(make_unit, network: Network) -> None:
     unit = make_unit(network=network, address="169.254.1.1")
     unit.start_daemon()
@@ -63,7 +63,7 @@ def sockets(unit: Unit) -> str:
                     for line in table.splitlines()[1:])
 
 
-@pytest.mark.native("it has threads of its own")
+@pytest.mark.native("other threads would be seen")
 def test_without_its_bus_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.bus.kill()
     running_unit.daemon.signal(1)
@@ -71,7 +71,7 @@ def test_without_its_bus_the_daemon_rests(running_unit: Unit) -> None:
     expect_rest(running_unit, AT_REST)
 
 
-@pytest.mark.native("it has threads of its own")
+@pytest.mark.native("other threads would be seen")
 def test_without_the_application_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.application.leave()
     running_unit.hal.plug("usb stick")

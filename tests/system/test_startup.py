@@ -123,7 +123,7 @@ def test_a_second_sigterm_does_not_cut_the_shutdown_short(running_unit: Unit) ->
     running_unit.daemon.expect_log(DEBUG, "freeHal()")
 
 
-@pytest.mark.native("it handles every signal itself")
+@pytest.mark.native("the signal handlers would be seen")
 def test_user_signals_are_ignored_until_the_daemon_is_built(unit: Unit) -> None:
     unit.daemon.start("--content-id-file", "/etc/content-id", "--file-timeout", "60")
     unit.daemon.expect_log(INFO, "Voldrake waiting for files to appear")
@@ -150,7 +150,7 @@ def test_signals_that_end_a_process_do_so_during_the_file_wait(unit: Unit, numbe
     assert unit.daemon.wait() == -number
 
 
-@pytest.mark.native("it is the program that runs")
+@pytest.mark.native("the program's name would be seen")
 def test_in_the_background_it_is_detached_and_ends_in_good_order(
         unit: Unit, monkeypatch: pytest.MonkeyPatch) -> None:
     reaper = ["/usr/bin/python3", "-c", REAPER, *target.daemon_command()]

@@ -54,7 +54,8 @@ def listens(unit: Unit) -> bool:
 def skip_where_senders_are_not_looked_up() -> None:
     """Skip the test where the daemon is emulated: no user-mode emulator knows SIOCGARP."""
     if target.emulated():
-        pytest.skip("the emulator does not pass on questions for hardware addresses")
+        test = os.environ["PYTEST_CURRENT_TEST"].rpartition("::")[2].removesuffix(" (call)")
+        pytest.skip(f"{test}: the emulator does not pass on questions for hardware addresses")
 
 
 def start_listening(unit: Unit, *arguments: str) -> None:
