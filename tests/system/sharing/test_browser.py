@@ -133,6 +133,7 @@ def test_the_same_path_on_two_units_is_two_shares(unit, tools, make_peer) -> Non
         unit.sandbox.path("/mnt/169.254.3.8:-media-sda1")}
 
 
+@pytest.mark.native("no question for hardware addresses comes through")
 def test_own_announcements_are_not_heard(unit, tools, peer) -> None:
     """The unit's own datagrams loop back to every member of the group in the unit."""
     with unit.sandbox.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM)) as ear:

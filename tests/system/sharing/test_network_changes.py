@@ -136,6 +136,7 @@ def test_a_socket_that_cannot_be_bound_is_tried_again_in_the_next_pass(unit, too
 
 
 @pytest.mark.unit_options(address=None)
+@pytest.mark.native("no question for hardware addresses comes through")
 def test_listening_begins_a_tenth_of_a_second_after_the_address_came(unit, tools, peer) -> None:
     unit.eth0.up()
     unit.start_daemon()
@@ -149,6 +150,7 @@ def test_listening_begins_a_tenth_of_a_second_after_the_address_came(unit, tools
 
 
 @pytest.mark.parametrize("route", ["224.0.0.0/4", "default"])
+@pytest.mark.native("no question for hardware addresses comes through")
 def test_joining_waits_for_a_route_and_costs_no_descriptors(unit, tools, peer,
                                                             route: str) -> None:
     unit.sandbox.run(["ip", "route", "delete", "224.0.0.0/4"])
@@ -169,6 +171,7 @@ def test_joining_waits_for_a_route_and_costs_no_descriptors(unit, tools, peer,
     unit.application.expect_message("dataarrival")
 
 
+@pytest.mark.native("no question for hardware addresses comes through")
 def test_a_port_that_is_taken_is_tried_again_and_costs_no_descriptors(unit, tools, peer) -> None:
     holder = unit.sandbox.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
     with holder:

@@ -106,6 +106,7 @@ def test_datagrams_to_the_unit_alone_count_too(unit, tools, peer) -> None:
     pytest.param("setsockopt:error=ENOMEM:when=2+2", "setsockopt(IP_PKTINFO) failed! Error: 12",
                  id="the packet information"),
     pytest.param("bind:error=EACCES", "Binding socket failed! Error: 13", id="the port")])
+@pytest.mark.native("no question for hardware addresses comes through")
 def test_opening_goes_on_when_the_kernel_refuses(unit, tools, peer, log_directory, inject: str,
                                                 text: str) -> None:
     unit.sandbox.run(["ip", "route", "delete", "224.0.0.0/4"])  # it is tried again and again
