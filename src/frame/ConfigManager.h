@@ -31,8 +31,8 @@ void ParseUsbMap(std::string_view text, const std::function<void(const UsbMapEnt
 /// thread may call the getters.
 class ConfigManager {
  public:
-  /// Reads `file`, up to 16 MB of it (what follows counts as not there), and logs each entry. A file
-  /// that is missing or cannot be read leaves both tables empty.
+  /// Reads `file`, up to 16 MB of it (what follows counts as not there), and logs each entry. A
+  /// file that is missing or cannot be read leaves both tables empty.
   explicit ConfigManager(const std::string& file = kConfigurationFile);
 
   /// A copy of the entries that name a device, by usbid. Of two with the same usbid the later
