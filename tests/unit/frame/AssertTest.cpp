@@ -16,14 +16,14 @@ void RequirePositive(int number) {
 TEST(AssertDeathTest, AFalseConditionAbortsAndNamesSourceFunctionAndCondition) {
   EXPECT_EXIT(RequirePositive(0), testing::KilledBySignal(SIGABRT),
               "^voldrake: AssertTest:[0-9]+: void .*RequirePositive\\(int\\): "
-              "Assertion `number > 0' failed\\.\n");
+              "Assertion `number > 0' failed\\.\n(qemu: [^\n]*\n)?$");
 }
 
 TEST(AssertDeathTest, TheSourceIsNamedWithoutFolderAndEnding) {
   EXPECT_DEATH(AssertionFailed("x != 0", "/a/b.c/tThing.cpp", 7, "f"),
-               "^voldrake: tThing:7: f: Assertion `x != 0' failed\\.\n");
+               "^voldrake: tThing:7: f: Assertion `x != 0' failed\\.\n(qemu: [^\n]*\n)?$");
   EXPECT_DEATH(AssertionFailed("x != 0", "tThing", 7, "f"),
-               "^voldrake: tThing:7: f: Assertion `x != 0' failed\\.\n");
+               "^voldrake: tThing:7: f: Assertion `x != 0' failed\\.\n(qemu: [^\n]*\n)?$");
 }
 
 TEST(Assert, ATrueConditionDoesNothing) {
