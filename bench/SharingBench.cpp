@@ -39,7 +39,7 @@ class tOpenPublisher : public CServicePublisher {
 void AnnounceAll(benchmark::State& state) {
   SetLogLevel(kLogInfo);
   tExportTable exports;
-  for (int i = 0; i < state.range(0); ++i) exports.services.emplace(Service(i).path, Service(i));
+  for (int i = 0; i < state.range(0); ++i) exports.services.insert(Service(i));
   tOpenPublisher publisher(exports);
   if (!publisher._IsNetWorkReConfigured()) state.SkipWithError("eth0 has no link-local address");
   CNfsServiceMessage message;

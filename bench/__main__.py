@@ -6,7 +6,8 @@ import subprocess
 import sys
 from pathlib import Path
 
-from bench import announcements, instructions, micro, neighbours, report, rest, speed
+from bench import (announcements, instructions, micro, neighbours, report, rest, speed,
+                   stage)
 from bench.figures import CannotMeasure, Figure, table, write_json
 from testbed import target
 
@@ -51,9 +52,10 @@ def _measure(counts: _Counts, quick: bool) -> list[Figure]:
         print(f"  measured: {what}", flush=True)
         figures.extend(found)
 
-    add("arrivals", speed.arrivals(logs / "arrivals", counts.rounds, counts.arrivals))
-    starts, start_plot = speed.start_up(logs / "startup", counts.rounds, counts.volumes)
-    add("start-up", starts)
+    with stage.one_processor():
+        add("arrivals", speed.arrivals(logs / "arrivals", counts.rounds, counts.arrivals))
+        starts, start_plot = speed.start_up(logs / "startup", counts.rounds, counts.volumes)
+        add("start-up", starts)
     add("announcements", announcements.announcement(logs / "announcements", min(counts.rounds, 3),
                                                     counts.announcements))
     pieces, plots = micro.measure(logs / "micro", counts.repetitions, counts.benchmark_seconds)

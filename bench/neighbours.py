@@ -9,7 +9,7 @@ from pathlib import Path
 
 from bench.figures import CannotMeasure, Figure
 from bench.rest import resident, wake_ups
-from bench.stage import Stage, threads
+from bench.stage import Stage
 from testbed.network import Network
 
 _INSIDE = Path("/srv/neighbours")
@@ -53,10 +53,11 @@ def _at_rest(logs: Path, packages: Path, name: str, command: list[str],
         before, begin = wake_ups(process.pid), time.monotonic()
         time.sleep(seconds)
         after, length = wake_ups(process.pid), time.monotonic() - begin
-        rate = (sum(after) - sum(before)) / length
+        lasting = before.keys() & after.keys()  # a pool lets threads go that have nothing to do
+        rate = sum(after[thread] - before[thread] for thread in lasting) / length
         return [Figure(f"beside it: {name}, PSS", resident(process.pid), None, None, "KB"),
-                Figure(f"beside it: {name}, wake-ups of its {len(threads(process.pid))} threads",
-                       rate, None, None, "1/s")]
+                Figure(f"beside it: {name}, wake-ups of its {len(lasting)} threads", rate, None,
+                       None, "1/s")]
 
 
 def _last_line(text: str) -> str:

@@ -43,8 +43,8 @@ def idle(logs: Path, seconds: float) -> list[Figure]:
         time.sleep(seconds)
         after = [wake_ups(pid) for pid in pids]
         used, length = processor_nanoseconds(pids[0]) - used, time.monotonic() - begin
-    rates = [[(late - early) / length for early, late in zip(*pair)]
-             for pair in zip(before, after)]
+    rates = [[(late[thread] - early[thread]) / length for thread in early]
+             for early, late in zip(before, after)]
     figures = [_wake_up_figure(name, rate, waits)
                for (name, waits), rate in zip(_THREADS, rates[0])]
     figures.append(_wake_up_figure("browser without network", rates[1][4], _BROWSER_WAITING))
@@ -117,13 +117,13 @@ def _wake_up_figure(thread: str, rate: float, waits: int) -> Figure:
                   "1/s")
 
 
-def wake_ups(pid: int) -> list[int]:
-    """How often each thread has waited for something so far."""
-    counts = []
+def wake_ups(pid: int) -> dict[int, int]:
+    """How often each thread has waited for something so far, in the order of their start."""
+    counts = {}
     for thread in threads(pid):
         status = Path(f"/proc/{pid}/task/{thread}/status").read_text()
-        counts.append(int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)$", status,
-                                    re.MULTILINE)[1]))
+        counts[thread] = int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)$", status,
+                                       re.MULTILINE)[1])
     return counts
 
 

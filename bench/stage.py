@@ -1,9 +1,10 @@
 """Where the whole daemon is measured: a sandbox with a bus, and the programs of the benchmarks."""
 
+import contextlib
 import os
 import time
 from pathlib import Path
-from typing import Callable, Mapping, Sequence
+from typing import Callable, Iterator, Mapping, Sequence
 
 from bench.figures import CannotMeasure
 from testbed import target
@@ -102,6 +103,19 @@ def wait_until(condition: Callable[[], object], what: str, timeout: float = _TIM
         if time.monotonic() > deadline:
             raise CannotMeasure(f"not within {timeout:g} s: {what}")
         time.sleep(0.01)
+
+
+@contextlib.contextmanager
+def one_processor() -> Iterator[None]:
+    """Let what is started meanwhile run on one processor, as on the unit. How far two processors
+    share the work, and how long the second one takes to wake up, is left to chance.
+    """
+    before = os.sched_getaffinity(0)
+    os.sched_setaffinity(0, {max(before)})
+    try:
+        yield
+    finally:
+        os.sched_setaffinity(0, before)
 
 
 def processor_nanoseconds(pid: int) -> int:

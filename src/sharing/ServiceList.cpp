@@ -63,14 +63,12 @@ void CServiceList::run() {
 
 void CServiceList::_CountDown() {
   const tMutexLock lock(m_Mutex);
-  for (auto service = m_Services.begin(); service != m_Services.end();) {
-    const auto next = std::next(service);
+  for (auto next = m_Services.begin(); next != m_Services.end();) {
+    const auto service = next++;
     service->second.remainingLifeMs -= kTickMs;
-    if (service->second.remainingLifeMs <= 0) {
-      m_pCallback->OnServiceRemoved(service->second);
-      m_Services.erase(service);
-    }
-    service = next;
+    if (service->second.remainingLifeMs > 0) continue;
+    m_pCallback->OnServiceRemoved(service->second);
+    m_Services.erase(service);
   }
 }
 

@@ -46,7 +46,7 @@ bool CServicePublisher::AddServiceNFS(const std::string& path, MEDIA_TYPE_T medi
   }
   {
     const tMutexLock lock(m_Exports.mutex);
-    m_Exports.services.emplace(path, service);
+    m_Exports.services.insert(service);
     _ExportService(service);
     if (m_NetworkReady) Wake();
   }
@@ -60,7 +60,7 @@ void CServicePublisher::RemoveServiceNFS(const std::string& path) {
   if (service == m_Exports.services.end()) return;
   if (m_NetworkReady) {
     CNfsServiceMessage message;
-    message.Set(kServiceWithdrawn, service->second);
+    message.Set(kServiceWithdrawn, *service);
     m_pTxSocket->TxPacket(message.Datagram());
   }
   if (!m_PeerAddress.empty()) _Unexport(m_PeerAddress, path);
@@ -81,9 +81,9 @@ void CServicePublisher::SetPeerIpAddress(const std::string& address) {
   if (m_Publishing) {
     // A peer that changes its address gets even the read-only volumes writable, unlike one that was
     // known when they were added.
-    for (const auto& [path, service] : m_Exports.services) {
-      if (!m_PeerAddress.empty()) _Unexport(m_PeerAddress, path);
-      _Export("rw", address, path);
+    for (const NFS_DATA_T& service : m_Exports.services) {
+      if (!m_PeerAddress.empty()) _Unexport(m_PeerAddress, service.path);
+      _Export("rw", address, service.path);
     }
   }
   m_PeerAddress = address;
@@ -94,7 +94,7 @@ void CServicePublisher::RestartNfsServer() {
   if (CommandFailed(RunCommand("exportfs -a -r"))) {
     Log("CServicePublisher::RestartNfsServer: error clearing exports", kLogError);
   }
-  for (const auto& [path, service] : m_Exports.services) _ExportService(service);
+  for (const NFS_DATA_T& service : m_Exports.services) _ExportService(service);
   if (m_NetworkReady) Wake();
   Log("CServicePublisher: Restarting nfsd done", kLogDebug);
 }
@@ -140,8 +140,8 @@ void CServicePublisher::run() {
 }
 
 void CServicePublisher::_AnnounceAll(CNfsServiceMessage& message) {
-  for (const auto& [path, service] : m_Exports.services) {
-    if (LogsAt(kLogDebug)) Log("CServicePublisher::run: " + Printable(path), kLogDebug);
+  for (const NFS_DATA_T& service : m_Exports.services) {
+    if (LogsAt(kLogDebug)) Log("CServicePublisher::run: " + Printable(service.path), kLogDebug);
     message.Set(kServiceAnnounced, service);
     m_pTxSocket->TxPacket(message.Datagram());
   }
@@ -163,7 +163,7 @@ void CServicePublisher::_WithdrawAll() {
   const tMutexLock lock(m_Exports.mutex);
   if (m_Publishing && m_NetworkReady) {
     CNfsServiceMessage message;
-    for (const auto& [path, service] : m_Exports.services) {
+    for (const NFS_DATA_T& service : m_Exports.services) {
       message.Set(kServiceWithdrawn, service);
       m_pTxSocket->TxPacket(message.Datagram());
     }
