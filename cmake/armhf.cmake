@@ -10,6 +10,8 @@ get_filename_component(CMAKE_SYSROOT "${VOLDRAKE_SYSROOT}" ABSOLUTE)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
+# No notes about what GCC 7 changed: nothing here was compiled with an older one.
+set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
 set(ENV{PKG_CONFIG_SYSROOT_DIR} "${CMAKE_SYSROOT}")
 set(ENV{PKG_CONFIG_LIBDIR}

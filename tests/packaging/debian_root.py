@@ -2,7 +2,9 @@
 
 import os
 import subprocess
+import time
 from pathlib import Path
+from typing import Callable
 
 from testbed import timeouts
 
@@ -56,3 +58,91 @@ class Root:
     def _remove(self) -> None:
         subprocess.run(["rm", "-rf", "--one-file-system", str(self.directory)],
                        check=False)
+
+
+_CGROUPS = Path("/sys/fs/cgroup")
+
+
+class BootedRoot:
+    """A root whose systemd has booted, and runs within `with`; in name spaces of its own and
+    without a network. Requires: systemd in the root, and being root.
+    """
+
+    def __init__(self, root: Root, console: Path) -> None:
+        """What the booted system writes to its console goes into the file `console`."""
+        self._root = root
+        self._console = console
+        # Each gets a group that is removed at the end, whatever is left of it.
+        self._groups = [hierarchy / f"voldrake-boot-{os.getpid()}"
+                        for hierarchy in BootedRoot.hierarchies()]
+        self._container: subprocess.Popen[bytes] | None = None
+
+    @staticmethod
+    def hierarchies() -> list[Path]:
+        """The trees of control groups that a systemd in a root can use; none on some machines."""
+        unified = [_CGROUPS] if (_CGROUPS / "cgroup.controllers").exists() else []
+        return unified or [tree for tree in (_CGROUPS / "systemd", _CGROUPS / "unified")
+                           if (tree / "cgroup.procs").exists()]
+
+    def __enter__(self) -> "BootedRoot":
+        try:
+            for group in self._groups:
+                group.mkdir()
+            join = "".join(f"echo $$ > {group}/cgroup.procs; " for group in self._groups)
+            with self._console.open("wb") as console:
+                self._container = subprocess.Popen(
+                    ["unshare", "--mount", "sh", "-e", "-c",
+                     f"{join} mount -t tmpfs run /run; exec systemd-nspawn --quiet --register=no"
+                     " --keep-unit --private-network --console=pipe --boot --directory=$0",
+                     str(self._root.directory)],
+                    stdin=subprocess.DEVNULL, stdout=console, stderr=subprocess.STDOUT)
+            self.wait_for(lambda: self._init() != 0 and self.run(
+                "systemctl is-system-running", check=False).strip() in ("running", "degraded"))
+        except BaseException:
+            self._end()
+            raise
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self._end()
+
+    def run(self, command: str, check: bool = True) -> str:
+        """Run a shell command in the booted system; its output, that on standard error included."""
+        done = subprocess.run(
+            ["nsenter", "--target", str(self._init()), "--mount", "--uts", "--ipc", "--net",
+             "--pid", "sh", "-c", command + " 2>&1"],
+            env={"PATH": os.environ["PATH"], "LC_ALL": "C.UTF-8", "SYSTEMD_PAGER": ""},
+            text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, check=False,
+            timeout=6 * timeouts.RUN)
+        assert done.returncode == 0 or not check, done.stdout
+        return done.stdout
+
+    def wait_for(self, condition: Callable[[], bool]) -> None:
+        """Return once it holds. Fails when it does not in time, or the system has ended."""
+        deadline = time.monotonic() + 3 * timeouts.RUN
+        while not condition():
+            assert self._container and self._container.poll() is None, self._console.read_text()
+            assert time.monotonic() < deadline, self._console.read_text()
+            time.sleep(0.05)
+
+    def _init(self) -> int:
+        """Process id of the booted system's first process; 0 while there is none."""
+        for group in self._groups:
+            try:
+                return int((group / "payload/init.scope/cgroup.procs").read_text().split()[0])
+            except (FileNotFoundError, IndexError):
+                pass
+        return 0
+
+    def _end(self) -> None:
+        if self._container:
+            self._container.terminate()  # which nspawn takes as an order to shut down
+            try:
+                self._container.wait(timeout=3 * timeouts.RUN)
+            except subprocess.TimeoutExpired:
+                if init := self._init():
+                    os.kill(init, 9)
+                self._container.wait(timeout=timeouts.RUN)
+        for group in self._groups:
+            subprocess.run(["find", str(group), "-depth", "-type", "d", "-exec", "rmdir", "{}",
+                            ";"], check=False)
