@@ -89,11 +89,24 @@ def test_version_is_that_of_the_project(packages: list[Path]) -> None:
     assert {fields(package)["Version"] for package in packages} == {found[1]}
 
 
-def test_programs_are_hardened(packages: list[Path], tmp_path: Path) -> None:
+@pytest.fixture
+def programs(packages: list[Path], tmp_path: Path) -> list[Path]:
+    """The programs of both packages, taken out of them."""
     for package in packages:
         subprocess.run(["dpkg-deb", "--extract", str(package), str(tmp_path)], check=True)
-    programs = [*tmp_path.glob("usr/sbin/*"), *tmp_path.glob("usr/bin/*")]
-    assert len(programs) == 4
+    found = [*tmp_path.glob("usr/sbin/*"), *tmp_path.glob("usr/bin/*")]
+    assert len(found) == 4
+    return found
+
+
+def imports(program: Path) -> set[str]:
+    """The functions of shared libraries that a program calls."""
+    table = subprocess.run(["readelf", "--wide", "--dyn-syms", str(program)], text=True,
+                           capture_output=True, check=True).stdout
+    return set(re.findall(r" UND (\w+)@", table))
+
+
+def test_programs_are_hardened(programs: list[Path]) -> None:
     for program in programs:
         headers = subprocess.run(["readelf", "--wide", "-h", "-l", "-d", "-S", str(program)],
                                  text=True, capture_output=True, check=True).stdout
@@ -101,6 +114,23 @@ def test_programs_are_hardened(packages: list[Path], tmp_path: Path) -> None:
         assert "GNU_RELRO" in headers and "BIND_NOW" in headers, program.name
         assert not re.search(r"GNU_STACK.* RWE ", headers), program.name
         assert ".symtab" not in headers, f"{program.name} is not stripped"
+        called = imports(program)
+        assert "__stack_chk_fail" in called, f"{program.name} has no stack protector"
+        assert any(re.fullmatch(r"__(?!stack_)\w+_chk", name) for name in called), (
+            f"{program.name} is not fortified")
+
+
+def test_daemon_for_the_unit_is_small_and_counts_in_64_bits(packages: list[Path],
+                                                            programs: list[Path]) -> None:
+    if fields(packages[0])["Architecture"] != "armhf":
+        pytest.skip("not the unit's processor")
+    daemon = next(program for program in programs if program.name == "voldrake")
+    assert daemon.stat().st_size < 200 * 1024
+    called = imports(daemon)
+    assert {"__clock_gettime64", "__stat64_time64", "open64"} <= called
+    # clock_gettime is called too: by the C++ runtime, for the clock that begins with the unit.
+    assert called.isdisjoint({"time", "nanosleep", "stat", "lstat", "fstat", "open", "readdir",
+                              "localtime_r", "pthread_cond_timedwait"})
 
 
 def test_installs_with_what_it_depends_on(root: Root) -> None:
