@@ -22,6 +22,7 @@ from pathlib import Path
 from typing import Iterable
 
 from testbed import timeouts
+from testbed.lifespan import Lifespan
 from testbed.network import Interface, Network
 from testbed.sandbox import Sandbox
 from testbed.tape import Channel, Mark, Match, Tape, Wanted
@@ -100,8 +101,8 @@ class Datagram:
         return Announcement.decode(self.raw)
 
 
-class Peer:
-    """Another unit on the wire; also a context manager.
+class Peer(Lifespan):
+    """Another unit on the wire.
 
     It answers ARP like any host (`answer_arp` changes that) and records on its channel what
     comes to the group and to itself, on the announcements' port and on the one of the nudges:
@@ -120,17 +121,6 @@ class Peer:
         self._raw_sender: socket.socket | None = None
         self._listeners: list[socket.socket] = []
         self.announcers: list[Announcer] = []  # all that were made, in order
-
-    def __enter__(self) -> "Peer":
-        try:
-            self.start()
-        except BaseException:
-            self.close()
-            raise
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
 
     def start(self) -> None:
         """Be on the wire and listen."""

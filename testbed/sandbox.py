@@ -15,6 +15,7 @@ from pathlib import Path
 from typing import Callable, Mapping, Sequence, TypeVar
 
 from testbed import namespaces, timeouts
+from testbed.lifespan import Lifespan
 from testbed.process import Process
 
 _Result = TypeVar("_Result")
@@ -41,8 +42,8 @@ _ETC = {
 }
 
 
-class Sandbox:
-    """A sandbox that exists from `start` to `close`; also a context manager.
+class Sandbox(Lifespan):
+    """A sandbox that exists from `start` to `close`.
 
     Requires: running inside the wrapper of `namespaces`. It ends when the thread that started it
     ends, so start it on a thread that outlives it. Paths inside are written as the programs in
@@ -61,13 +62,6 @@ class Sandbox:
         self._processes: list[Process] = []
         self._namespace = ""  # of processes
         self._own: set[int] = set()  # the processes that hold the sandbox
-
-    def __enter__(self) -> "Sandbox":
-        self.start()
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
 
     def start(self) -> None:
         """Make the sandbox; it is ready on return. Raises RuntimeError when it cannot be made."""

@@ -6,6 +6,7 @@ from pathlib import Path
 
 from testbed import target, timeouts
 from testbed.daemon import INFO
+from testbed.lifespan import Lifespan
 from testbed.medialinks import MediaLinks
 from testbed.monitor import Monitor, Told
 from testbed.network import Network
@@ -27,10 +28,10 @@ ignoreDevice=/dev/sdc1
 CARD_IN_READER = "0353445355303847802A5B1C4A00F300"
 
 
-class Stage:
-    """A unit with three SD hosts, the configuration above and stand-in tools for NFS; a context
-    manager. With a network it is on that wire, and units with the same list of neighbours
-    read each other's files."""
+class Stage(Lifespan):
+    """A unit with three SD hosts, the configuration above and stand-in tools for NFS. With a
+    network it is on that wire, and units with the same list of neighbours read each other's
+    files."""
 
     def __init__(self, log_directory: Path, network: Network | None = None,
                  address: str | None = None, neighbours: list[NfsTools] | None = None) -> None:
@@ -40,19 +41,12 @@ class Stage:
         self._neighbours = neighbours
         self._links: MediaLinks | None = None
 
-    def __enter__(self) -> "Stage":
-        try:
-            self.unit.start(listen=False)
-            self.tools = NfsTools(self.unit, self._neighbours)
-            self._links = MediaLinks(self.unit.tape, self.unit.sandbox.path("/media"))
-            self.monitor.start()
-        except BaseException:
-            self.close()
-            raise
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
+    def start(self) -> None:
+        """Bring up everything but the daemon."""
+        self.unit.start(listen=False)
+        self.tools = NfsTools(self.unit, self._neighbours)
+        self._links = MediaLinks(self.unit.tape, self.unit.sandbox.path("/media"))
+        self.monitor.start()
 
     def close(self) -> None:
         """End everything; the tape is kept with the logs."""

@@ -27,14 +27,11 @@ import socket
 import struct
 import threading
 from dataclasses import dataclass, field
-from typing import Callable, TypeVar
 
 from testbed import target, timeouts
-from testbed.sandbox import Sandbox
+from testbed.namespaces import checked, in_mounts_of
 from testbed.tape import Channel, Event, Mark, Match
 from testbed.unit import Unit
-
-_Result = TypeVar("_Result")
 
 TOOLS = ("exportfs", "mount", "mountpoint", "umount")
 _PORT = 2049  # on the sandbox's loopback; helpers/stand-in-tool connects to it
@@ -178,15 +175,15 @@ class NfsTools:
         exporter = next((other for other in self._neighbours if other.address() == address), None)
         try:
             if exporter is None:
-                _in_mounts_of(self._sandbox, lambda: _mount_memory(directory, mode == "ro"))
+                in_mounts_of(self._sandbox.pid, lambda: _mount_memory(directory, mode == "ro"))
                 return "exit 0"
             exported = exporter._export_for(self.address(), path)
             if exported is None:
                 return "exit 32"
             read_only = mode == "ro" or exported == "ro"
-            tree = _in_mounts_of(exporter._sandbox, lambda: _clone_tree(path, read_only))
+            tree = in_mounts_of(exporter._sandbox.pid, lambda: _clone_tree(path, read_only))
             try:
-                _in_mounts_of(self._sandbox, lambda: _attach_tree(tree, directory))
+                in_mounts_of(self._sandbox.pid, lambda: _attach_tree(tree, directory))
             finally:
                 os.close(tree)
         except OSError as error:
@@ -196,7 +193,8 @@ class NfsTools:
 
     def _remount(self, mode: str, directory: str) -> str:
         try:
-            _in_mounts_of(self._sandbox, lambda: _set_read_only(_AT_FDCWD, directory, mode == "ro"))
+            in_mounts_of(self._sandbox.pid,
+                         lambda: _set_read_only(_AT_FDCWD, directory, mode == "ro"))
         except OSError as error:
             self.events.tape.record("tools!", f"{directory}: {error}")
             return "exit 32"
@@ -229,40 +227,10 @@ _OPEN_TREE_CLONE, _OPEN_TREE_CLOEXEC = 1, os.O_CLOEXEC
 _MOVE_MOUNT_F_EMPTY_PATH = 4
 _MOUNT_ATTR_RDONLY = 1
 _MS_RDONLY = 1
-_CLONE_FS, _CLONE_NEWNS = 0x200, 0x20000
-
-
-def _checked(result: int, what: str) -> int:
-    if result < 0:
-        error = ctypes.get_errno()
-        raise OSError(error, f"{what}: {os.strerror(error)}")
-    return result
 
 
 def _syscall(what: str, number: int, *arguments: object) -> int:
-    return _checked(_libc.syscall(ctypes.c_long(number), *arguments), what)
-
-
-def _in_mounts_of(sandbox: Sandbox, action: Callable[[], _Result]) -> _Result:
-    """Run `action` on a thread of its own that sees the sandbox's files as programs in it do."""
-    outcome: list[_Result] = []
-    failure: list[BaseException] = []
-
-    def body() -> None:
-        try:
-            with open(f"/proc/{sandbox.pid}/ns/mnt", "rb") as namespace:
-                _checked(_libc.unshare(_CLONE_FS), "unshare")
-                _checked(_libc.setns(namespace.fileno(), _CLONE_NEWNS), "setns")
-            outcome.append(action())
-        except BaseException as error:  # handed to the caller, whatever it is
-            failure.append(error)
-
-    thread = threading.Thread(target=body)
-    thread.start()
-    thread.join()
-    if failure:
-        raise failure[0]
-    return outcome[0]
+    return checked(_libc.syscall(ctypes.c_long(number), *arguments), what)
 
 
 def _clone_tree(path: str, read_only: bool) -> int:
@@ -286,5 +254,5 @@ def _set_read_only(at: int, path: str, read_only: bool) -> None:
 
 
 def _mount_memory(directory: str, read_only: bool) -> None:
-    _checked(_libc.mount(b"tmpfs", os.fsencode(directory), b"tmpfs",
+    checked(_libc.mount(b"tmpfs", os.fsencode(directory), b"tmpfs",
                          ctypes.c_ulong(_MS_RDONLY if read_only else 0), None), "mount")

@@ -8,6 +8,7 @@ from testbed.application import Application
 from testbed.bus import Bus
 from testbed.daemon import DEBUG, Daemon
 from testbed.hal import Hal
+from testbed.lifespan import Lifespan
 from testbed.network import Interface, Network
 from testbed.sandbox import TOOLS, Sandbox
 from testbed.syslog import Syslog
@@ -23,8 +24,8 @@ _SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING:
                     "runtime error:")
 
 
-class Unit:
-    """One unit from `start` to `close`; also a context manager.
+class Unit(Lifespan):
+    """One unit from `start` to `close`.
 
     `start` brings up everything but the daemon, and the application listens. `tape` has all that
     happens, on the channels hal, app, log, daemon, syslog and sys.
@@ -51,17 +52,6 @@ class Unit:
         self._network = network
         self._address = address
         self._strangers = 0
-
-    def __enter__(self) -> "Unit":
-        try:
-            self.start()
-        except BaseException:
-            self.close()
-            raise
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
 
     def start(self, listen: bool = True) -> None:
         """Bring up everything but the daemon; the application only if it is to `listen`."""

@@ -7,16 +7,17 @@ from pathlib import Path
 from typing import Callable
 
 from testbed import timeouts
+from testbed.lifespan import Lifespan
 
 _SOURCES = Path("/etc/apt/sources.list.d/debian.sources")
 #: Making a root takes half a minute; with a slow archive and many packages a multiple of it.
 _MAKE = 900 * timeouts.SCALE
 
 
-class Root:
-    """A root, made of the Debian archive, that exists within `with`. Commands run in it one at a
-    time, in name spaces of their own and without a network. Requires: being root, since a
-    package's files belong to several users.
+class Root(Lifespan):
+    """A root, made of the Debian archive. Commands run in it one at a time, in name spaces of
+    their own and without a network. Requires: being root, since a package's files belong to
+    several users.
     """
 
     def __init__(self, directory: Path, *hooks: str) -> None:
@@ -24,22 +25,20 @@ class Root:
         self.directory = directory
         self._hooks = hooks
 
-    def __enter__(self) -> "Root":
-        self._remove()
-        try:
-            with _SOURCES.open(encoding="ascii") as sources:
-                subprocess.run(
-                    ["mmdebstrap", "--mode=root", "--variant=apt", "--format=directory",
-                     "--skip=cleanup/apt", *(f"--customize-hook={hook}" for hook in self._hooks),
-                     "bookworm", str(self.directory), "-"],
-                    stdin=sources, check=True, timeout=_MAKE)
-        except BaseException:
-            self._remove()
-            raise
-        return self
+    def start(self) -> None:
+        """Make the root, in place of one that was left there."""
+        self.close()
+        with _SOURCES.open(encoding="ascii") as sources:
+            subprocess.run(
+                ["mmdebstrap", "--mode=root", "--variant=apt", "--format=directory",
+                 "--skip=cleanup/apt", *(f"--customize-hook={hook}" for hook in self._hooks),
+                 "bookworm", str(self.directory), "-"],
+                stdin=sources, check=True, timeout=_MAKE)
 
-    def __exit__(self, *_: object) -> None:
-        self._remove()
+    def close(self) -> None:
+        """Remove the root."""
+        subprocess.run(["rm", "-rf", "--one-file-system", str(self.directory)],
+                       check=False)
 
     def run(self, command: str, check: bool = True, timeout: float = 10 * timeouts.RUN) -> str:
         """Run a shell command in the root; its output, that on standard error included."""
@@ -55,17 +54,13 @@ class Root:
         assert done.returncode == 0 or not check, done.stdout
         return done.stdout
 
-    def _remove(self) -> None:
-        subprocess.run(["rm", "-rf", "--one-file-system", str(self.directory)],
-                       check=False)
-
 
 _CGROUPS = Path("/sys/fs/cgroup")
 
 
-class BootedRoot:
-    """A root whose systemd has booted, and runs within `with`; in name spaces of its own and
-    without a network. Requires: systemd in the root, and being root.
+class BootedRoot(Lifespan):
+    """A root whose systemd has booted and runs, in name spaces of its own and without a network.
+    Requires: systemd in the root, and being root.
     """
 
     def __init__(self, root: Root, console: Path) -> None:
@@ -84,27 +79,35 @@ class BootedRoot:
         return unified or [tree for tree in (_CGROUPS / "systemd", _CGROUPS / "unified")
                            if (tree / "cgroup.procs").exists()]
 
-    def __enter__(self) -> "BootedRoot":
-        try:
-            for group in self._groups:
-                group.mkdir()
-            join = "".join(f"echo $$ > {group}/cgroup.procs; " for group in self._groups)
-            with self._console.open("wb") as console:
-                self._container = subprocess.Popen(
-                    ["unshare", "--mount", "sh", "-e", "-c",
-                     f"{join} mount -t tmpfs run /run; exec systemd-nspawn --quiet --register=no"
-                     " --keep-unit --private-network --console=pipe --boot --directory=$0",
-                     str(self._root.directory)],
-                    stdin=subprocess.DEVNULL, stdout=console, stderr=subprocess.STDOUT)
-            self.wait_for(lambda: self._init() != 0 and self.run(
-                "systemctl is-system-running", check=False).strip() in ("running", "degraded"))
-        except BaseException:
-            self._end()
-            raise
-        return self
+    def start(self) -> None:
+        """Boot; what starts at boot has been started on return."""
+        for group in self._groups:
+            group.mkdir()
+        join = "".join(f"echo $$ > {group}/cgroup.procs; " for group in self._groups)
+        with self._console.open("wb") as console:
+            self._container = subprocess.Popen(
+                ["unshare", "--mount", "sh", "-e", "-c",
+                 f"{join} mount -t tmpfs run /run; exec systemd-nspawn --quiet --register=no"
+                 " --keep-unit --private-network --console=pipe --boot --directory=$0",
+                 str(self._root.directory)],
+                stdin=subprocess.DEVNULL, stdout=console, stderr=subprocess.STDOUT)
+        self.wait_for(lambda: self._init() != 0 and self.run(
+            "systemctl is-system-running", check=False).strip() in ("running", "degraded"))
 
-    def __exit__(self, *_: object) -> None:
-        self._end()
+    def close(self) -> None:
+        """Shut it down."""
+        if self._container:
+            self._container.terminate()  # which nspawn takes as an order to shut down
+            try:
+                self._container.wait(timeout=3 * timeouts.RUN)
+            except subprocess.TimeoutExpired:
+                if init := self._init():
+                    os.kill(init, 9)
+                self._container.wait(timeout=timeouts.RUN)
+            self._container = None
+        for group in filter(Path.exists, self._groups):
+            subprocess.run(["find", str(group), "-depth", "-type", "d", "-exec", "rmdir", "{}",
+                            ";"], check=False)
 
     def run(self, command: str, check: bool = True) -> str:
         """Run a shell command in the booted system; its output, that on standard error included."""
@@ -133,16 +136,3 @@ class BootedRoot:
             except (FileNotFoundError, IndexError):
                 pass
         return 0
-
-    def _end(self) -> None:
-        if self._container:
-            self._container.terminate()  # which nspawn takes as an order to shut down
-            try:
-                self._container.wait(timeout=3 * timeouts.RUN)
-            except subprocess.TimeoutExpired:
-                if init := self._init():
-                    os.kill(init, 9)
-                self._container.wait(timeout=timeouts.RUN)
-        for group in self._groups:
-            subprocess.run(["find", str(group), "-depth", "-type", "d", "-exec", "rmdir", "{}",
-                            ";"], check=False)

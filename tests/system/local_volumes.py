@@ -55,6 +55,14 @@ def told(unit: Unit, count: int, timeout: float = timeouts.EVENT) -> list[str]:
     return [frame.text() for frame in sorted(frames, key=lambda frame: frame.accepted)]
 
 
+def registered(unit: Unit) -> Mark:
+    """Plug STICK and return, with a mark, when it is registered and was told, and all is done."""
+    unit.hal.plug(STICK)
+    assert unit.application.next_text() == arrival("/media/sda1")
+    unit.settle()
+    return mark(unit)
+
+
 def mark(unit: Unit) -> Mark:
     """The tape's end, with every log line that is written by now before it."""
     unit.daemon.log_lines()

@@ -4,7 +4,7 @@ import os
 
 import pytest
 
-from local_volumes import CARD, CID, STICK, arrival, mark, said, told
+from local_volumes import CARD, CID, STICK, arrival, mark, registered, said, told
 from testbed.daemon import ERROR, INFO
 from testbed.unit import Unit
 
@@ -107,9 +107,7 @@ def test_nothing_that_exists_is_replaced_by_a_link(running_unit: Unit, obstacle:
         path.symlink_to("." if obstacle == "link" else "nowhere")
     before = os.lstat(path)
     since = mark(unit)
-    unit.hal.plug(STICK)
-    assert unit.application.next_text() == arrival("/media/sda1")
-    unit.settle()
+    registered(unit)
     assert link_lines(unit, since) == [
         (ERROR, "symlink failed: /media/USB Memory Card A1 -> sda1"),
         (ERROR, "symlink error: File exists")]

@@ -3,8 +3,8 @@
 import pytest
 
 from local_volumes import (CARD, CARD_VOLUME, CID, DEVICES, OTHER, OTHER_VOLUME, STICK,
-                           STICK_VOLUME, arrival, card_record, correction, mark, removal, said,
-                           stick_record, told)
+                           STICK_VOLUME, arrival, card_record, correction, mark, registered,
+                           removal, said, stick_record, told)
 from testbed.daemon import DEBUG, ERROR, INFO
 from testbed.unit import Unit
 
@@ -27,10 +27,7 @@ def test_a_removal_takes_its_steps_in_order(unit: Unit) -> None:
     """The application is told, then the link goes, then the export."""
     unit.add_tool("exportfs", _EXPORTFS)
     unit.start_daemon()
-    unit.hal.plug(STICK)
-    assert unit.application.next_text() == arrival("/media/sda1")
-    unit.settle()
-    since = mark(unit)
+    since = registered(unit)
     unit.hal.command("unmount stick")
     assert unit.application.next_text() == removal("/media/sda1")
     unit.settle()
@@ -47,10 +44,7 @@ def test_a_removal_takes_its_steps_in_order(unit: Unit) -> None:
 def test_a_removal_signal_alone_removes_too(running_unit: Unit) -> None:
     """Here the volume goes without having been unmounted: the link goes, its target stays."""
     unit = running_unit
-    unit.hal.plug(STICK)
-    unit.application.next_text()
-    unit.settle()
-    since = mark(unit)
+    since = registered(unit)
     unit.hal.command("emit /org/freedesktop/Hal/Manager org.freedesktop.Hal.Manager"
                      f" DeviceRemoved ('{STICK_VOLUME}',)")
     assert unit.application.next_text() == removal("/media/sda1")
@@ -77,10 +71,7 @@ def test_the_removal_of_anything_else_is_silent(running_unit: Unit) -> None:
 def test_a_second_removal_is_silent(running_unit: Unit) -> None:
     """A pull announces the unmount first and the end of the device afterwards."""
     unit = running_unit
-    unit.hal.plug(STICK)
-    unit.application.next_text()
-    unit.settle()
-    since = mark(unit)
+    since = registered(unit)
     unit.hal.command("unmount stick")
     assert unit.application.next_text() == removal("/media/sda1")
     unit.settle()
@@ -190,10 +181,7 @@ def test_a_change_whose_value_cannot_be_read_is_dropped(
 def test_a_remount_keeps_a_registered_volume_as_it_is(running_unit: Unit) -> None:
     """It has been told as writable and stays so in the list, until it comes anew."""
     unit = running_unit
-    unit.hal.plug(STICK)
-    assert unit.application.next_text() == arrival("/media/sda1")
-    unit.settle()
-    since = mark(unit)
+    since = registered(unit)
     unit.hal.command("remount stick ro")
     unit.settle()
     assert said(unit, since) == [

@@ -4,9 +4,9 @@ import signal
 
 import pytest
 
-from local_volumes import (CARD, CARD_VOLUME, CID, OTHER_VOLUME, OTHER, STICK, STICK_VOLUME,
-                           arrival, card_record, correction, mark, removal, said, stick_record,
-                           told)
+from local_volumes import (CARD, CARD_VOLUME, CID, OTHER, OTHER_VOLUME, STICK, STICK_VOLUME,
+                           arrival, card_record, correction, mark, registered, removal, said,
+                           stick_record, told)
 from testbed.application import Mode
 from testbed.daemon import DEBUG, ERROR, INFO
 from testbed.unit import Unit
@@ -110,9 +110,7 @@ def test_stale_messages_are_dropped_before_the_fresh_ones(running_unit: Unit) ->
 
 def test_republishing_needs_no_hardware_service(running_unit: Unit) -> None:
     unit = running_unit
-    unit.hal.plug(STICK)
-    assert unit.application.next_text() == _STICK
-    unit.settle()
+    registered(unit)
     unit.hal.command("drop")
     unit.daemon.signal(signal.SIGUSR1)
     assert unit.application.next_text() == _STICK
@@ -120,9 +118,7 @@ def test_republishing_needs_no_hardware_service(running_unit: Unit) -> None:
 
 def test_a_reinsertion_without_hardware_service_only_removes(running_unit: Unit) -> None:
     unit = running_unit
-    unit.hal.plug(STICK)
-    assert unit.application.next_text() == _STICK
-    unit.settle()
+    registered(unit)
     unit.hal.command("drop")
     since = mark(unit)
     unit.daemon.signal(signal.SIGUSR2)
@@ -275,10 +271,7 @@ def test_a_blocked_application_does_not_hold_the_signals_up(running_unit: Unit) 
 
 def test_other_signals_concern_nobody(running_unit: Unit) -> None:
     unit = running_unit
-    unit.hal.plug(STICK)
-    unit.application.next_text()
-    unit.settle()
-    since = mark(unit)
+    since = registered(unit)
     for number in (signal.SIGURG, signal.SIGWINCH, signal.SIGCHLD, signal.SIGCONT):
         unit.daemon.signal(number)
     unit.settle()
@@ -288,10 +281,7 @@ def test_other_signals_concern_nobody(running_unit: Unit) -> None:
 
 def test_a_log_marker_leaves_the_volumes_alone(running_unit: Unit) -> None:
     unit = running_unit
-    unit.hal.plug(STICK)
-    unit.application.next_text()
-    unit.settle()
-    since = mark(unit)
+    since = registered(unit)
     unit.daemon.signal(signal.SIGHUP)
     unit.daemon.expect_log(INFO, "Starting new log file")
     unit.settle()
