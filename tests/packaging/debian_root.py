@@ -1,10 +1,11 @@
 """A Debian root in a directory, for what must not touch this machine."""
 
 import os
+import signal
 import subprocess
 import time
 from pathlib import Path
-from typing import Callable
+from typing import BinaryIO, Callable
 
 from testbed import timeouts
 from testbed.lifespan import Lifespan
@@ -58,6 +59,14 @@ class Root(Lifespan):
 _CGROUPS = Path("/sys/fs/cgroup")
 
 
+def _control_groups() -> list[Path]:
+    """The trees of control groups that a systemd in a root can use; none on some machines."""
+    unified = (_CGROUPS / "cgroup.controllers").exists()
+    trees = [_CGROUPS] if unified else [_CGROUPS / "systemd", _CGROUPS / "unified"]
+    return [tree for tree in trees
+            if (tree / "cgroup.procs").exists() and os.access(tree, os.W_OK)]
+
+
 class BootedRoot(Lifespan):
     """A root whose systemd has booted and runs, in name spaces of its own and without a network.
     Requires: systemd in the root, and being root.
@@ -67,30 +76,25 @@ class BootedRoot(Lifespan):
         """What the booted system writes to its console goes into the file `console`."""
         self._root = root
         self._console = console
-        # Each gets a group that is removed at the end, whatever is left of it.
-        self._groups = [hierarchy / f"voldrake-boot-{os.getpid()}"
-                        for hierarchy in BootedRoot.hierarchies()]
+        # In each tree one that is removed at the end, whatever is left of it.
+        self._groups = [tree / f"voldrake-boot-{os.getpid()}" for tree in _control_groups()]
         self._container: subprocess.Popen[bytes] | None = None
 
-    @staticmethod
-    def hierarchies() -> list[Path]:
-        """The trees of control groups that a systemd in a root can use; none on some machines."""
-        unified = [_CGROUPS] if (_CGROUPS / "cgroup.controllers").exists() else []
-        return unified or [tree for tree in (_CGROUPS / "systemd", _CGROUPS / "unified")
-                           if (tree / "cgroup.procs").exists()]
+    def why_impossible(self) -> str | None:
+        """Why this machine cannot run a container of the root; None when it can."""
+        if not self._groups:
+            return "no control groups for a systemd in a root"
+        try:
+            with self._console.open("wb") as console:
+                status = self._start_container(console, "/bin/true").wait(timeouts.RUN)
+        finally:
+            self._remove_groups()
+        return f"systemd-nspawn: {self._console.read_text().strip()}" if status else None
 
     def start(self) -> None:
         """Boot; what starts at boot has been started on return."""
-        for group in self._groups:
-            group.mkdir()
-        join = "".join(f"echo $$ > {group}/cgroup.procs; " for group in self._groups)
         with self._console.open("wb") as console:
-            self._container = subprocess.Popen(
-                ["unshare", "--mount", "sh", "-e", "-c",
-                 f"{join} mount -t tmpfs run /run; exec systemd-nspawn --quiet --register=no"
-                 " --keep-unit --private-network --console=pipe --boot --directory=$0",
-                 str(self._root.directory)],
-                stdin=subprocess.DEVNULL, stdout=console, stderr=subprocess.STDOUT)
+            self._container = self._start_container(console, "--boot")
         self.wait_for(lambda: self._init() != 0 and self.run(
             "systemctl is-system-running", check=False).strip() in ("running", "degraded"))
 
@@ -102,12 +106,10 @@ class BootedRoot(Lifespan):
                 self._container.wait(timeout=3 * timeouts.RUN)
             except subprocess.TimeoutExpired:
                 if init := self._init():
-                    os.kill(init, 9)
+                    os.kill(init, signal.SIGKILL)
                 self._container.wait(timeout=timeouts.RUN)
             self._container = None
-        for group in filter(Path.exists, self._groups):
-            subprocess.run(["find", str(group), "-depth", "-type", "d", "-exec", "rmdir", "{}",
-                            ";"], check=False)
+        self._remove_groups()
 
     def run(self, command: str, check: bool = True) -> str:
         """Run a shell command in the booted system; its output, that on standard error included."""
@@ -136,3 +138,19 @@ class BootedRoot(Lifespan):
             except (FileNotFoundError, IndexError):
                 pass
         return 0
+
+    def _start_container(self, output: BinaryIO, *words: str) -> subprocess.Popen[bytes]:
+        for group in self._groups:
+            group.mkdir()
+        join = "".join(f"echo $$ > {group}/cgroup.procs; " for group in self._groups)
+        return subprocess.Popen(
+            ["unshare", "--mount", "sh", "-e", "-c",
+             f"{join} mount -t tmpfs run /run; exec systemd-nspawn --quiet --register=no"
+             ' --keep-unit --private-network --console=pipe --directory="$0" "$@"',
+             str(self._root.directory), *words],
+            stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT)
+
+    def _remove_groups(self) -> None:
+        for group in filter(Path.exists, self._groups):
+            subprocess.run(["find", str(group), "-depth", "-type", "d", "-exec", "rmdir", "{}",
+                            ";"], check=False)

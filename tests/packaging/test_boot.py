@@ -39,8 +39,6 @@ StandardError=journal
 @pytest.fixture(scope="module")
 def system() -> Iterator[BootedRoot]:
     """A system that has booted with the packages installed."""
-    if not BootedRoot.hierarchies():
-        pytest.skip("no control groups for a systemd in a root")
     directory = Path(os.environ["VOLDRAKE_PACKAGES"])
     copies = " ".join(str(package) for package in directory.glob("*.deb")
                       if "-dbgsym_" not in package.name)
@@ -53,7 +51,10 @@ def system() -> Iterator[BootedRoot]:
         for name, text in (("hal", HAL), ("application", APPLICATION)):
             (units / f"{name}.service").write_text(text)
             (units / f"multi-user.target.wants/{name}.service").symlink_to(f"../{name}.service")
-        with BootedRoot(root, logs / "boot.console") as booted:
+        booted = BootedRoot(root, logs / "boot.console")
+        if reason := booted.why_impossible():
+            pytest.skip(reason)
+        with booted:
             yield booted
 
 
