@@ -107,8 +107,8 @@ def wait_until(condition: Callable[[], object], what: str, timeout: float = _TIM
 
 @contextlib.contextmanager
 def one_processor() -> Iterator[None]:
-    """Let what is started meanwhile run on one processor, as on the unit. How far two processors
-    share the work, and how long the second one takes to wake up, is left to chance.
+    """Let what is started meanwhile run on one processor. How several would share the work, and
+    how long the next one takes to wake up, is left to chance.
     """
     before = os.sched_getaffinity(0)
     os.sched_setaffinity(0, {max(before)})
