@@ -5,6 +5,7 @@ import subprocess
 from fnmatch import fnmatch
 from pathlib import Path
 
+import kconfiglib
 import pytest
 
 from testbed import target
@@ -182,30 +183,89 @@ def test_buildroot_image_gets_what_it_starts_with(
     assert {name for name in options if name.startswith("VOLDRAKE_")} <= cmake_options()
 
 
-def test_buildroot_dependencies_are_selected() -> None:
-    menu = (BUILDROOT / "package/voldrake/Config.in").read_text()
-    selected = set(re.findall(r"select BR2_PACKAGE_(\w+)", menu))
-    needed = {name.upper().replace("-", "_") for name in buildroot()["DEPENDENCIES"].split()}
-    assert needed - {"HOST_PKGCONF"} <= selected
+#: What Buildroot knows of the toolchain, and the packages that are selected with their own needs.
+BUILDROOT_TOOLCHAIN = [
+    "BR2_INSTALL_LIBSTDCPP", "BR2_TOOLCHAIN_GCC_AT_LEAST_11", "BR2_TOOLCHAIN_HAS_THREADS",
+    "BR2_USE_MMU", "BR2_USE_WCHAR"]
+BUILDROOT_PACKAGES = {
+    "BR2_PACKAGE_DBUS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU",
+    "BR2_PACKAGE_DBUS_GLIB": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
+    "BR2_PACKAGE_LIBGLIB2": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
+    "BR2_PACKAGE_NFS_UTILS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && !BR2_STATIC_LIBS",
+    "BR2_PACKAGE_NFS_UTILS_RPC_NFSD": "BR2_PACKAGE_NFS_UTILS"}
 
 
-def test_buildroot_menu_is_well_formed() -> None:
-    """The few forms that it uses; blocks close, texts are indented as Kconfig wants them."""
-    for file in BUILDROOT.rglob("Config.in"):
-        depth = 0
-        for line in file.read_text().replace("\\\n", "").splitlines():
-            if not line.strip():
-                continue
-            assert re.match(
-                r'config BR2_\w+$|if BR2_\w+$|endif$|comment ".*"$|source ".*"$'
-                r'|\t(bool ".*"|default y|depends on [\w!|& ()\t]+( #.*)?|select BR2_\w+|help)$'
-                r'|\t  \S', line), f"{file.name}: {line}"
-            depth += line.startswith("if ") - (line == "endif")
-            assert depth >= 0
-        assert depth == 0
-    sourced = re.search(r'source "\$BR2_EXTERNAL_VOLDRAKE_PATH/(.*)"',
-                        (BUILDROOT / "Config.in").read_text())
-    assert sourced and (BUILDROOT / sourced[1]).exists()
+class BuildrootMenu:
+    """The package's menu as Kconfig reads it within Buildroot's, for a toolchain that lacks these
+    symbols. Any warning fails: a symbol that nobody defines, a package selected against its needs."""
+
+    def __init__(self, directory: Path, monkeypatch: pytest.MonkeyPatch, *lacking: str) -> None:
+        root = directory / "Config.in"
+        root.write_text("".join(
+            [f"config {symbol}\n\tbool \"{symbol}\"\n"
+             for symbol in [*BUILDROOT_TOOLCHAIN, "BR2_STATIC_LIBS"]]
+            + [f"config {name}\n\tbool\n\tdepends on {needs}\n"
+               for name, needs in BUILDROOT_PACKAGES.items()]
+            + ['source "$BR2_EXTERNAL_VOLDRAKE_PATH/Config.in"\n']))
+        monkeypatch.setenv("BR2_EXTERNAL_VOLDRAKE_PATH", str(BUILDROOT))
+        monkeypatch.setenv("CONFIG_", "")  # Buildroot's symbols have no prefix.
+        monkeypatch.setenv("KCONFIG_WARN_UNDEF", "y")
+        self._menu = kconfiglib.Kconfig(str(root), warn_to_stderr=False)
+        self._written = directory / ".config"
+        self.answer("y", *(set(BUILDROOT_TOOLCHAIN) - set(lacking)))
+
+    def answer(self, value: str, *symbols: str) -> None:
+        """Give one answer to these questions; the menu keeps it while it does not apply."""
+        for symbol in symbols:
+            self._menu.syms[symbol].set_value(value)
+
+    def chosen(self) -> set[str]:
+        """The packages of the image."""
+        self._menu.write_config(str(self._written))
+        assert self._menu.warnings == []
+        return {name for name in re.findall(r"^(\w+)=y$", self._written.read_text(), re.MULTILINE)
+                if name.startswith("BR2_PACKAGE_")}
+
+    def comments(self) -> list[str]:
+        """The comments that are shown."""
+        return [node.prompt[0] for node in self._menu.node_iter()
+                if node.item == kconfiglib.COMMENT
+                and kconfiglib.expr_value(node.dep) > 0]
+
+
+def test_buildroot_selects_what_the_package_needs(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    menu = BuildrootMenu(tmp_path, monkeypatch)
+    assert menu.chosen() == set()
+    menu.answer("y", "BR2_PACKAGE_VOLDRAKE")
+    needed = {f"BR2_PACKAGE_{name.upper().replace('-', '_')}"
+              for name in buildroot()["DEPENDENCIES"].split() if not name.startswith("host-")}
+    sharing = {"BR2_PACKAGE_VOLDRAKE_SHARING", "BR2_PACKAGE_NFS_UTILS",
+               "BR2_PACKAGE_NFS_UTILS_RPC_NFSD"}
+    assert menu.chosen() == {"BR2_PACKAGE_VOLDRAKE"} | needed | sharing
+    menu.answer("n", "BR2_PACKAGE_VOLDRAKE_SHARING")
+    menu.answer("y", "BR2_PACKAGE_VOLDRAKE_TOOLS")
+    assert menu.chosen() == {"BR2_PACKAGE_VOLDRAKE", "BR2_PACKAGE_VOLDRAKE_TOOLS"} | needed
+    assert menu.comments() == []
+
+
+@pytest.mark.parametrize("lacking", BUILDROOT_TOOLCHAIN)
+def test_buildroot_offers_the_package_only_where_it_can_be_built(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch, lacking: str) -> None:
+    menu = BuildrootMenu(tmp_path, monkeypatch, lacking)
+    menu.answer("y", "BR2_PACKAGE_VOLDRAKE")
+    assert menu.chosen() == set()
+    # Nothing is said of processors on which it can never run.
+    told = [] if lacking == "BR2_USE_MMU" else [
+        "voldrake needs a toolchain w/ C++, gcc >= 11, threads, wchar"]
+    assert menu.comments() == told
+
+
+def test_buildroot_image_of_static_libraries_does_without_sharing(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    menu = BuildrootMenu(tmp_path, monkeypatch)
+    menu.answer("y", "BR2_STATIC_LIBS", "BR2_PACKAGE_VOLDRAKE", "BR2_PACKAGE_VOLDRAKE_SHARING")
+    assert not {name for name in menu.chosen() if name.endswith(("_SHARING", "NFS_UTILS"))}
 
 
 def test_buildroot_tree_has_its_name() -> None:
