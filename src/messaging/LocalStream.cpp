@@ -17,14 +17,16 @@ bool tLocalStream::Connect(int32_t port) {
   address.sin_family = AF_INET;
   address.sin_port = htons(static_cast<uint16_t>(port));
   address.sin_addr.s_addr = inet_addr("127.0.0.1");
-  if (connect(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
-    return true;
+  if (connect(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    // An interrupted connect goes on by itself and is waited for like one in progress.
+    if ((errno != EINPROGRESS && errno != EINTR) || !_WaitWritable()) return false;
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (getsockopt(m_Socket.Get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+      return false;
+    }
   }
-  // An interrupted connect goes on by itself and is waited for like one in progress.
-  if ((errno != EINPROGRESS && errno != EINTR) || !_WaitWritable()) return false;
-  int error = 0;
-  socklen_t length = sizeof error;
-  return getsockopt(m_Socket.Get(), SOL_SOCKET, SO_ERROR, &error, &length) == 0 && error == 0;
+  return !_IsConnectedToItself(address.sin_port);
 }
 
 bool tLocalStream::Send(std::span<const uint8_t> bytes) {
@@ -37,6 +39,20 @@ bool tLocalStream::Send(std::span<const uint8_t> bytes) {
       return false;
     }
   }
+  return true;
+}
+
+bool tLocalStream::_IsConnectedToItself(in_port_t port) {
+  sockaddr_in own{};
+  socklen_t length = sizeof own;
+  if (getsockname(m_Socket.Get(), reinterpret_cast<sockaddr*>(&own), &length) != 0 ||
+      own.sin_port != port) {
+    return false;
+  }
+  // Closed without a trace, or the port would be kept from its listener for another minute.
+  const linger atOnce{1, 0};
+  setsockopt(m_Socket.Get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  m_Socket.Reset();
   return true;
 }
 

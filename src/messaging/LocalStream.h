@@ -1,5 +1,7 @@
 #pragma once
 
+#include <netinet/in.h>
+
 #include <chrono>
 #include <cstdint>
 #include <span>
@@ -23,6 +25,10 @@ class tLocalStream {
 
  private:
   bool _WaitWritable();
+
+  /// True when the system chose the very port that was asked for as this end's own, which connects
+  /// a socket to itself where nobody listens; such a connection is closed. `port` in network order.
+  bool _IsConnectedToItself(in_port_t port);
 
   std::chrono::steady_clock::time_point m_Deadline;
   tFileDescriptor m_Socket;

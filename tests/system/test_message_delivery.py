@@ -132,18 +132,18 @@ def long_arrival(letter: str) -> str:
     return arrival(f"/media/sd{letter}1", name=f" - {_LONG}")
 
 
-def refused_connections(unit: Unit) -> int:
-    """How many attempts to connect have failed in the unit's network so far."""
+def tcp_counter(unit: Unit, name: str) -> int:
+    """What the kernel has counted in the unit's network so far."""
     counters = unit.sandbox.in_network(lambda: Path("/proc/thread-self/net/snmp").read_text())
     names, values = [line.split() for line in counters.splitlines() if line.startswith("Tcp:")]
-    return int(values[names.index("AttemptFails")])
+    return int(values[names.index(name)])
 
 
 def refused(unit: Unit, publish: Callable[[], object]) -> None:
     """Have a message published while the application is absent, and one attempt made for it."""
-    before = refused_connections(unit)
+    before = tcp_counter(unit, "AttemptFails")
     publish()
-    wait_until(lambda: refused_connections(unit) > before, "an attempt is refused")
+    wait_until(lambda: tcp_counter(unit, "AttemptFails") > before, "an attempt is refused")
 
 
 def descriptors(unit: Unit) -> list[str]:
@@ -213,6 +213,21 @@ def test_an_absent_application_is_tried_again_after_ten_seconds(running_unit: Un
     first, second = sorted(frame.accepted for frame in unit.application.frames())
     assert _RETRY - 0.3 <= first - published <= timeouts.at_most(_RETRY + _TICK)
     assert _TICK - 0.05 <= second - first <= timeouts.at_most(_TICK)
+
+
+def test_a_connection_to_itself_reaches_no_application(running_unit: Unit) -> None:
+    """Where nobody listens and its own end gets the same port, a socket connects to itself."""
+    unit = running_unit
+    unit.application.leave()
+    port, others = unit.application.port, "32768 60999"
+    unit.sandbox.set_network_option("ipv4/ip_local_port_range", f"{port} {port}")
+    before = tcp_counter(unit, "EstabResets")
+    unit.hal.plug("usb first")
+    wait_until(lambda: tcp_counter(unit, "EstabResets") > before, "the connection is closed again")
+    unit.sandbox.set_network_option("ipv4/ip_local_port_range", others)
+    unit.application.listen()
+    unit.hal.plug("usb second")
+    assert told(unit, 2) == [arrival("/media/sda1"), arrival("/media/sdb1")]
 
 
 @_long_names
