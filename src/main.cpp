@@ -31,7 +31,7 @@ std::unique_ptr<ConfigManager> gConfigManager;
 std::unique_ptr<tVoldrake> gVoldrake;
 
 void LogVersion() {
-  Log("Version - 1.10 Client port - " + std::to_string(gClientPort), kLogInfo);
+  Log("Version - " VOLDRAKE_VERSION " Client port - " + std::to_string(gClientPort), kLogInfo);
 }
 
 gboolean HandleSigTerm(gpointer) {
@@ -91,6 +91,8 @@ void ShutDown() {
 int main(int argc, char* argv[]) {
   signal(SIGUSR1, SIG_IGN);
   signal(SIGUSR2, SIG_IGN);
+  // Whoever starts the daemon may have SIGCHLD ignored, which would hide how commands end.
+  signal(SIGCHLD, SIG_DFL);
   OpenSysLog();
   SetLogLevel(kLogInfo);
 

@@ -6,6 +6,7 @@ import signal
 import threading
 from dataclasses import dataclass
 from pathlib import Path
+from typing import Sequence
 
 from testbed import filewatch, target, timeouts
 from testbed.process import Process
@@ -43,11 +44,12 @@ class Daemon:
         self._tail = _LogTail(sandbox, self.log)
 
     def start(self, *arguments: str, environment: dict[str, str] | None = None,
-              log_file: str | None = LOG_FILE, debug_level: int | None = DEBUG) -> None:
+              log_file: str | None = LOG_FILE, debug_level: int | None = DEBUG,
+              launcher: Sequence[str] = ()) -> None:
         """Start the daemon with its log in `log_file` at `debug_level`, and more arguments.
 
-        With None that option is not given. It has been started on return, not more: wait for
-        what it does.
+        With None that option is not given. `launcher` is a command that takes the daemon's as its
+        last words and becomes it. It has been started on return, not more: wait for what it does.
         """
         options = []
         if log_file is not None:
@@ -57,8 +59,8 @@ class Daemon:
         options += arguments
         self.events.record(" ".join(["started: voldrake", *options]))
         self._tail.start(log_file or LOG_FILE)
-        self.process = self._sandbox.spawn([*target.daemon_command(), *options], "voldrake",
-                                           environment=environment)
+        self.process = self._sandbox.spawn([*launcher, *target.daemon_command(), *options],
+                                           "voldrake", environment=environment)
 
     def expect_log(self, level: int, text: str | re.Pattern[str],
                    timeout: float = timeouts.EVENT) -> LogLine:

@@ -196,6 +196,14 @@ def test_an_export_has_failed_only_when_its_exit_status_says_so(unit, tools, pee
     unit.daemon.expect_log(INFO, "_Export: exporting '*:/media/sda1' PASS")
 
 
+def test_a_launcher_that_ignores_its_children_hides_no_exit_status(unit, tools) -> None:
+    unit.daemon.start("--port", str(unit.application.port),
+                      launcher=["env", "--ignore-signal=CHLD"])
+    tools.expect(CLEAR_EXPORTS)
+    unit.hal.plug(STICK)
+    unit.daemon.expect_log(INFO, "_Export: exporting '*:/media/sda1' PASS")
+
+
 @pytest.mark.unit_options(address=None)
 def test_failed_clearing_is_logged_and_the_exports_are_made(unit, tools, peer) -> None:
     tools.refuse(CLEAR_EXPORTS, 2)
