@@ -1,6 +1,7 @@
 #pragma once
 
-/// Guards against programming errors. A false condition prints one line to standard error,
+/// Guards against programming errors. A false condition writes one line to standard error, which a
+/// daemon in the background does not have, and to the log,
 ///
 ///     voldrake: tHalManager:70: void tHalManager::InstallCallback(...): Assertion `pCallback != 0'
 ///     failed.
@@ -12,6 +13,6 @@
        ? void(0)                   \
        : AssertionFailed(#condition, __FILE__, __LINE__, __PRETTY_FUNCTION__))
 
-/// Prints the line and aborts. `file` is shortened to the source's name without folder and ending.
+/// Writes the line and aborts. `file` is shortened to the source's name without folder and ending.
 [[noreturn]] void AssertionFailed(const char* condition, const char* file, int line,
                                   const char* function);

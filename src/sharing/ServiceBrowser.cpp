@@ -16,8 +16,9 @@ constexpr std::chrono::milliseconds kReadFailurePause{1000};
 }  // namespace
 
 CServiceBrowser::CServiceBrowser(IServiceBrowserCallback* pCallback, std::string peerMac)
-    : m_pCallback(pCallback), m_PeerMac(std::move(peerMac)), m_ServiceList(pCallback) {
-  VOLDRAKE_ASSERT(m_pCallback != 0);
+    : m_pCallback(pCallback),
+      m_PeerMac(std::move(peerMac)),
+      m_ServiceList((VOLDRAKE_ASSERT(m_pCallback != 0), m_pCallback)) {
   m_ServiceList.Start();
 }
 
