@@ -4,5 +4,5 @@
 
 std::string MapNfsRootPath(const std::string& path) {
   if (gNfsRoot.empty() || !path.starts_with(gNfsRoot)) return path;
-  return "/mnt/" + path.substr(gNfsRoot.size());
+  return kDefaultNfsRoot + path.substr(gNfsRoot.size());
 }

@@ -1,6 +1,7 @@
 #include "messaging/tMessageClient.h"
 
 #include "frame/Log.h"
+#include "frame/Text.h"
 #include "messaging/DataSourceInfo.h"
 #include "messaging/DataSourceMessage.h"
 #include "messaging/LocalStream.h"
@@ -18,7 +19,7 @@ constexpr std::chrono::milliseconds kDeliveryTimeout{2000};
 
 void tMessageClient::PublishDataSource(DataSourceInfo& info) {
   std::string text = BuildDataSourceMessage(info);
-  Log(text, kLogInfo);
+  Log(Printable(text), kLogInfo);
   if (text.size() > kMaxMessageBytes) {
     Log("PublishDataSource: message of " + std::to_string(text.size()) +
             " bytes refused, at most " + std::to_string(kMaxMessageBytes) + " can be sent",

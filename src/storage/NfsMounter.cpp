@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <string_view>
 
 #include "frame/FileSystem.h"
 #include "frame/Log.h"
@@ -18,6 +19,7 @@ namespace {
 bool PrepareDirectory(const std::string& path) {
   if (mkdir(path.c_str(), 0700) == 0) return false;
   if (errno != EEXIST) {
+    // The line ends without the number that it announces: those who read logs know it so.
     Log("ERROR Failed to create directory '" + Printable(path) + "' with error ", kLogError);
     return false;
   }
@@ -26,10 +28,23 @@ bool PrepareDirectory(const std::string& path) {
   return true;
 }
 
+/// True when the last step of the path is no name of its own, which a source can only bring about
+/// under a root with fewer than two slashes: what is mounted there would not be below the root.
+bool LeadsElsewhere(std::string_view path) {
+  const std::string_view name = path.substr(path.rfind('/') + 1);
+  return name.empty() || name == "." || name == "..";
+}
+
 }  // namespace
 
 bool CNfsMounter::MountRemoteShare(const NFS_DATA_T& share, std::string& mountPath) {
   mountPath = MakeRemoteMountPath(share.path);
+  if (LeadsElsewhere(mountPath)) {
+    Log("MountRemoteShare: refused '" + Printable(share.path) + "' at '" + Printable(mountPath) +
+            "'",
+        kLogError);
+    return false;
+  }
   const bool mounted = PrepareDirectory(mountPath);
   const std::string mode = share.fromPeer && !share.readOnly ? "rw" : "ro";
   const std::string command = mounted ? "mount -o remount," + mode + " " + ShellWord(mountPath)

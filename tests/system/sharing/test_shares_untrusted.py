@@ -84,8 +84,24 @@ def test_no_path_leads_out_of_the_nfs_root(unit, tools, peer, path: str) -> None
     assert {place: sorted(os.listdir(unit.sandbox.path(place))) for place in places} == before
 
 
+@pytest.mark.parametrize("root", ["/", "relative"])
+@pytest.mark.parametrize("path", ["/", "/.", "/.."])
+def test_no_path_leads_out_of_a_root_with_fewer_slashes(unit, tools, peer, root: str,
+                                                        path: str) -> None:
+    """Such a root leaves the path a slash of its own. The empty path makes the directory before it."""
+    start_listening(unit, "--nfs-root", root)
+    peer.send(Announcement(""))
+    tools.expect(re.compile("mount -t nfs .*"))
+    since = unit.mark()
+    peer.send(Announcement(path))
+    source, directory = f"169.254.3.7:{path}", f"{root.rstrip('/')}/169.254.3.7:{path}"
+    unit.daemon.expect_log(ERROR, f"MountRemoteShare: refused '{source}' at '{directory}'")
+    unit.settle()
+    assert tools.calls(since) == []
+
+
 def test_control_characters_forge_no_log_line(unit, tools, peer) -> None:
-    forged = "\n12:00:00: Voldrake: Error:  forged\r\x1b[2J"
+    forged = "\n12:00:00: Voldrake: Error:  forged\r\x1b[2J\x7f"
     start_listening(unit)
     since = unit.mark()
     share = Announcement(f"/x{forged}", key=f"k{forged}".ljust(32), name=f"n{forged}")
