@@ -7,6 +7,7 @@
 #include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
 #include "sharing/NfsData.h"
+#include "sharing/ServiceList.h"
 #include "sharing/ServicePublisher.h"
 #include "volumes/tVoldrake.h"
 
@@ -15,11 +16,13 @@ namespace {
 /// While this many reports wait for an absent application, further shares wait for their next
 /// announcement instead: a network that makes up shares must not fill the memory.
 constexpr size_t kMaxPendingReports = 4096;
+static_assert(kMaxPendingReports >= 2 * CServiceList::kMaxServices,
+              "every share in the list can be reported again");
 
 }  // namespace
 
 bool tVoldrake::OnServiceAdded(const NFS_DATA_T& share) {
-  if (m_pMessageClient->PendingCount() >= kMaxPendingReports) return false;
+  if (_TooManyReportsWait()) return false;
   std::string mountPath;
   if (!m_NfsMounter.MountRemoteShare(share, mountPath)) return false;
   // Shares of units other than the peer are foreign cards, whatever they announce.
@@ -34,6 +37,17 @@ bool tVoldrake::OnServiceAdded(const NFS_DATA_T& share) {
                          .serialNumber = share.serialNumber};
   m_pMessageClient->PublishDataSource(arrival);
   return true;
+}
+
+bool tVoldrake::_TooManyReportsWait() {
+  const bool refused = m_pMessageClient->PendingCount() >= kMaxPendingReports;
+  if (refused && !m_SharesRefused) {
+    Log("OnServiceAdded: " + std::to_string(kMaxPendingReports) +
+            " messages wait for the application, further shares are refused",
+        kLogWarning);
+  }
+  m_SharesRefused = refused;
+  return refused;
 }
 
 void tVoldrake::OnServiceRemoved(const NFS_DATA_T& share) {

@@ -60,8 +60,8 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   void OnServiceRemoved(const NFS_DATA_T& share) override;
 
   /// Carries out what a Unix signal asks for: SIGUSR1 reports every volume again, SIGUSR2 removes
-  /// the volumes and scans again, as if a card had been taken out and put back. False for any other
-  /// signal.
+  /// every other volume of the list, the first one first, and scans again, as if a card had been
+  /// taken out and put back. False for any other signal.
   virtual bool SignalAction(int signalNumber);
 
  private:
@@ -96,6 +96,11 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   // Republish.cpp
   void Republish();
 
+  // RemoteVolumes.cpp
+  /// True while so many messages wait for the application that no share is taken; one line in the
+  /// log says when that begins.
+  bool _TooManyReportsWait();
+
   void _PrintHalVolumeInfo(const HalVolumeInfo& info);
 
   tHalManager* const m_pHalManager;
@@ -107,9 +112,10 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   std::unique_ptr<CServiceBrowser> m_pServiceBrowser;
   CNfsMounter m_NfsMounter;
   std::vector<HalVolumeInfo> m_Volumes;  ///< in the order in which they were added
+  bool m_SharesRefused = false;          ///< used with the service list's lock held
   const std::string m_InternalSharePath;
   tIdentityText m_ContentId;
   tIdentityText m_SerialNumber;
-  const std::string m_PlatformFamily;
+  const std::string m_PlatformFamily;  ///< for debugging: nothing depends on it
   const int m_MmcHostIndex;
 };

@@ -1,6 +1,7 @@
 """More announcements than units ever make: the daemon lives, and real shares come back."""
 
 import re
+import signal
 import time
 from pathlib import Path
 
@@ -8,6 +9,7 @@ import pytest
 
 from share_helpers import add_quick_tools, start_listening, wait_for
 from testbed import timeouts
+from testbed.daemon import WARNING
 from testbed.peer import Announcement
 
 REAL = Announcement("/media/real", name="real")
@@ -52,6 +54,22 @@ def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
     assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
     assert unit.daemon.running()
     assert unit.daemon.stderr() == ""
+
+
+def test_shares_are_refused_while_thousands_of_messages_wait(unit, peer) -> None:
+    refusal = "OnServiceAdded: 4096 messages wait for the application, further shares are refused"
+    add_quick_tools(unit)
+    start_listening(unit, "--debuglevel", "3")
+    unit.application.leave()
+    for _ in range(10):
+        flood(peer)
+        if unit.daemon.logged(WARNING, refusal):
+            break
+    directory = unit.sandbox.path("/mnt/169.254.3.7:-media-real")
+    peer.announce(REAL)
+    unit.daemon.signal(signal.SIGUSR1)
+    wait_for(directory.is_dir, "the share is mounted once the messages were discarded")
+    assert unit.daemon.logged(WARNING, refusal) == 1
 
 
 def test_the_end_does_not_wait_for_a_flood_to_pass(unit, peer) -> None:
