@@ -1,5 +1,6 @@
 #include "frame/FileSystem.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <ftw.h>
 #include <sys/stat.h>
@@ -10,6 +11,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <string_view>
 
 #include "frame/FileDescriptor.h"
 #include "frame/Log.h"
@@ -21,6 +24,10 @@ namespace {
 constexpr int kTreeWalkDescriptors = 16;
 constexpr size_t kFirstLineBytes = 511;
 constexpr const char* kWhiteSpace = " \t\n\v\f\r";
+
+struct tDirectoryCloser {
+  void operator()(DIR* stream) const { closedir(stream); }
+};
 
 int RemoveTreeEntry(const char* path, const struct stat*, int, FTW*) {
   const int result = remove(path);
@@ -39,6 +46,17 @@ int RemoveDirectory(const std::string& path, bool recursive, tLinkPolicy links) 
   const std::string reason = strerror(errno);
   Log("Failed to remove " + Printable(path) + ": " + reason, kLogWarning);
   return -1;
+}
+
+std::vector<std::string> DirectoryEntries(const std::string& directory) {
+  std::vector<std::string> names;
+  const std::unique_ptr<DIR, tDirectoryCloser> stream(opendir(directory.c_str()));
+  if (!stream) return names;
+  while (const dirent* entry = readdir(stream.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  return names;
 }
 
 bool IsSameDevice(const std::string& left, const std::string& right) {

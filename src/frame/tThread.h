@@ -23,7 +23,7 @@ class tThread {
   tThread(const tThread&) = delete;
   tThread& operator=(const tThread&) = delete;
 
-  /// Starts the thread. Does nothing while it runs.
+  /// Starts the thread. Does nothing while it runs. Requires: the system has room for a thread.
   void Start();
 
   /// Asks the thread to end, ends its sleep and waits until `run` has returned. Does nothing when

@@ -8,7 +8,6 @@ struct DataSourceInfo;
 /// replaced, in the record too, by `CidCrcCorrect` of it.
 ///
 /// Values are escaped where XML demands it: "&", "<", ">" and the double quote as entities; tab,
-/// line feed and carriage return as character references; other bytes below 0x20, which XML cannot
-/// carry, as
-/// "?". Every other value stands byte for byte. The text holds no line break. Any thread.
+/// line feed and carriage return as character references; other bytes below 0x20 as "?", since XML
+/// cannot carry them. All else stands byte for byte. The text holds no line break. Any thread.
 [[nodiscard]] std::string BuildDataSourceMessage(DataSourceInfo& info);

@@ -11,8 +11,7 @@
 //   0       2     big-endian: the number of bytes that follow this field, 4 + 2n
 //   2       2     zero
 //   4       2     big-endian: the payload's length in bytes, 2n
-//   6       2n    the text as big-endian UTF-16, one code unit a byte: high byte 0, low byte the
-//   text's
+//   6       2n    for each byte of the text a zero byte and the byte, as in big-endian UTF-16
 //
 // The lengths hold the low 15 bits of n. A two-byte zero follows in the buffer and is not sent.
 

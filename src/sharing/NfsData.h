@@ -11,8 +11,8 @@ enum class MEDIA_TYPE_T : int32_t {
 
 /// The description of one shared volume, as announced between units.
 struct NFS_DATA_T {
-  std::string
-      path;  ///< exported directory; on the receiving side SENDER:DIRECTORY, the mount source
+  /// The exported directory; on the receiving side SENDER:DIRECTORY, the source of the mount.
+  std::string path;
   MEDIA_TYPE_T mediaType = MEDIA_TYPE_T::kInternalDisk;
   std::string key;           ///< a card's CID; empty for other volumes
   std::string friendlyName;  ///< for people

@@ -134,6 +134,7 @@ bool CUdpRxSocket::_BlockingRead(std::span<uint8_t> buffer, size_t* lenRx, socka
   }
   if (length < 0) {
     m_LastError = errno;
+    // What the line calls the port is the error number too: those who read logs know it so.
     Log("CUdpRxSocket::_BlockingRead: recvmsg failed! Port: " + std::to_string(m_LastError) +
             " Error: " + std::to_string(m_LastError),
         kLogInfo);
@@ -181,10 +182,9 @@ bool CUdpRxSocket::_ResolveSender(const sockaddr_in& sender, tHardwareAddress& a
   }
   for (int attempt = 1; attempt <= kResolveTries; ++attempt) {
     if (_QueryHardwareAddress(sender, address)) return true;
-    const int error = errno;
     if (attempt == kResolveTries) {
       Log("attempt " + std::to_string(attempt) + " to obtain MAC for " + Dotted(sender) +
-              " failed with error " + std::to_string(error),
+              " failed with error " + std::to_string(m_LastError),
           kLogError);
     }
     _NudgeSender(sender);
@@ -198,10 +198,13 @@ bool CUdpRxSocket::_QueryHardwareAddress(const sockaddr_in& sender, tHardwareAdd
   arpreq request{};
   memcpy(&request.arp_pa, &sender, sizeof sender);
   std::string_view(kShareInterface).copy(request.arp_dev, sizeof request.arp_dev - 1);
-  if (ioctl(m_Socket.Get(), SIOCGARP, &request) != 0) return false;
+  if (ioctl(m_Socket.Get(), SIOCGARP, &request) != 0) {
+    m_LastError = errno;
+    return false;
+  }
   if ((request.arp_flags & ATF_COM) == 0) {
     // The kernel is still asking around; its entry holds six zero bytes so far.
-    errno = ENXIO;
+    m_LastError = ENXIO;
     return false;
   }
   memcpy(address.data(), request.arp_ha.sa_data, address.size());

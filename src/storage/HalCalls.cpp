@@ -107,7 +107,7 @@ int32_t tHalManager::propertyIntInherited(const char* udi, const char* key, bool
   for (int ancestor = 0; ancestor <= kMaxAncestors; ++ancestor) {
     const int32_t value = propertyInt(device.c_str(), key, ok);
     if (ok) return value;
-    device = propertyString(device.c_str(), "info.parent", ok);
+    device = propertyString(device.c_str(), kHalParent, ok);
     if (!ok) return 0;
   }
   Log(std::string("HAL: propertyIntInherited() - too many ancestors of ") + udi, kLogError);

@@ -21,5 +21,8 @@ inline constexpr const char* kHalVolumePrefix = "/org/freedesktop/Hal/devices/vo
 inline constexpr const char* kHalUnknownDisk =
     "/org/freedesktop/Hal/devices/computer_storage_unknown_disk";
 
+inline constexpr const char* kHalParent = "info.parent";
+inline constexpr const char* kHalBlockDevice = "block.device";
+inline constexpr const char* kHalMmcHost = "mmc_host.host";
 inline constexpr const char* kHalVolumeIsMounted = "volume.is_mounted";
 inline constexpr const char* kHalVolumeIsMountedReadOnly = "volume.is_mounted_read_only";

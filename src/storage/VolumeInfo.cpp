@@ -21,12 +21,12 @@ bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
   bool ok = false;
   const char* volume = info.VolumeId.c_str();
 
-  info.StorageDeviceId = propertyString(volume, "info.parent", ok);
+  info.StorageDeviceId = propertyString(volume, kHalParent, ok);
   if (!ok) return false;
   if (info.StorageDeviceId == kHalUnknownDisk) _RebuildUnknownDisk(info.StorageDeviceId);
-  info.ControllerId = propertyString(info.StorageDeviceId.c_str(), "info.parent", ok);
+  info.ControllerId = propertyString(info.StorageDeviceId.c_str(), kHalParent, ok);
   if (!ok) return false;
-  info.HostID = propertyString(info.ControllerId.c_str(), "info.parent", ok);
+  info.HostID = propertyString(info.ControllerId.c_str(), kHalParent, ok);
   if (!ok) return false;
 
   // A card without identity is no usable volume; a USB device without port path, ids or SCSI
@@ -44,7 +44,7 @@ bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
 
   info.FileSystemType = propertyString(volume, "volume.fstype", ok);
   if (!ok) return false;
-  info.BlockDevice = propertyString(volume, "block.device", ok);
+  info.BlockDevice = propertyString(volume, kHalBlockDevice, ok);
   if (!ok) return false;
   info.IsMounted = propertyBool(volume, kHalVolumeIsMounted, ok);
   if (!ok) return false;
@@ -59,7 +59,7 @@ bool tHalManager::_GetMmcHost(HalVolumeInfo& info) {
   bool ok = false;
   info.Cid = propertyString(info.ControllerId.c_str(), "mmc.cid", ok);
   if (!ok) return false;
-  info.MMCHost = propertyInt(info.HostID.c_str(), "mmc_host.host", ok);
+  info.MMCHost = propertyInt(info.HostID.c_str(), kHalMmcHost, ok);
   if (ok) return true;
 
   const std::vector<std::string> hosts = findDeviceByCapability("mmc_host");
@@ -67,10 +67,10 @@ bool tHalManager::_GetMmcHost(HalVolumeInfo& info) {
   for (const std::string& host : hosts) {
     Log(Printable(host), kLogDebug);
     bool hasParent = false;
-    const std::string parent = propertyString(host.c_str(), "info.parent", hasParent);
+    const std::string parent = propertyString(host.c_str(), kHalParent, hasParent);
     if (!hasParent || parent != info.HostID) continue;
     Log("Matched host", kLogDebug);
-    info.MMCHost = propertyInt(host.c_str(), "mmc_host.host", ok);
+    info.MMCHost = propertyInt(host.c_str(), kHalMmcHost, ok);
     break;
   }
   return ok;
@@ -103,7 +103,7 @@ bool tHalManager::_GetScsiAddress(HalVolumeInfo& info) {
 void tHalManager::_RebuildUnknownDisk(const std::string& storageDeviceId) {
   Log("GetVolumeInfo() Found computer_storage_unknown_disk.", kLogDebug);
   bool ignored = false;
-  const std::string backing = propertyString(storageDeviceId.c_str(), "block.device", ignored);
+  const std::string backing = propertyString(storageDeviceId.c_str(), kHalBlockDevice, ignored);
   Log("GetVolumeInfo() Backing device is " + Printable(backing), kLogDebug);
   RebuildCardReaderTree(backing);
 }

@@ -47,6 +47,7 @@ bool tHalManager::initHal() {
     return false;
   }
   if (!dbus_connection_add_filter(m_pConnection, dBusHandler, nullptr, nullptr)) {
+    // The one text with a line end of its own: those who read logs know it so.
     Log("HAL: Could not add filter\n", kLogWarning);
     return false;
   }

@@ -142,15 +142,15 @@ void tVoldrake::_CreateMediaLink(HalVolumeInfo& info, const std::string& mountPo
   const std::string link = Printable(path + " -> " + target);
   // A mount point below a disk's own directory would put the link outside "/media".
   const bool staysInside = name.find('/') == std::string::npos;
-  if (!staysInside) errno = ENOENT;
-  if (staysInside && symlink(target.c_str(), path.c_str()) == 0) {
+  int error = ENOENT;
+  if (staysInside) error = symlink(target.c_str(), path.c_str()) == 0 ? 0 : errno;
+  if (error == 0) {
     Log("symlink: " + link, kLogInfo);
     info.LinkPath = path;
     return;
   }
-  const std::string reason = strerror(errno);
   Log("symlink failed: " + link, kLogError);
-  Log("symlink error: " + reason, kLogError);
+  Log(std::string("symlink error: ") + strerror(error), kLogError);
 }
 
 void tVoldrake::_PrintHalVolumeInfo(const HalVolumeInfo& info) {

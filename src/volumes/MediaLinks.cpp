@@ -1,20 +1,16 @@
 #include "volumes/MediaLinks.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <memory>
 #include <string_view>
 
-namespace {
+#include "frame/FileSystem.h"
 
-struct tDirectoryCloser {
-  void operator()(DIR* directory) const { closedir(directory); }
-};
+namespace {
 
 std::string UsbLinkName(const std::string& mountPoint) {
   constexpr std::string_view kDiskPrefix = "/sd";
@@ -50,10 +46,8 @@ std::string MediaLinkTarget(const std::string& mountPoint) {
 }
 
 void RemoveDanglingLinks(const std::string& directory) {
-  const std::unique_ptr<DIR, tDirectoryCloser> entries(opendir(directory.c_str()));
-  if (!entries) return;
-  while (const dirent* entry = readdir(entries.get())) {
-    const std::string path = directory + "/" + entry->d_name;
+  for (const std::string& name : DirectoryEntries(directory)) {
+    const std::string path = directory + "/" + name;
     if (IsDanglingLink(path)) unlink(path.c_str());
   }
 }
