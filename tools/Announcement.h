@@ -20,7 +20,8 @@ namespace tools {
 //   14, 16, 18    2     lengths of the three texts, each with its zero byte
 //   20                  path, key, friendly name, each ended by a zero byte; nothing follows
 //
-// At most 1,500 bytes. An empty datagram only keeps the sender's hardware address known to a peer.
+// At most 1,500 bytes. An empty datagram announces nothing; a peer learns the sender's IP address
+// from it.
 
 inline constexpr const char* kAnnouncementGroup = "224.1.1.1";
 inline constexpr std::uint16_t kAnnouncementPort = 10000;
