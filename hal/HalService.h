@@ -59,7 +59,6 @@ class HalService : public IDeviceTreeObserver {
 
   void OnCall(GDBusMessage* call);
   void OnLoss();
-  void Serve(GDBusMessage* call);
   void ApplyFault(GDBusMessage* call, const Fault& fault);
   void Postpone(GDBusMessage* call, unsigned ms);
   static gboolean OnDelayOver(gpointer data);
