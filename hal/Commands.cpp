@@ -2,6 +2,8 @@
 
 #include <glib.h>
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "hal/CommandError.h"
@@ -39,36 +41,28 @@ struct Commands::Entry {
   void (Commands::*run)(WordReader& words, bool quiet);
 };
 
-const Commands::Entry* Commands::Find(std::string_view name) {
-  static constexpr Entry kEntries[] = {
-      {"plug", "plug usb|sd|host|reader|scsi|volume NAME [KEY=VALUE]...", true, &Commands::Plug},
-      {"pull", "pull NAME|TARGET", true, &Commands::Pull},
-      {"set", "set TARGET KEY=TYPE:VALUE|KEY=unset...", true, &Commands::Set},
-      {"mount", "mount TARGET [NAME|/PATH] [ro]", true, &Commands::Mount},
-      {"unmount", "unmount TARGET", true, &Commands::Unmount},
-      {"remount", "remount TARGET ro|rw", true, &Commands::Remount},
-      {"quiet", "quiet COMMAND", false, &Commands::Quiet},
-      {"gap", "gap storage|volume|removal MS", false, &Commands::Gap},
-      {"emit", "emit [to=:1.N] PATH INTERFACE MEMBER [GVARIANT]", false, &Commands::Emit},
-      {"delay", "delay METHOD[:ARG] MS", false, &Commands::DelayCall},
-      {"fail", "fail METHOD[:ARG] ERROR [TEXT]", false, &Commands::FailCall},
-      {"answer", "answer METHOD[:ARG] GVARIANT", false, &Commands::AnswerCall},
-      {"ignore", "ignore METHOD[:ARG]", false, &Commands::IgnoreCall},
-      {"forget", "forget", false, &Commands::ForgetFaults},
-      {"drop", "drop [answer|name]", false, &Commands::Drop},
-      {"return", "return", false, &Commands::Return},
-      {"list", "list", false, &Commands::List},
-      {"show", "show TARGET", false, &Commands::Show},
-      {"help", "help", false, &Commands::Help},
-      {"quit", "quit", false, &Commands::Quit},
-      {"", nullptr, false, nullptr},
-  };
-  // An empty name asks for the first entry, of which the others follow.
-  for (const Entry& entry : kEntries) {
-    if (name.empty() || entry.name == name) return &entry;
-  }
-  return nullptr;
-}
+const Commands::Entry Commands::kEntries[] = {
+    {"plug", "plug usb|sd|host|reader|scsi|volume NAME [KEY=VALUE]...", true, &Commands::Plug},
+    {"pull", "pull NAME|TARGET", true, &Commands::Pull},
+    {"set", "set TARGET KEY=TYPE:VALUE|KEY=unset...", true, &Commands::Set},
+    {"mount", "mount TARGET [NAME|/PATH] [ro]", true, &Commands::Mount},
+    {"unmount", "unmount TARGET", true, &Commands::Unmount},
+    {"remount", "remount TARGET ro|rw", true, &Commands::Remount},
+    {"quiet", "quiet COMMAND", false, &Commands::Quiet},
+    {"gap", "gap storage|volume|removal MS", false, &Commands::Gap},
+    {"emit", "emit [to=:1.N] PATH INTERFACE MEMBER [GVARIANT]", false, &Commands::Emit},
+    {"delay", "delay METHOD[:ARG] MS", false, &Commands::DelayCall},
+    {"fail", "fail METHOD[:ARG] ERROR [TEXT]", false, &Commands::FailCall},
+    {"answer", "answer METHOD[:ARG] GVARIANT", false, &Commands::AnswerCall},
+    {"ignore", "ignore METHOD[:ARG]", false, &Commands::IgnoreCall},
+    {"forget", "forget", false, &Commands::ForgetFaults},
+    {"drop", "drop [answer|name]", false, &Commands::Drop},
+    {"return", "return", false, &Commands::Return},
+    {"list", "list", false, &Commands::List},
+    {"show", "show TARGET", false, &Commands::Show},
+    {"help", "help", false, &Commands::Help},
+    {"quit", "quit", false, &Commands::Quit},
+};
 
 Commands::Commands(DeviceTree& tree, PluggedUnits& units, VolumeMounter& mounter,
                    HalService& service, Tape& tape, std::function<void()> quit)
@@ -99,8 +93,8 @@ void Commands::Run(std::string_view line, bool complete) {
 
 void Commands::Dispatch(WordReader& words, bool quiet) {
   const std::string name = words.Need("the command");
-  const Entry* entry = name.empty() ? nullptr : Find(name);
-  if (entry == nullptr) throw CommandError("unknown command " + Quote(name));
+  const Entry* const entry = std::ranges::find(kEntries, name, &Entry::name);
+  if (entry == std::end(kEntries)) throw CommandError("unknown command " + Quote(name));
   if (quiet && !entry->canBeQuiet) throw CommandError(Quote(name) + " cannot be quiet");
   (this->*entry->run)(words, quiet);
 }
@@ -275,9 +269,7 @@ void Commands::Show(WordReader& words, bool) {
 
 void Commands::Help(WordReader& words, bool) {
   words.End();
-  for (const Entry* entry = Find(""); entry->usage != nullptr; ++entry) {
-    tape_.Line(std::string("usage ") + entry->usage);
-  }
+  for (const Entry& entry : kEntries) tape_.Line(std::string("usage ") + entry.usage);
 }
 
 void Commands::Quit(WordReader& words, bool) {

@@ -24,7 +24,7 @@ class Commands {
 
  private:
   struct Entry;
-  static const Entry* Find(std::string_view name);
+  static const Entry kEntries[];
 
   void Dispatch(WordReader& words, bool quiet);
 
