@@ -59,16 +59,16 @@ void SetBlock(Device& device, const std::string& node, int major, int minor, boo
   device.properties["block.storage_device"] = storage;
 }
 
-Place ScsiHostAt(DeviceChain& chain, const Place& parent, int number) {
-  const std::string path = parent.sysfsPath + "/host" + std::to_string(number);
-  const std::string name = parent.udi.substr(std::string(kDevicePrefix).size()) + "_scsi_host";
-  Device& host = chain.Append(DeviceKind::ScsiHost, "scsi_host", name, parent.udi, path);
-  host.properties["info.capabilities"] = std::vector<std::string>{"scsi_host"};
-  return {host.udi, path};
-}
-
 std::string NameBelow(const Place& parent, const std::string& suffix) {
   return parent.udi.substr(std::string(kDevicePrefix).size()) + suffix;
+}
+
+Place ScsiHostAt(DeviceChain& chain, const Place& parent, int number) {
+  const std::string path = parent.sysfsPath + "/host" + std::to_string(number);
+  Device& host = chain.Append(DeviceKind::ScsiHost, "scsi_host", NameBelow(parent, "_scsi_host"),
+                              parent.udi, path);
+  host.properties["info.capabilities"] = std::vector<std::string>{"scsi_host"};
+  return {host.udi, path};
 }
 
 }  // namespace
