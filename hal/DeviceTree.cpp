@@ -1,7 +1,8 @@
 #include "hal/DeviceTree.h"
 
+#include <glib.h>
+
 #include <algorithm>
-#include <cassert>
 
 namespace halsim {
 namespace {
@@ -64,7 +65,7 @@ void DeviceTree::Release(const std::string& udi) {
 }
 
 void DeviceTree::Add(Device device) {
-  assert(names_.contains(device.udi) && Find(device.udi) == nullptr);
+  g_assert(names_.contains(device.udi) && Find(device.udi) == nullptr);
   devices_.push_back(std::move(device));
   AnnounceAdded(std::string(devices_.back().udi));
 }
