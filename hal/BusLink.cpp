@@ -25,7 +25,7 @@ struct BusLink::Inbox {
 
 struct BusLink::Delivery {
   std::shared_ptr<Inbox> inbox;
-  ObjectPointer<GDBusMessage> call;
+  glib::ObjectPointer<GDBusMessage> call;
 };
 
 BusLink::BusLink(std::string address, CallHandler onCall, LossHandler onLoss)
@@ -39,8 +39,8 @@ std::optional<std::string> BusLink::Connect() {
   // The bus may have gone without the main loop having been told yet.
   if (connection_ && g_dbus_connection_is_closed(connection_.get())) Lose();
   if (connection_) return std::nullopt;
-  ErrorHolder error;
-  CharPointer systemBus;
+  glib::ErrorHolder error;
+  glib::CharPointer systemBus;
   const char* address = address_.c_str();
   if (address_.empty()) {
     systemBus.reset(g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SYSTEM, nullptr, error.Out()));
@@ -65,8 +65,8 @@ std::optional<std::string> BusLink::Connect() {
 
 std::optional<std::string> BusLink::CallBus(const char* method, GVariant* arguments,
                                             guint* result) {
-  ErrorHolder error;
-  const VariantPointer reply(g_dbus_connection_call_sync(
+  glib::ErrorHolder error;
+  const glib::VariantPointer reply(g_dbus_connection_call_sync(
       connection_.get(), kBus, kBusPath, kBus, method, arguments, G_VARIANT_TYPE("(u)"),
       G_DBUS_CALL_FLAGS_NONE, -1, nullptr, error.Out()));
   if (!reply) return error.Text();
@@ -135,7 +135,7 @@ GDBusMessage* BusLink::Filter(GDBusConnection*, GDBusMessage* message, gboolean 
   const char* interface = g_dbus_message_get_interface(message);
   if (interface != nullptr && std::strcmp(interface, kPeerInterface) == 0) return message;
   auto* delivery = new Delivery{*static_cast<std::shared_ptr<Inbox>*>(data),
-                                ObjectPointer<GDBusMessage>(message)};
+                                glib::ObjectPointer<GDBusMessage>(message)};
   // An idle source, never a direct call, whichever thread this is.
   g_idle_add_full(G_PRIORITY_DEFAULT, &BusLink::Deliver, delivery,
                   [](gpointer owned) { delete static_cast<Delivery*>(owned); });

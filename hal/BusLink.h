@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "hal/GlibPointers.h"
+#include "tools/GLibHandles.h"
 
 // The connection to the bus. GLib reads it on a thread of its own; everything here belongs to the
 // main thread, and so do the handlers.
@@ -58,7 +58,7 @@ class BusLink {
   const std::string address_;
   const CallHandler onCall_;
   const LossHandler onLoss_;
-  ObjectPointer<GDBusConnection> connection_;
+  glib::ObjectPointer<GDBusConnection> connection_;
   std::shared_ptr<Inbox> inbox_;  // of this connection
   guint filter_ = 0;
   gulong closedHandler_ = 0;

@@ -5,7 +5,7 @@
 #include <string>
 #include <variant>
 
-#include "hal/GlibPointers.h"
+#include "tools/GLibHandles.h"
 
 namespace halsim {
 
@@ -18,7 +18,7 @@ struct Refusal {
   std::string text;
 };
 struct OddAnswer {
-  VariantPointer values;  // a tuple
+  glib::VariantPointer values;  // a tuple
 };
 struct Silent {};
 

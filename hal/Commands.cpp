@@ -185,7 +185,7 @@ void Commands::Emit(WordReader& words, bool) {
   }
   const std::string interface = words.Need("INTERFACE");
   const std::string member = words.Need("MEMBER");
-  VariantPointer body = ParseMessageBody(std::string(words.Rest()));
+  glib::VariantPointer body = ParseMessageBody(std::string(words.Rest()));
   if (!g_variant_is_object_path(path.c_str())) {
     throw CommandError(Quote(path) + " is no object path");
   }
@@ -218,7 +218,7 @@ void Commands::FailCall(WordReader& words, bool) {
 
 void Commands::AnswerCall(WordReader& words, bool) {
   const std::string call = words.Need("METHOD");
-  VariantPointer values = ParseMessageBody(std::string(words.Rest()));
+  glib::VariantPointer values = ParseMessageBody(std::string(words.Rest()));
   if (!values) throw CommandError("GVARIANT is missing");
   service_.Faults().Add(call, OddAnswer{std::move(values)});
 }

@@ -51,7 +51,7 @@ GVariant* PropertiesOf(const Device& device) {
 
 /// The argument at this place, a string.
 std::string TextAt(const CallContext& context, gsize index) {
-  const VariantPointer child(g_variant_get_child_value(context.arguments, index));
+  const glib::VariantPointer child(g_variant_get_child_value(context.arguments, index));
   return g_variant_get_string(child.get(), nullptr);
 }
 
@@ -133,7 +133,7 @@ CallResult GetPropertyType(const CallContext& context) {
   if (std::holds_alternative<std::vector<std::string>>(*value)) {
     return One(g_variant_new_int32(kStringListType));
   }
-  const VariantPointer variant = Sink(std::visit(ToVariant{}, *value));
+  const glib::VariantPointer variant = glib::Sink(std::visit(ToVariant{}, *value));
   return One(g_variant_new_int32(g_variant_get_type_string(variant.get())[0]));
 }
 
@@ -155,7 +155,7 @@ CallResult Answer(const VolumeMounter::Outcome& refused) {
 }
 
 std::vector<std::string> TextsAt(const CallContext& context, gsize index) {
-  const VariantPointer child(g_variant_get_child_value(context.arguments, index));
+  const glib::VariantPointer child(g_variant_get_child_value(context.arguments, index));
   return TextsIn(child.get());
 }
 

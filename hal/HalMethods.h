@@ -4,8 +4,8 @@
 #include <vector>
 
 #include "hal/DeviceTree.h"
-#include "hal/GlibPointers.h"
 #include "hal/VolumeMounter.h"
+#include "tools/GLibHandles.h"
 
 // The methods of the service: one table, from which calls are dispatched and the introspection text
 // is made.
@@ -14,11 +14,11 @@ namespace halsim {
 
 /// What a call is answered with: values, a tuple, or an error.
 struct CallResult {
-  VariantPointer values;
+  glib::VariantPointer values;
   std::string errorName;  // empty: no error
   std::string errorText;
 
-  static CallResult Values(GVariant* tuple) { return {Sink(tuple), "", ""}; }
+  static CallResult Values(GVariant* tuple) { return {glib::Sink(tuple), "", ""}; }
   static CallResult Error(std::string name, std::string text) {
     return {nullptr, std::move(name), std::move(text)};
   }

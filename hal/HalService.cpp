@@ -19,8 +19,8 @@ std::string MembersText(GVariant* tuple) {
   std::string text;
   const gsize count = tuple != nullptr ? g_variant_n_children(tuple) : 0;
   for (gsize index = 0; index < count; ++index) {
-    const VariantPointer child(g_variant_get_child_value(tuple, index));
-    const CharPointer printed(g_variant_print(child.get(), FALSE));
+    const glib::VariantPointer child(g_variant_get_child_value(tuple, index));
+    const glib::CharPointer printed(g_variant_print(child.get(), FALSE));
     if (index > 0) text += ", ";
     text += printed.get();
   }
@@ -38,7 +38,7 @@ std::string CallText(GDBusMessage* call) {
 std::optional<std::string> FirstText(GDBusMessage* call) {
   GVariant* body = g_dbus_message_get_body(call);
   if (body == nullptr || g_variant_n_children(body) == 0) return std::nullopt;
-  const VariantPointer first(g_variant_get_child_value(body, 0));
+  const glib::VariantPointer first(g_variant_get_child_value(body, 0));
   if (!g_variant_is_of_type(first.get(), G_VARIANT_TYPE_STRING)) return std::nullopt;
   return g_variant_get_string(first.get(), nullptr);
 }
@@ -125,14 +125,14 @@ void HalService::ApplyFault(GDBusMessage* call, const Fault& fault) {
 
 void HalService::Postpone(GDBusMessage* call, unsigned ms) {
   DelayedCall& delayed = delayed_.emplace_back(
-      DelayedCall{this, ObjectPointer<GDBusMessage>(G_DBUS_MESSAGE(g_object_ref(call))), 0});
+      DelayedCall{this, glib::ObjectPointer<GDBusMessage>(G_DBUS_MESSAGE(g_object_ref(call))), 0});
   delayed.timer = g_timeout_add(ms, &HalService::OnDelayOver, &delayed);
 }
 
 gboolean HalService::OnDelayOver(gpointer data) {
   auto* due = static_cast<DelayedCall*>(data);
   HalService* service = due->service;
-  const ObjectPointer<GDBusMessage> call = std::move(due->call);
+  const glib::ObjectPointer<GDBusMessage> call = std::move(due->call);
   service->delayed_.remove_if([due](const DelayedCall& delayed) { return &delayed == due; });
   service->Answer(call.get(), service->CarryOut(call.get()));
   return G_SOURCE_REMOVE;
@@ -170,7 +170,7 @@ void HalService::Answer(GDBusMessage* call, const CallResult& result) {
     SayUnanswered(call);
     return;
   }
-  ObjectPointer<GDBusMessage> reply;
+  glib::ObjectPointer<GDBusMessage> reply;
   if (result.errorName.empty()) {
     reply.reset(g_dbus_message_new_method_reply(call));
     g_dbus_message_set_body(reply.get(), result.values.get());
@@ -191,7 +191,8 @@ void HalService::SayUnanswered(GDBusMessage* call) {
 std::optional<std::string> HalService::EmitRaw(const std::string& destination,
                                                const std::string& path,
                                                const std::string& interface,
-                                               const std::string& member, VariantPointer body) {
+                                               const std::string& member,
+                                               glib::VariantPointer body) {
   if (!bus_.IsConnected()) return "the service is not connected";
   if (!bus_.Emit(destination, path, interface, member, body.get())) {
     return "the signal cannot be sent";
@@ -204,7 +205,7 @@ std::optional<std::string> HalService::EmitRaw(const std::string& destination,
 void HalService::EmitManager(const char* member, const std::string& udi) {
   if (!bus_.OwnsName()) return;
   (void)EmitRaw("", kManagerPath, kManagerInterface, member,
-                Sink(g_variant_new("(s)", udi.c_str())));
+                glib::Sink(g_variant_new("(s)", udi.c_str())));
 }
 
 void HalService::DeviceAdded(const std::string& udi) {
@@ -225,7 +226,7 @@ void HalService::PropertiesModified(const std::string& udi,
                           change.removed ? TRUE : FALSE);
   }
   (void)EmitRaw("", udi, kDeviceInterface, "PropertyModified",
-                Sink(g_variant_new("(ia(sbb))", static_cast<int>(changes.size()), &builder)));
+                glib::Sink(g_variant_new("(ia(sbb))", static_cast<int>(changes.size()), &builder)));
 }
 
 }  // namespace halsim

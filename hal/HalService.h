@@ -40,7 +40,7 @@ class HalService : public IDeviceTreeObserver {
   /// Gives the reason of a failure.
   std::optional<std::string> EmitRaw(const std::string& destination, const std::string& path,
                                      const std::string& interface, const std::string& member,
-                                     VariantPointer body);
+                                     glib::VariantPointer body);
 
   CallFaults& Faults() { return faults_; }
 
@@ -53,7 +53,7 @@ class HalService : public IDeviceTreeObserver {
  private:
   struct DelayedCall {
     HalService* service;
-    ObjectPointer<GDBusMessage> call;
+    glib::ObjectPointer<GDBusMessage> call;
     guint timer;
   };
 

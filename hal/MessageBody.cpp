@@ -18,7 +18,7 @@ gsize Depth(GVariant* value) {
   if (count == 0) return g_variant_type_get_string_length(g_variant_get_type(value));
   gsize deepest = 0;
   for (gsize index = 0; index < count; ++index) {
-    const VariantPointer child(g_variant_get_child_value(value, index));
+    const glib::VariantPointer child(g_variant_get_child_value(value, index));
     deepest = std::max(deepest, Depth(child.get()));
   }
   return deepest + 1;
@@ -30,22 +30,22 @@ void CheckCanBeSent(GVariant* body) {
     throw CommandError("a message cannot carry the type " + type);
   }
   if (Depth(body) > kMaxDepth) throw CommandError("the value is nested too deeply");
-  const ObjectPointer<GDBusMessage> message(g_dbus_message_new_signal("/a", "a.a", "A"));
+  const glib::ObjectPointer<GDBusMessage> message(g_dbus_message_new_signal("/a", "a.a", "A"));
   g_dbus_message_set_serial(message.get(), 1);
   g_dbus_message_set_body(message.get(), body);
-  ErrorHolder error;
+  glib::ErrorHolder error;
   gsize size = 0;
-  const std::unique_ptr<guchar, Releaser<g_free>> bytes(
+  const glib::Pointer<guchar, g_free> bytes(
       g_dbus_message_to_blob(message.get(), &size, G_DBUS_CAPABILITY_FLAGS_NONE, error.Out()));
   if (!bytes) throw CommandError(error.Text());
 }
 
 }  // namespace
 
-VariantPointer ParseMessageBody(const std::string& text) {
+glib::VariantPointer ParseMessageBody(const std::string& text) {
   if (text.empty()) return nullptr;
-  ErrorHolder error;
-  VariantPointer body(g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, error.Out()));
+  glib::ErrorHolder error;
+  glib::VariantPointer body(g_variant_parse(nullptr, text.c_str(), nullptr, nullptr, error.Out()));
   if (!body) throw CommandError(error.Text());
   if (!g_variant_is_of_type(body.get(), G_VARIANT_TYPE_TUPLE)) {
     throw CommandError("the value is not a tuple: a tuple of one is written (VALUE,)");

@@ -2,13 +2,13 @@
 
 #include <string>
 
-#include "hal/GlibPointers.h"
+#include "tools/GLibHandles.h"
 
 namespace halsim {
 
 /// Reads a message's body in GVariant text form: a tuple, or nothing for a body without arguments
 /// (null). Throws CommandError when the text is bad, and when the bus would hang up on such a
 /// message.
-VariantPointer ParseMessageBody(const std::string& text);
+glib::VariantPointer ParseMessageBody(const std::string& text);
 
 }  // namespace halsim

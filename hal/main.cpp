@@ -19,6 +19,7 @@
 #include "hal/PluggedUnits.h"
 #include "hal/Tape.h"
 #include "hal/VolumeMounter.h"
+#include "tools/GLibHandles.h"
 
 namespace {
 
@@ -158,10 +159,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   std::signal(SIGPIPE, SIG_IGN);
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  g_unix_signal_add(SIGTERM, &OnTerminate, loop);
-  g_unix_signal_add(SIGINT, &OnTerminate, loop);
-  const int status = Serve(*options, loop);
-  g_main_loop_unref(loop);
-  return status;
+  const glib::MainLoopPointer loop(g_main_loop_new(nullptr, FALSE));
+  g_unix_signal_add(SIGTERM, &OnTerminate, loop.get());
+  g_unix_signal_add(SIGINT, &OnTerminate, loop.get());
+  return Serve(*options, loop.get());
 }

@@ -21,9 +21,9 @@ constexpr std::size_t kBufferBytes = 65536;
 
 std::string SenderText(GSocketAddress* address) {
   if (!G_IS_INET_SOCKET_ADDRESS(address)) return "unknown";
-  g_autofree char* text =
-      g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(address)));
-  return text;
+  const glib::CharPointer text(
+      g_inet_address_to_string(g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(address))));
+  return text.get();
 }
 
 }  // namespace
@@ -37,25 +37,25 @@ bool AnnouncementListener::Join(const char* interface, std::string& error) {
     error = std::string("there is no interface ") + interface;
     return false;
   }
-  g_autoptr(GError) failure = nullptr;
-  socket_.reset(
-      g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &failure));
-  const GObjectPtr<GSocketAddress> local(
+  glib::ErrorHolder failure;
+  socket_.reset(g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP,
+                             failure.Out()));
+  const glib::ObjectPointer<GSocketAddress> local(
       g_inet_socket_address_new_from_string(kAnnouncementGroup, kAnnouncementPort));
   GInetAddress* group = g_inet_socket_address_get_address(G_INET_SOCKET_ADDRESS(local.get()));
   // Without IP_MULTICAST_ALL the socket hears only the interface on which it joined itself.
-  if (socket_ == nullptr || !g_socket_bind(socket_.get(), local.get(), TRUE, &failure) ||
-      !g_socket_set_option(socket_.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0, &failure) ||
-      !g_socket_join_multicast_group(socket_.get(), group, FALSE, interface, &failure)) {
+  if (socket_ == nullptr || !g_socket_bind(socket_.get(), local.get(), TRUE, failure.Out()) ||
+      !g_socket_set_option(socket_.get(), IPPROTO_IP, IP_MULTICAST_ALL, 0, failure.Out()) ||
+      !g_socket_join_multicast_group(socket_.get(), group, FALSE, interface, failure.Out())) {
     error = std::string("cannot join ") + kAnnouncementGroup + " port " +
-            std::to_string(kAnnouncementPort) + ": " + failure->message;
+            std::to_string(kAnnouncementPort) + ": " + failure.Text();
     if (interface == nullptr) error += " (is there a route to it? Otherwise name an interface)";
     return false;
   }
   g_socket_set_blocking(socket_.get(), FALSE);
   GSource* source = g_socket_create_source(socket_.get(), G_IO_IN, nullptr);
   g_source_set_callback(source, G_SOURCE_FUNC(OnReadable), this, nullptr);
-  readable_ = EventSource(source);
+  readable_ = glib::EventSource(source);
   return true;
 }
 
@@ -69,13 +69,13 @@ gboolean AnnouncementListener::OnReadable(GSocket*, GIOCondition, gpointer self)
 bool AnnouncementListener::ReceiveOne() {
   static std::array<char, kBufferBytes> buffer;
   GSocketAddress* address = nullptr;
-  g_autoptr(GError) error = nullptr;
-  const gssize count =
-      g_socket_receive_from(socket_.get(), &address, buffer.data(), buffer.size(), nullptr, &error);
-  const GObjectPtr<GSocketAddress> sender(address);
+  glib::ErrorHolder error;
+  const gssize count = g_socket_receive_from(socket_.get(), &address, buffer.data(), buffer.size(),
+                                             nullptr, error.Out());
+  const glib::ObjectPointer<GSocketAddress> sender(address);
   if (count < 0) {
-    if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) {
-      std::fprintf(stderr, "%s: cannot receive: %s\n", g_get_prgname(), error->message);
+    if (!error.WouldBlock()) {
+      std::fprintf(stderr, "%s: cannot receive: %s\n", g_get_prgname(), error.Text());
     }
     return false;
   }

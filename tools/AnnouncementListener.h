@@ -30,8 +30,8 @@ class AnnouncementListener {
   bool ReceiveOne();
 
   DatagramHandler onDatagram_;
-  GObjectPtr<GSocket> socket_;
-  EventSource readable_;
+  glib::ObjectPointer<GSocket> socket_;
+  glib::EventSource readable_;
 };
 
 }  // namespace tools

@@ -41,11 +41,11 @@ bool AnnouncementSender::Open(const std::string& destination, const char* interf
     error = destination + " is no dotted address";
     return false;
   }
-  g_autoptr(GError) failure = nullptr;
-  socket_.reset(
-      g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP, &failure));
+  glib::ErrorHolder failure;
+  socket_.reset(g_socket_new(G_SOCKET_FAMILY_IPV4, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_UDP,
+                             failure.Out()));
   if (socket_ == nullptr) {
-    error = failure->message;
+    error = failure.Text();
     return false;
   }
   g_socket_set_multicast_ttl(socket_.get(), kTimeToLive);
@@ -53,12 +53,12 @@ bool AnnouncementSender::Open(const std::string& destination, const char* interf
 }
 
 bool AnnouncementSender::Send(const std::string& datagram, std::string& error) {
-  g_autoptr(GError) failure = nullptr;
+  glib::ErrorHolder failure;
   if (g_socket_send_to(socket_.get(), destination_.get(), datagram.data(), datagram.size(), nullptr,
-                       &failure) >= 0) {
+                       failure.Out()) >= 0) {
     return true;
   }
-  error = std::string("cannot send: ") + failure->message;
+  error = std::string("cannot send: ") + failure.Text();
   return false;
 }
 

@@ -19,8 +19,8 @@ class AnnouncementSender {
   [[nodiscard]] bool Send(const std::string& datagram, std::string& error);
 
  private:
-  GObjectPtr<GSocketAddress> destination_;
-  GObjectPtr<GSocket> socket_;
+  glib::ObjectPointer<GSocketAddress> destination_;
+  glib::ObjectPointer<GSocket> socket_;
 };
 
 }  // namespace tools

@@ -21,7 +21,7 @@ Connection::Connection(GSocketConnection* connection, FrameHandler onFrame, EndH
   g_socket_set_blocking(socket, FALSE);
   GSource* source = g_socket_create_source(socket, G_IO_IN, nullptr);
   g_source_set_callback(source, G_SOURCE_FUNC(OnReadable), this, nullptr);
-  readable_ = EventSource(source);
+  readable_ = glib::EventSource(source);
   StartTimer();
 }
 
@@ -41,11 +41,11 @@ gboolean Connection::OnTimeout(gpointer self) {
 
 void Connection::Read() {
   std::array<char, kMaxFrameBytes> bytes;
-  g_autoptr(GError) error = nullptr;
+  glib::ErrorHolder error;
   const gssize count = g_socket_receive(g_socket_connection_get_socket(connection_.get()),
-                                        bytes.data(), reader_.Room(), nullptr, &error);
+                                        bytes.data(), reader_.Room(), nullptr, error.Out());
   if (count < 0) {
-    if (!g_error_matches(error, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK)) End("the connection failed");
+    if (!error.WouldBlock()) End("the connection failed");
     return;
   }
   if (count == 0) return End("the peer closed the connection");
@@ -62,7 +62,7 @@ void Connection::Read() {
 void Connection::StartTimer() {
   GSource* source = g_timeout_source_new(kFrameTimeoutMs);
   g_source_set_callback(source, OnTimeout, this, nullptr);
-  timer_ = EventSource(source);
+  timer_ = glib::EventSource(source);
 }
 
 void Connection::End(const char* reason) {

@@ -29,13 +29,13 @@ class Connection {
   void StartTimer();
   void End(const char* reason);
 
-  GObjectPtr<GSocketConnection> connection_;
+  glib::ObjectPointer<GSocketConnection> connection_;
   FrameHandler onFrame_;
   EndHandler onEnd_;
   FrameReader reader_;
   bool deliveredFrame_ = false;
-  EventSource readable_;
-  EventSource timer_;
+  glib::EventSource readable_;
+  glib::EventSource timer_;
 };
 
 }  // namespace tools

@@ -5,15 +5,51 @@
 #include <memory>
 #include <utility>
 
-namespace tools {
+// Owners of GLib's things, for the tools and the stand-in hardware service.
 
-struct GObjectUnref {
-  void operator()(void* object) const { g_object_unref(object); }
+namespace glib {
+
+template <auto Release>
+struct Releaser {
+  template <typename T>
+  void operator()(T* thing) const {
+    Release(thing);
+  }
 };
 
-/// Owns one reference to a GObject.
+/// Owns a thing, or one reference to it, that `Release` gives back.
+template <typename T, auto Release>
+using Pointer = std::unique_ptr<T, Releaser<Release>>;
+
 template <typename T>
-using GObjectPtr = std::unique_ptr<T, GObjectUnref>;
+using ObjectPointer = Pointer<T, g_object_unref>;
+using VariantPointer = Pointer<GVariant, g_variant_unref>;
+using CharPointer = Pointer<char, g_free>;
+using MainLoopPointer = Pointer<GMainLoop, g_main_loop_unref>;
+
+/// Takes over a new, still floating variant.
+inline VariantPointer Sink(GVariant* variant) {
+  return VariantPointer(g_variant_ref_sink(variant));
+}
+
+/// The error of a failed GLib call. Pass `Out()` to the call.
+class ErrorHolder {
+ public:
+  ErrorHolder() = default;
+  ErrorHolder(const ErrorHolder&) = delete;
+  ErrorHolder& operator=(const ErrorHolder&) = delete;
+  ~ErrorHolder() { g_clear_error(&error_); }
+
+  GError** Out() { return &error_; }
+  /// Empty while nothing failed.
+  const char* Text() const { return error_ != nullptr ? error_->message : ""; }
+  bool WouldBlock() const {
+    return g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK) != FALSE;
+  }
+
+ private:
+  GError* error_ = nullptr;
+};
 
 /// Owns a source of the default main context and takes it out when it is destroyed or replaced.
 class EventSource {
@@ -38,4 +74,4 @@ class EventSource {
   GSource* source_ = nullptr;
 };
 
-}  // namespace tools
+}  // namespace glib

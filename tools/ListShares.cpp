@@ -5,6 +5,7 @@
 #include <string>
 
 #include "tools/AnnouncementListener.h"
+#include "tools/GLibHandles.h"
 #include "tools/MainLoop.h"
 #include "tools/Output.h"
 #include "tools/ProgramOptions.h"
@@ -112,10 +113,10 @@ gboolean OnTimeIsUp(gpointer loop) {
   return G_SOURCE_CONTINUE;
 }
 
-EventSource Timer(guint milliseconds, GSourceFunc function, gpointer data) {
+glib::EventSource Timer(guint milliseconds, GSourceFunc function, gpointer data) {
   GSource* source = g_timeout_source_new(milliseconds);
   g_source_set_callback(source, function, data, nullptr);
-  return EventSource(source);
+  return glib::EventSource(source);
 }
 
 }  // namespace
@@ -123,19 +124,19 @@ EventSource Timer(guint milliseconds, GSourceFunc function, gpointer data) {
 int ListShares(int argc, char* argv[]) {
   Options options;
   if (!ReadListOptions(argc, argv, options)) return EXIT_FAILURE;
-  const g_autofree char* interface = options.interface;
+  const glib::CharPointer interface(options.interface);
 
   MainLoop loop;
   Watcher watcher(options, loop);
   AnnouncementListener listener([&](const std::string& sender, std::string_view datagram) {
     watcher.Hear(sender, datagram);
   });
-  if (std::string error; !listener.Join(interface, error)) {
+  if (std::string error; !listener.Join(interface.get(), error)) {
     Complain(error);
     return EXIT_FAILURE;
   }
-  const EventSource tick = Timer(kTickMs, OnTick, &watcher);
-  EventSource end;
+  const glib::EventSource tick = Timer(kTickMs, OnTick, &watcher);
+  glib::EventSource end;
   if (options.onceSeconds > 0) {
     end = Timer(static_cast<guint>(options.onceSeconds * 1000), OnTimeIsUp, &loop);
   } else {

@@ -13,21 +13,17 @@ gboolean OnSignal(gpointer loop) {
   return G_SOURCE_CONTINUE;
 }
 
-EventSource QuitOn(int signal, GMainLoop* loop) {
+glib::EventSource QuitOn(int signal, GMainLoop* loop) {
   GSource* source = g_unix_signal_source_new(signal);
   g_source_set_callback(source, OnSignal, loop, nullptr);
-  return EventSource(source);
+  return glib::EventSource(source);
 }
 
 }  // namespace
 
 MainLoop::MainLoop()
     : loop_(g_main_loop_new(nullptr, FALSE)),
-      terminate_(QuitOn(SIGTERM, loop_)),
-      interrupt_(QuitOn(SIGINT, loop_)) {}
-
-MainLoop::~MainLoop() {
-  g_main_loop_unref(loop_);
-}
+      terminate_(QuitOn(SIGTERM, loop_.get())),
+      interrupt_(QuitOn(SIGINT, loop_.get())) {}
 
 }  // namespace tools

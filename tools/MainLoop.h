@@ -10,16 +10,15 @@ class MainLoop {
   MainLoop();
   MainLoop(const MainLoop&) = delete;
   MainLoop& operator=(const MainLoop&) = delete;
-  ~MainLoop();
 
   /// Runs until a signal or `Quit` ends it.
-  void Run() { g_main_loop_run(loop_); }
-  void Quit() { g_main_loop_quit(loop_); }
+  void Run() { g_main_loop_run(loop_.get()); }
+  void Quit() { g_main_loop_quit(loop_.get()); }
 
  private:
-  GMainLoop* loop_;
-  EventSource terminate_;
-  EventSource interrupt_;
+  const glib::MainLoopPointer loop_;
+  glib::EventSource terminate_;
+  glib::EventSource interrupt_;
 };
 
 }  // namespace tools

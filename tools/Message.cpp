@@ -7,6 +7,8 @@
 #include <string_view>
 #include <utility>
 
+#include "tools/GLibHandles.h"
+
 namespace tools {
 
 namespace {
@@ -230,13 +232,13 @@ std::optional<Message> ParseMessage(const std::string& text, std::string& fault)
 
   MessageBuilder builder;
   const std::string utf8 = Utf8FromLatin1(text);
-  g_autoptr(GMarkupParseContext) context =
-      g_markup_parse_context_new(&kParser, GMarkupParseFlags(0), &builder, nullptr);
-  g_autoptr(GError) error = nullptr;
-  if (!g_markup_parse_context_parse(context, utf8.data(), static_cast<gssize>(utf8.size()),
-                                    &error) ||
-      !g_markup_parse_context_end_parse(context, &error)) {
-    fault = Ascii(error->message);
+  const glib::Pointer<GMarkupParseContext, g_markup_parse_context_unref> context(
+      g_markup_parse_context_new(&kParser, GMarkupParseFlags(0), &builder, nullptr));
+  glib::ErrorHolder error;
+  if (!g_markup_parse_context_parse(context.get(), utf8.data(), static_cast<gssize>(utf8.size()),
+                                    error.Out()) ||
+      !g_markup_parse_context_end_parse(context.get(), error.Out())) {
+    fault = Ascii(error.Text());
     return std::nullopt;
   }
   if (!builder.IsComplete()) {

@@ -24,16 +24,18 @@ MessageServer::~MessageServer() {
 }
 
 bool MessageServer::Listen(std::uint16_t port, std::string& error) {
-  const GObjectPtr<GSocketAddress> wanted(g_inet_socket_address_new_from_string("127.0.0.1", port));
-  g_autoptr(GSocketAddress) effective = nullptr;
-  g_autoptr(GError) failure = nullptr;
+  const glib::ObjectPointer<GSocketAddress> wanted(
+      g_inet_socket_address_new_from_string("127.0.0.1", port));
+  GSocketAddress* bound = nullptr;
+  glib::ErrorHolder failure;
   if (!g_socket_listener_add_address(G_SOCKET_LISTENER(service_.get()), wanted.get(),
-                                     G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, nullptr,
-                                     &effective, &failure)) {
-    error = "cannot listen on 127.0.0.1:" + std::to_string(port) + ": " + failure->message;
+                                     G_SOCKET_TYPE_STREAM, G_SOCKET_PROTOCOL_TCP, nullptr, &bound,
+                                     failure.Out())) {
+    error = "cannot listen on 127.0.0.1:" + std::to_string(port) + ": " + failure.Text();
     return false;
   }
-  port_ = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(effective));
+  const glib::ObjectPointer<GSocketAddress> effective(bound);
+  port_ = g_inet_socket_address_get_port(G_INET_SOCKET_ADDRESS(effective.get()));
   g_socket_service_start(service_.get());
   return true;
 }

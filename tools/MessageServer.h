@@ -36,7 +36,7 @@ class MessageServer {
   void Remove(Connection* connection);
 
   Connection::FrameHandler onFrame_;
-  GObjectPtr<GSocketService> service_;
+  glib::ObjectPointer<GSocketService> service_;
   std::uint16_t port_ = 0;
   std::vector<std::unique_ptr<Connection>> connections_;
 };

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "tools/GLibHandles.h"
 #include "tools/Output.h"
 
 namespace tools {
@@ -29,13 +30,13 @@ GOptionEntry VersionEntry() {
 
 bool ReadOptions(int argc, char* argv[], const char* summary, const GOptionEntry* entries) {
   const GOptionEntry more[] = {VersionEntry(), GOptionEntry{}};
-  g_autoptr(GOptionContext) context = g_option_context_new(nullptr);
-  g_option_context_set_summary(context, summary);
-  g_option_context_add_main_entries(context, entries, nullptr);
-  g_option_context_add_main_entries(context, more, nullptr);
-  g_autoptr(GError) error = nullptr;
-  if (!g_option_context_parse(context, &argc, &argv, &error)) {
-    Complain(error->message);
+  const glib::Pointer<GOptionContext, g_option_context_free> context(g_option_context_new(nullptr));
+  g_option_context_set_summary(context.get(), summary);
+  g_option_context_add_main_entries(context.get(), entries, nullptr);
+  g_option_context_add_main_entries(context.get(), more, nullptr);
+  glib::ErrorHolder error;
+  if (!g_option_context_parse(context.get(), &argc, &argv, error.Out())) {
+    Complain(error.Text());
     return false;
   }
   if (argc > 1) {

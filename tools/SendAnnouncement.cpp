@@ -1,11 +1,11 @@
 #include "tools/SendAnnouncement.h"
 
 #include <cstdlib>
-#include <memory>
 #include <string>
 
 #include "tools/Announcement.h"
 #include "tools/AnnouncementSender.h"
+#include "tools/GLibHandles.h"
 #include "tools/MainLoop.h"
 #include "tools/Output.h"
 #include "tools/ProgramOptions.h"
@@ -19,15 +19,10 @@ constexpr const char* kSummary =
 
 constexpr guint kRepeatMs = 1000;
 
-struct GFree {
-  void operator()(char* text) const { g_free(text); }
-};
-using OptionText = std::unique_ptr<char, GFree>;
-
 struct Options {
   Announcement announcement;
   std::string destination = kAnnouncementGroup;
-  OptionText interface;
+  glib::CharPointer interface;
   bool repeat = false;
 };
 
@@ -57,10 +52,10 @@ bool ReadSendOptions(std::uint16_t defaultType, int argc, char* argv[], Options&
        nullptr},
       GOptionEntry{}};
   const bool isRead = ReadOptions(argc, argv, kSummary, entries);
-  const OptionText path(texts[0]);
-  const OptionText key(texts[1]);
-  const OptionText name(texts[2]);
-  const OptionText destination(texts[3]);
+  const glib::CharPointer path(texts[0]);
+  const glib::CharPointer key(texts[1]);
+  const glib::CharPointer name(texts[2]);
+  const glib::CharPointer destination(texts[3]);
   options.interface.reset(texts[4]);
   if (!isRead) return false;
   if (path == nullptr || !FitsField(type) || !FitsField(mediaType)) {
@@ -114,7 +109,7 @@ int SendAnnouncement(std::uint16_t type, int argc, char* argv[]) {
   Repetition repetition{sender, *datagram};
   GSource* source = g_timeout_source_new(kRepeatMs);
   g_source_set_callback(source, SendAgain, &repetition, nullptr);
-  const EventSource timer(source);
+  const glib::EventSource timer(source);
   loop.Run();
   return EXIT_SUCCESS;
 }
