@@ -4,37 +4,34 @@ import itertools
 import os
 import subprocess
 
+from testbed.lifespan import Lifespan
 from testbed.sandbox import Sandbox
 
 _numbers = itertools.count(1)
 
 
-class Network:
+class Network(Lifespan):
     """Units with an interface "eth0", a link-local address each and a route for multicast.
 
-    Requires: running inside the wrapper of `namespaces`. Also a context manager.
+    Requires: running inside the wrapper of `namespaces`.
     """
 
     def __init__(self, bridge: str = "") -> None:
         """`bridge`: name of the interface, at most 12 characters; by default one of its own."""
         self._bridge = bridge or f"w{os.getpid()}n{next(_numbers)}"
+        self._made = False
         self._ports = 0
 
-    def __enter__(self) -> "Network":
-        self.start()
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
     def start(self) -> None:
-        """Make the wire."""
-        _ip(f"link add {self._bridge} type bridge mcast_snooping 0")
-        _ip(f"link set {self._bridge} up")
+        """Make the wire. Raises RuntimeError, and leaves nothing behind, when it cannot be made."""
+        _ip(f"link add {self._bridge} up type bridge mcast_snooping 0")
+        self._made = True
 
     def close(self) -> None:
         """Remove the wire; units still joined lose their link."""
-        _ip(f"link delete {self._bridge}")
+        if self._made:
+            self._made = False
+            _ip(f"link delete {self._bridge}")
 
     def join(self, sandbox: Sandbox, address: str | None = None) -> "Interface":
         """Give the sandbox an eth0 on this wire, up and with this address (such as

@@ -6,13 +6,14 @@ import time
 from pathlib import Path
 
 from testbed import timeouts
+from testbed.lifespan import Lifespan
 from testbed.process import Process
 
 _CALL = re.compile(r"^(?:\d+ +)?(?:<\.\.\. )?(\w+)(?:\(| resumed)")
 
 
-class Strace:
-    """strace attached to the threads of a program from `attach` to `detach`; a context manager.
+class Strace(Lifespan):
+    """strace attached to the threads of a program from `start` to `close`.
 
     `options` are strace's, such as "-e", "inject=bind:error=EADDRINUSE". The program slows down
     while it is attached.
@@ -28,14 +29,7 @@ class Strace:
         self._options = options
         self._strace: "subprocess.Popen[str] | None" = None
 
-    def __enter__(self) -> "Strace":
-        self.attach()
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.detach()
-
-    def attach(self) -> None:
+    def start(self) -> None:
         """The tracing has begun on return."""
         self.output.parent.mkdir(parents=True, exist_ok=True)
         whom = ["-p", str(self._thread)] if self._thread else ["-f", "-p", str(self._process.pid)]
@@ -50,7 +44,7 @@ class Strace:
             assert time.monotonic() < deadline, "strace did not attach"
             time.sleep(timeouts.POLL)
 
-    def detach(self) -> None:
+    def close(self) -> None:
         """The program runs on without it; `output` is complete. May be called again.
 
         Requires: the program is not just starting another one."""

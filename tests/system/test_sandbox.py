@@ -2,6 +2,7 @@
 
 import json
 import os
+import shutil
 import socket
 import subprocess
 import sys
@@ -37,6 +38,12 @@ def is_running(pid: str) -> bool:
         return Path("/proc", pid, "cmdline").read_bytes() != b""
     except OSError:
         return False
+
+
+def wires() -> list[str]:
+    """Names of the network interfaces out here."""
+    links = subprocess.run(["ip", "-json", "link"], capture_output=True, check=True).stdout
+    return [link["ifname"] for link in json.loads(links)]
 
 
 def test_has_directories_of_its_own(sandbox: Sandbox) -> None:
@@ -270,3 +277,25 @@ def test_units_on_a_wire_reach_one_another(network: Network, make_unit) -> None:
             assert first.sandbox.run([*ping, address]).returncode == 0
             assert receiver.recvfrom(100)[1][0] == "169.254.1.1"
     assert first.eth0.hardware_address() != second.eth0.hardware_address()
+
+
+def test_a_wire_that_cannot_be_switched_on_is_not_left_behind(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    refusing = tmp_path / "ip"
+    refusing.write_text('#!/bin/sh\nfor word; do [ "$word" != up ] || exit 1; done\n'
+                        f'exec {shutil.which("ip")} "$@"\n')
+    refusing.chmod(0o755)
+    monkeypatch.setenv("PATH", f"{tmp_path}:{os.environ['PATH']}")
+    bridge = f"x{os.getpid()}"
+    with pytest.raises(RuntimeError, match=f"ip link .*{bridge}"):
+        Network(bridge).start()
+    assert bridge not in wires()
+
+
+def test_a_wire_that_cannot_be_made_leaves_the_one_of_that_name_alone() -> None:
+    bridge = f"x{os.getpid()}"
+    with Network(bridge):
+        with pytest.raises(RuntimeError, match="File exists"), Network(bridge):
+            pass
+        assert bridge in wires()
+    assert bridge not in wires()
