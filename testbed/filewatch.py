@@ -8,6 +8,8 @@ import threading
 from pathlib import Path
 from typing import Callable
 
+from testbed.namespaces import checked
+
 #: What can be watched for.
 MODIFIED, CLOSED_AFTER_WRITING = 0x0002, 0x0008
 APPEARED, DISAPPEARED = 0x0080 | 0x0100, 0x0040 | 0x0200
@@ -25,18 +27,15 @@ class FileWatch:
 
     def __init__(self, on_change: Callable[[Path, str], None]) -> None:
         self._on_change = on_change
-        self._inotify = _libc.inotify_init1(os.O_CLOEXEC)
-        if self._inotify < 0:
-            raise OSError(ctypes.get_errno(), "inotify_init1")
+        self._inotify = checked(_libc.inotify_init1(os.O_CLOEXEC), "inotify_init1")
         self._stop_read, self._stop_write = os.pipe()
         self._paths: dict[int, Path] = {}
         self._thread = threading.Thread(target=self._follow, daemon=True)
 
     def add(self, path: Path, changes: int) -> None:
         """Watch a file or a directory, before `start`. Raises OSError."""
-        watch = _libc.inotify_add_watch(self._inotify, bytes(path), changes)
-        if watch < 0:
-            raise OSError(ctypes.get_errno(), f"cannot watch {path}")
+        watch = checked(_libc.inotify_add_watch(self._inotify, bytes(path), changes),
+                        f"cannot watch {path}")
         self._paths[watch] = path
 
     def start(self) -> None:
