@@ -9,6 +9,23 @@ from testbed.stage import Stage
 from testbed.tape import NotSeen
 from testbed.timeline import Timeline
 
+#: What is plugged in while the unit runs: what it is, and the commands.
+_ARRIVALS = (
+    ("A USB stick is plugged in.",
+     "usb stick port=1-1.3 label=PHOTOS"),
+    ("A second partition on it appears.",
+     "volume stick label=MUSIC"),
+    ("A write-protected card goes into the second slot.",
+     "sd charts host=1 label=CHARTS readonly"),
+    ("A stick is plugged into the port that the configuration calls Chart Port.",
+     "usb update port=1-1.4 label=UPDATE"),
+    ("The configuration says that /dev/sdc1 is to be ignored.",
+     "usb workshop port=1-1.5 label=TOOLS"),
+    ("The unit's own card reader is plugged in; a card goes into its first slot.",
+     "reader kr20 luns=2 port=1-1.6",
+     "volume kr20 lun=0 label=LOGBOOK"),
+)
+
 
 def play(stage: Stage, timeline: Timeline) -> int:
     """Play it; the daemon's exit status. NotSeen when something did not come out as told."""
@@ -24,30 +41,11 @@ def play(stage: Stage, timeline: Timeline) -> int:
     stage.start_daemon()
     told()
 
-    timeline.heading("A USB stick is plugged in.")
-    unit.hal.plug("usb stick port=1-1.3 label=PHOTOS")
-    told()
-
-    timeline.heading("A second partition on it appears.")
-    unit.hal.plug("volume stick label=MUSIC")
-    told()
-
-    timeline.heading("A write-protected card goes into the second slot.")
-    unit.hal.plug("sd charts host=1 label=CHARTS readonly")
-    told()
-
-    timeline.heading("A stick is plugged into the port that the configuration calls Chart Port.")
-    unit.hal.plug("usb update port=1-1.4 label=UPDATE")
-    told()
-
-    timeline.heading("The configuration says that /dev/sdc1 is to be ignored.")
-    unit.hal.plug("usb workshop port=1-1.5 label=TOOLS")
-    told()
-
-    timeline.heading("The unit's own card reader is plugged in; a card goes into its first slot.")
-    unit.hal.plug("reader kr20 luns=2 port=1-1.6")
-    unit.hal.plug("volume kr20 lun=0 label=LOGBOOK")
-    told()
+    for heading, *devices in _ARRIVALS:
+        timeline.heading(heading)
+        for device in devices:
+            unit.hal.plug(device)
+        told()
 
     timeline.heading("The display application wants to hear everything again (SIGUSR1).")
     unit.daemon.signal(signal.SIGUSR1)
