@@ -30,6 +30,14 @@ def cmake_options() -> set[str]:
             for name in re.findall(r"(?:option\(|set\()(VOLDRAKE_\w+)", file.read_text())}
 
 
+def cmake_version() -> str:
+    """The oldest CMake that will do."""
+    found = re.search(r"cmake_minimum_required\(VERSION (\S+)\)",
+                      (target.REPOSITORY / "CMakeLists.txt").read_text())
+    assert found
+    return found[1]
+
+
 def project_version() -> str:
     found = re.search(r"VERSION (\S+) LANGUAGES",
                       (target.REPOSITORY / "CMakeLists.txt").read_text())
@@ -188,6 +196,7 @@ BUILDROOT_TOOLCHAIN = [
     "BR2_INSTALL_LIBSTDCPP", "BR2_TOOLCHAIN_GCC_AT_LEAST_11", "BR2_TOOLCHAIN_HAS_THREADS",
     "BR2_USE_MMU", "BR2_USE_WCHAR"]
 BUILDROOT_PACKAGES = {
+    "BR2_HOST_CMAKE_AT_LEAST_3_24": "y",
     "BR2_PACKAGE_DBUS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU",
     "BR2_PACKAGE_DBUS_GLIB": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
     "BR2_PACKAGE_LIBGLIB2": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
@@ -220,11 +229,11 @@ class BuildrootMenu:
             self._menu.syms[symbol].set_value(value)
 
     def chosen(self) -> set[str]:
-        """The packages of the image."""
+        """What is chosen or selected, the toolchain aside."""
         self._menu.write_config(str(self._written))
         assert self._menu.warnings == []
-        return {name for name in re.findall(r"^(\w+)=y$", self._written.read_text(), re.MULTILINE)
-                if name.startswith("BR2_PACKAGE_")}
+        chosen = set(re.findall(r"^(\w+)=y$", self._written.read_text(), re.MULTILINE))
+        return chosen - {*BUILDROOT_TOOLCHAIN, "BR2_STATIC_LIBS"}
 
     def comments(self) -> list[str]:
         """The comments that are shown."""
@@ -240,12 +249,14 @@ def test_buildroot_selects_what_the_package_needs(
     menu.answer("y", "BR2_PACKAGE_VOLDRAKE")
     needed = {f"BR2_PACKAGE_{name.upper().replace('-', '_')}"
               for name in buildroot()["DEPENDENCIES"].split() if not name.startswith("host-")}
+    needed.add("BR2_HOST_CMAKE_AT_LEAST_" + cmake_version().replace(".", "_"))
+    defaults = {"BR2_PACKAGE_VOLDRAKE", "BR2_PACKAGE_VOLDRAKE_STATIC_RUNTIME"}
     sharing = {"BR2_PACKAGE_VOLDRAKE_SHARING", "BR2_PACKAGE_NFS_UTILS",
                "BR2_PACKAGE_NFS_UTILS_RPC_NFSD"}
-    assert menu.chosen() == {"BR2_PACKAGE_VOLDRAKE"} | needed | sharing
+    assert menu.chosen() == defaults | needed | sharing
     menu.answer("n", "BR2_PACKAGE_VOLDRAKE_SHARING")
     menu.answer("y", "BR2_PACKAGE_VOLDRAKE_TOOLS")
-    assert menu.chosen() == {"BR2_PACKAGE_VOLDRAKE", "BR2_PACKAGE_VOLDRAKE_TOOLS"} | needed
+    assert menu.chosen() == defaults | {"BR2_PACKAGE_VOLDRAKE_TOOLS"} | needed
     assert menu.comments() == []
 
 
@@ -266,6 +277,12 @@ def test_buildroot_image_of_static_libraries_does_without_sharing(
     menu = BuildrootMenu(tmp_path, monkeypatch)
     menu.answer("y", "BR2_STATIC_LIBS", "BR2_PACKAGE_VOLDRAKE", "BR2_PACKAGE_VOLDRAKE_SHARING")
     assert not {name for name in menu.chosen() if name.endswith(("_SHARING", "NFS_UTILS"))}
+
+
+@pytest.mark.parametrize("option", ["STATIC_RUNTIME", "IGNORE_UNKNOWN_ANNOUNCEMENTS"])
+def test_buildroot_menu_reaches_the_build(option: str) -> None:
+    for setting, value in ({}, "OFF"), ({f"BR2_PACKAGE_VOLDRAKE_{option}": "y"}, "ON"):
+        assert f"-DVOLDRAKE_{option}={value}" in buildroot(**setting)["CONF_OPTS"].split()
 
 
 def test_buildroot_tree_has_its_name() -> None:

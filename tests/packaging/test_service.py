@@ -79,10 +79,11 @@ def test_comes_after_bus_hardware_service_and_network(settings: list[tuple[str, 
     assert {"dbus.service", "dbus-org.freedesktop.Hal.service", "network.target"} <= set(after)
 
 
-def test_returns_after_a_failure_but_not_forever(settings: list[tuple[str, str]]) -> None:
+def test_returns_after_every_failure_at_a_limited_rate(settings: list[tuple[str, str]]) -> None:
     assert values(settings, "Restart") == ["on-failure"]
-    assert int(values(settings, "StartLimitBurst")[0]) > 0
-    assert int(values(settings, "StartLimitIntervalSec")[0]) > 0
+    assert int(values(settings, "RestartSec")[0]) >= 5
+    assert values(settings, "StartLimitIntervalSec") == ["0"]
+    assert values(settings, "RestartPreventExitStatus") == ["1"]
 
 
 def test_leaves_a_working_daemon_what_it_needs(

@@ -1,6 +1,7 @@
 """The start script, run by a shell and a start-stop-daemon of BusyBox in a sandbox."""
 
 import os
+import re
 import shutil
 import time
 from pathlib import Path
@@ -98,6 +99,17 @@ def test_survives_a_stale_pid_file(image: Sandbox) -> None:
     assert call(image, "start") == (0, "")
     expect_line(image, "Voldrake startup")
     assert call(image, "stop") == (0, "")
+
+
+def test_tells_when_the_daemon_ends_at_once(image: Sandbox) -> None:
+    set_options(image, "--no-such-option")
+    done = image.run(["busybox", "sh", SCRIPT, "start"], timeout=4 * timeouts.RUN)
+    assert done.returncode == 1
+    assert done.stdout == ""
+    assert re.fullmatch(r"voldrake has ended at once; .* \S+/voldrake --no-such-option\n",
+                        done.stderr)
+    assert call(image, "status") == (3, "voldrake is not running\n")
+    assert not image.path(PID_FILE).exists()
 
 
 def test_tells_its_usage(image: Sandbox) -> None:

@@ -9,6 +9,7 @@ VOLDRAKE_SOURCE ?= "${@os.path.normpath(d.getVar('FILE_DIRNAME') + '/../../../..
 inherit externalsrc
 EXTERNALSRC = "${VOLDRAKE_SOURCE}"
 EXTERNALSRC_BUILD = "${WORKDIR}/build"
+EXTERNALSRC_SYMLINKS = ""
 
 DEPENDS = "dbus dbus-glib glib-2.0"
 
@@ -22,14 +23,18 @@ EXTRA_OECMAKE = "\
     -DVOLDRAKE_SYSV=${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'ON', 'OFF', d)} \
 "
 
-PACKAGECONFIG ??= "manuals"
+PACKAGECONFIG ??= "manuals static-runtime"
 PACKAGECONFIG[tools] = "-DVOLDRAKE_TOOLS=ON,-DVOLDRAKE_TOOLS=OFF"
 PACKAGECONFIG[manuals] = "-DVOLDRAKE_MANUALS=ON,-DVOLDRAKE_MANUALS=OFF,python3-native"
+PACKAGECONFIG[static-runtime] = "-DVOLDRAKE_STATIC_RUNTIME=ON,-DVOLDRAKE_STATIC_RUNTIME=OFF"
+PACKAGECONFIG[ignore-unknown-announcements] = "\
+    -DVOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS=ON,-DVOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS=OFF"
 inherit ${@bb.utils.contains('PACKAGECONFIG', 'manuals', 'python3native', '', d)}
 
 SYSTEMD_SERVICE:${PN} = "voldrake.service"
 INITSCRIPT_NAME = "voldrake"
-INITSCRIPT_PARAMS = "start 60 2 3 4 5 . stop 40 0 1 6 ."
+# The NFS server starts and stops at 20, and the message bus stops at 20.
+INITSCRIPT_PARAMS = "start 60 2 3 4 5 . stop 10 0 1 6 ."
 
 PACKAGES =+ "${PN}-tools ${PN}-bash-completion ${PN}-zsh-completion"
 FILES:${PN}-tools = "${bindir} ${libdir}/wireshark"
