@@ -59,11 +59,16 @@ def skip_where_senders_are_not_looked_up() -> None:
 
 
 def start_listening(unit: Unit, *arguments: str) -> None:
+    """As `start_sharing`, for a test that needs the daemon to take what it hears."""
+    skip_where_senders_are_not_looked_up()
+    start_sharing(unit, *arguments)
+
+
+def start_sharing(unit: Unit, *arguments: str) -> None:
     """Start the daemon and return when it hears announcements and has made its first exports.
 
     Requires: eth0 is up with its address; nothing else in the unit is a member of the group.
     """
-    skip_where_senders_are_not_looked_up()
     unit.start_daemon(*arguments)
     wait_for(lambda: listens(unit), "the daemon hears announcements")
     if "--debuglevel" not in arguments:

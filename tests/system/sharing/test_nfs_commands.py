@@ -6,8 +6,8 @@ import stat
 
 import pytest
 
-from share_helpers import (CLEAR_EXPORTS, export, mount, start_listening, start_with_peer,
-                           unmount)
+from share_helpers import (CLEAR_EXPORTS, export, mount, start_listening, start_sharing,
+                           start_with_peer, unmount)
 from testbed.daemon import DEBUG, ERROR, INFO, WARNING
 from testbed.peer import WITHDRAWN, Announcement
 from testbed.strace import Strace
@@ -153,7 +153,7 @@ def test_the_shell_gets_exactly_these_command_lines(unit, tools, peer, log_direc
 
 
 def test_commands_inherit_no_descriptor_of_the_daemon(unit, tools, peer) -> None:
-    start_listening(unit, "--internal-share-path", "/srv/charts")
+    start_sharing(unit, "--internal-share-path", "/srv/charts")
     peer.expect_announcement("/srv/charts")
     directory = f"/proc/{unit.daemon.process.pid}"
     flags = {}

@@ -7,7 +7,7 @@ from pathlib import Path
 
 import pytest
 
-from share_helpers import add_quick_tools, start_listening, wait_for
+from share_helpers import add_quick_tools, start_listening, start_sharing, wait_for
 from testbed import timeouts
 from testbed.daemon import WARNING
 from testbed.peer import Announcement
@@ -44,7 +44,7 @@ def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
     flood(stranger)
     mounted = unit.sandbox.path("/mnt")
     strange = [path.name for path in mounted.iterdir() if "flood" in path.name]
-    assert len(strange) > 100
+    assert len(strange) > 100 / timeouts.SCALE, "as many as a machine of this speed mounts"
     assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
     friend.announce(Announcement("/media/after"))
     wait_for((mounted / "169.254.3.8:-media-after").is_dir, "a real share is mounted")
@@ -74,7 +74,7 @@ def test_shares_are_refused_while_thousands_of_messages_wait(unit, peer) -> None
 
 def test_the_end_does_not_wait_for_a_flood_to_pass(unit, peer) -> None:
     add_quick_tools(unit)
-    start_listening(unit, "--debuglevel", "3")
+    start_sharing(unit, "--debuglevel", "3")
     began = time.monotonic()
     unit.daemon.signal(15)
     flood(peer, 2.5)

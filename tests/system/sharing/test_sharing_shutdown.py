@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from share_helpers import listens, mount, start_listening, start_with_peer, unmount
+from share_helpers import listens, mount, start_listening, start_sharing, start_with_peer, unmount
 from testbed import timeouts
 from testbed.daemon import INFO
 from testbed.peer import WITHDRAWN, Announcement
@@ -52,7 +52,7 @@ def test_the_end_takes_three_seconds_when_the_table_of_remote_mounts(unit, tools
     if rmtab:
         unit.sandbox.write(RMTAB, "169.254.3.7:/media/sda1:0x00000001\n")
         os.utime(unit.sandbox.path(RMTAB), (rmtab, rmtab))
-    start_listening(unit)
+    start_sharing(unit)
     assert 3.0 <= seconds_to_end(unit) < timeouts.at_most(3)
 
 
@@ -66,7 +66,7 @@ def test_the_end_waits_while_the_table_of_remote_mounts_changes(unit, tools, pee
     unit.sandbox.write(RMTAB, "")
     table = unit.sandbox.path(RMTAB)
     os.utime(table, (1000, 1000))
-    start_listening(unit)
+    start_sharing(unit)
     ended = threading.Event()
 
     def change() -> None:
@@ -131,7 +131,7 @@ def test_an_absent_application_holds_up_the_end_for_two_seconds_at_most(unit, to
 
 
 def test_without_a_network_the_end_is_as_orderly(unit, tools, peer) -> None:
-    start_listening(unit, "--internal-share-path", "/srv/charts")
+    start_sharing(unit, "--internal-share-path", "/srv/charts")
     peer.expect_announcement("/srv/charts")
     unit.daemon.log.seek(unit.mark())
     unit.eth0.clear_address()
@@ -150,7 +150,7 @@ def test_a_socket_that_never_was_is_not_closed(unit, tools) -> None:
 
 
 def test_the_receive_socket_is_closed_once(unit, tools) -> None:
-    start_listening(unit)
+    start_sharing(unit)
     assert unit.daemon.terminate() == 0
     assert unit.daemon.logged(INFO, CLOSING) == 1
     assert not [line for line in unit.daemon.log_lines() if "DropSavedMultiCast" in line.text]
