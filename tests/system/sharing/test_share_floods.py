@@ -65,6 +65,7 @@ def test_shares_are_refused_while_thousands_of_messages_wait(unit, peer) -> None
         flood(peer)
         if unit.daemon.logged(WARNING, refusal):
             break
+    unit.daemon.expect_log(WARNING, refusal)
     directory = unit.sandbox.path("/mnt/169.254.3.7:-media-real")
     peer.announce(REAL)
     unit.daemon.signal(signal.SIGUSR1)
