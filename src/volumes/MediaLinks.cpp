@@ -46,8 +46,9 @@ std::string MediaLinkTarget(const std::string& mountPoint) {
 }
 
 void RemoveDanglingLinks(const std::string& directory) {
+  const std::string prefix = directory + "/";
   for (const std::string& name : DirectoryEntries(directory)) {
-    const std::string path = directory + "/" + name;
+    const std::string path = prefix + name;
     if (IsDanglingLink(path)) unlink(path.c_str());
   }
 }
