@@ -4,7 +4,7 @@ import signal
 import time
 from pathlib import Path
 
-from testbed import target, timeouts
+from testbed import cardreader, timeouts
 from testbed.daemon import INFO
 from testbed.lifespan import Lifespan
 from testbed.medialinks import MediaLinks
@@ -62,11 +62,9 @@ class Stage(Lifespan):
         It finds a card with the identity `CARD_IN_READER` behind /dev/sdd1.
         """
         sandbox = self.unit.sandbox
-        sandbox.write("/srv/reader/sdd1", f"answer {CARD_IN_READER}\n")
-        sandbox.write("/srv/fake-reader.so",
-                      (target.build_directory() / "tests/libfake-reader.so").read_bytes())
-        self.unit.start_daemon(*arguments, debug_level=INFO, environment={
-            "LD_PRELOAD": "/srv/fake-reader.so", "FAKE_READER": "/srv/reader"})
+        environment = cardreader.environment(sandbox)
+        cardreader.script(sandbox, "sdd1", f"answer {CARD_IN_READER}")
+        self.unit.start_daemon(*arguments, debug_level=INFO, environment=environment)
 
     def told(self, timeout: float = timeouts.EVENT) -> bool:
         """Wait until the application has been told all that the daemon has for it.

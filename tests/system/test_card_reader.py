@@ -6,12 +6,10 @@ from pathlib import Path
 import pytest
 
 from local_volumes import arrival, checked, mark, said, told
-from testbed import target
+from testbed import cardreader
 from testbed.daemon import DEBUG, INFO
 from testbed.unit import Unit
 
-_LIBRARY = target.build_directory() / "tests" / "libfake-reader.so"
-_SCRIPTS = "/srv/reader"
 _SERIAL = "0353445355303847800A5B1C4A00F3D1"
 _READER = "reader rd port=1-1.3 product=0x4040"
 _OTHER_READER = "reader rd port=1-1.3 product=0x2240"
@@ -40,23 +38,19 @@ def reader_unit(unit: Unit) -> Unit:
 
 def start_daemon(unit: Unit) -> None:
     """Start the daemon with the fake device nodes and wait for its start-up."""
-    unit.sandbox.write("/srv/fake-reader.so", _LIBRARY.read_bytes())
-    unit.sandbox.path(_SCRIPTS).mkdir(exist_ok=True)
-    unit.daemon.start(environment={
-        "LD_PRELOAD": "/srv/fake-reader.so", "FAKE_READER": _SCRIPTS,
-        "ASAN_OPTIONS": os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"})
+    unit.daemon.start(environment=cardreader.environment(unit.sandbox))
     unit.hal.expect_call("FindDeviceByCapability")
     unit.settle()
 
 
 def script(unit: Unit, *lines: str, name: str = "sda1") -> None:
     """Make /dev/`name` a reader's node that behaves like this."""
-    unit.sandbox.write(f"{_SCRIPTS}/{name}", "\n".join(lines) + "\n")
+    cardreader.script(unit.sandbox, name, *lines)
 
 
 def recorded(unit: Unit, device: str = "/dev/sda1", *, expected: tuple[str, ...]) -> None:
     """Check everything that was done to the device nodes so far."""
-    file = unit.sandbox.path(_SCRIPTS) / "record"
+    file = unit.sandbox.path(cardreader.SCRIPTS) / "record"
     lines = file.read_text().splitlines() if file.exists() else []
     assert lines == [line.format(device) for line in expected]
 
@@ -315,7 +309,7 @@ def test_a_card_in_a_reader_is_taken_back_like_any_volume(reader_unit: Unit) -> 
 
 @_with_map
 def test_the_scan_asks_the_reader_of_a_mounted_card(unit: Unit) -> None:
-    unit.sandbox.path(_SCRIPTS).mkdir()
+    unit.sandbox.path(cardreader.SCRIPTS).mkdir()
     script(unit, f"answer {_SERIAL}")
     unit.hal.plug(_READER)
     unit.hal.plug("volume rd lun=0 mounted")

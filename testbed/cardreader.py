@@ -1,0 +1,25 @@
+"""Device nodes of a USB card reader that answers as a script tells it."""
+
+import os
+
+from testbed import target
+from testbed.sandbox import Sandbox
+
+#: Where the scripts of the nodes are, and the file `record` of what was done to them.
+SCRIPTS = "/srv/reader"
+_LIBRARY = "/srv/fake-reader.so"
+
+
+def environment(sandbox: Sandbox) -> dict[str, str]:
+    """What the daemon is started with so that each node with a script is such a reader's."""
+    library = target.build_directory() / "tests/libfake-reader.so"
+    sandbox.write(_LIBRARY, library.read_bytes())
+    sandbox.path(SCRIPTS).mkdir(exist_ok=True)
+    # An address sanitizer that is linked dynamically wants to be the first library.
+    sanitizer = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
+    return {"LD_PRELOAD": _LIBRARY, "FAKE_READER": SCRIPTS, "ASAN_OPTIONS": sanitizer}
+
+
+def script(sandbox: Sandbox, node: str, *lines: str) -> None:
+    """Make /dev/`node` a reader's that behaves like this, from its next use on."""
+    sandbox.write(f"{SCRIPTS}/{node}", "\n".join(lines) + "\n")
