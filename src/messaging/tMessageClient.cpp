@@ -19,7 +19,7 @@ constexpr std::chrono::milliseconds kDeliveryTimeout{2000};
 
 void tMessageClient::PublishDataSource(DataSourceInfo& info) {
   std::string text = BuildDataSourceMessage(info);
-  Log(Printable(text), kLogInfo);
+  if (LogsAt(kLogInfo)) Log(Printable(text), kLogInfo);
   if (text.size() > kMaxMessageBytes) {
     Log("PublishDataSource: message of " + std::to_string(text.size()) +
             " bytes refused, at most " + std::to_string(kMaxMessageBytes) + " can be sent",

@@ -16,7 +16,7 @@ class IServiceBrowserCallback;
 class CServiceList : public tThread {
  public:
   /// More shares than this at one time are a flood, not a fleet; further ones are refused.
-  static constexpr size_t kMaxServices = 2048;
+  static constexpr size_t kMaxServices = 16384;
 
   /// Requires: callback not null. It is not owned and outlives this object.
   explicit CServiceList(IServiceBrowserCallback* pCallback);

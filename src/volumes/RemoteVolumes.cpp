@@ -7,7 +7,6 @@
 #include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
 #include "sharing/NfsData.h"
-#include "sharing/ServiceList.h"
 #include "sharing/ServicePublisher.h"
 #include "volumes/tVoldrake.h"
 
@@ -16,13 +15,11 @@ namespace {
 /// While this many reports wait for an absent application, further shares wait for their next
 /// announcement instead: a network that makes up shares must not fill the memory.
 constexpr size_t kMaxPendingReports = 4096;
-static_assert(kMaxPendingReports >= 2 * CServiceList::kMaxServices,
-              "every share in the list can be reported again");
 
 }  // namespace
 
 bool tVoldrake::OnServiceAdded(const NFS_DATA_T& share) {
-  if (_TooManyReportsWait()) return false;
+  if (!m_Republishing && _TooManyReportsWait()) return false;
   std::string mountPath;
   if (!m_NfsMounter.MountRemoteShare(share, mountPath)) return false;
   // Shares of units other than the peer are foreign cards, whatever they announce.

@@ -26,7 +26,11 @@ bool tVoldrake::SignalAction(int signalNumber) {
 
 void tVoldrake::Republish() {
   m_pMessageClient->ClearPending();
-  if (m_pServiceBrowser) m_pServiceBrowser->ServiceList().Republish();
+  if (m_pServiceBrowser) {
+    m_Republishing = true;
+    m_pServiceBrowser->ServiceList().Republish();
+    m_Republishing = false;
+  }
   for (HalVolumeInfo& volume : m_Volumes) {
     std::unique_ptr<UsbMapMatch> match;
     _FindUsbMapEntry(volume, &match);

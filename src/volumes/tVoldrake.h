@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -113,6 +114,8 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   CNfsMounter m_NfsMounter;
   std::vector<HalVolumeInfo> m_Volumes;  ///< in the order in which they were added
   bool m_SharesRefused = false;          ///< used with the service list's lock held
+  /// Shares that were taken once are reported again however many reports wait.
+  std::atomic<bool> m_Republishing = false;
   const std::string m_InternalSharePath;
   tIdentityText m_ContentId;
   tIdentityText m_SerialNumber;
