@@ -115,6 +115,10 @@ class Daemon:
         assert self.process
         return self.process.stderr()
 
+    def failed_assertion(self) -> str:
+        """The line of the assertion that ended it, from standard error, as the log has it."""
+        return self.stderr().split("\n")[0].removeprefix("voldrake: ")
+
     def close(self) -> None:
         """Stop following the log."""
         self._tail.stop()

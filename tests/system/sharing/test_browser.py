@@ -198,10 +198,9 @@ def test_an_announcement_of_an_unknown_type_aborts(unit, tools, peer, message_ty
     start_listening(unit)
     peer.send(Announcement("/media/sda1", message_type=message_type))
     assert unit.daemon.wait() == -6
-    stderr = unit.daemon.stderr()
     assert re.fullmatch(r"voldrake: ServiceBrowser:\d+: void CServiceBrowser::_HandleAnnouncement"
-                        r"\(.*\): Assertion `.*messageType.*' failed\.\n", stderr)
-    assert unit.daemon.logged(ERROR, stderr.removeprefix("voldrake: ").rstrip()) == 1
+                        r"\(.*\): Assertion `.*messageType.*' failed\.\n", unit.daemon.stderr())
+    assert unit.daemon.logged(ERROR, unit.daemon.failed_assertion()) == 1
     assert tools.calls(tool="mount") == []
 
 
