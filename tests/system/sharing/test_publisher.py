@@ -172,7 +172,7 @@ def test_a_new_volume_is_announced_at_once(unit, tools, peer) -> None:
     unit.hal.plug("usb second")
     exported = tools.expect(export("ro", "*", "/media/sdb1"))
     announced = peer.events.expect(re.compile("announces /media/sdb1"))
-    assert announced.time - last.time < 0.95, "before the next pass of the usual rhythm"
+    assert announced.time - last.time < 0.9, "before the next pass of the usual rhythm"
     assert announced.time - exported.time < timeouts.at_most(0)
 
 

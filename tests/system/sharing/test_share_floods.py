@@ -44,7 +44,7 @@ def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
     flood(stranger)
     mounted = unit.sandbox.path("/mnt")
     strange = [path.name for path in mounted.iterdir() if "flood" in path.name]
-    assert len(strange) > 100 / timeouts.SCALE, "as many as a machine of this speed mounts"
+    assert len(strange) > 100
     assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
     friend.announce(Announcement("/media/after"))
     wait_for((mounted / "169.254.3.8:-media-after").is_dir, "a real share is mounted")
