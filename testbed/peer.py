@@ -35,7 +35,7 @@ ANNOUNCED, WITHDRAWN = 1, 2
 
 _HEADER = struct.Struct("<IHHHHHHHH")
 _MAGIC = 0x12345678
-_IP_PKTINFO, _IP_RECVTTL = 8, 12  # missing from the module `socket`
+_IP_PKTINFO, _IP_RECVTTL, _SO_TIMESTAMPNS = 8, 12, 35  # missing from the module `socket`
 
 
 class BadDatagram(AssertionError):
@@ -95,6 +95,7 @@ class Datagram:
     destination: str
     port: int
     time_to_live: int
+    received: float  # the kernel's time, in seconds since 1970
 
     def announcement(self) -> Announcement:
         """What is in it. Raises BadDatagram."""
@@ -186,9 +187,11 @@ class Peer(Lifespan):
             f"{word} {path}",
             lambda event: event.text.endswith(f" {word} {path}")), timeout).data.announcement()
 
-    def heard(self, since: Mark = Mark(0), port: int = PORT) -> list[Datagram]:
-        """The datagrams that came to this port after the mark, in order."""
-        return [event.data for event in self.events.since(since) if event.data.port == port]
+    def heard(self, since: Mark = Mark(0), port: int = PORT,
+              until: Match | None = None) -> list[Datagram]:
+        """The datagrams that came to this port after the mark and before `until`, in order."""
+        events = self.events.since(since) if until is None else self.events.until(until, since)
+        return [event.data for event in events if event.data.port == port]
 
     def _make_sender(self) -> socket.socket:
         sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -205,13 +208,16 @@ class Peer(Lifespan):
                 return
             if not sender or sender[0] == "0.0.0.0":
                 return  # shut down
-            destination, time_to_live = "", 0
-            for _, kind, value in control:
-                if kind == _IP_PKTINFO:
+            destination, time_to_live, received = "", 0, 0.0
+            for level, kind, value in control:
+                if (level, kind) == (socket.IPPROTO_IP, _IP_PKTINFO):
                     destination = socket.inet_ntoa(value[8:12])
-                elif kind == socket.IP_TTL:
+                elif (level, kind) == (socket.IPPROTO_IP, socket.IP_TTL):
                     time_to_live = struct.unpack("i", value)[0]
-            heard = Datagram(raw, *sender, destination, port, time_to_live)
+                elif (level, kind) == (socket.SOL_SOCKET, _SO_TIMESTAMPNS):
+                    seconds, nanoseconds = struct.unpack("@ll", value)
+                    received = seconds + nanoseconds / 1e9
+            heard = Datagram(raw, *sender, destination, port, time_to_live, received)
             self.events.record(f"{sender[0]} {_described(heard)}", heard)
 
 
@@ -256,6 +262,7 @@ def _listen(port: int) -> socket.socket:
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     listener.setsockopt(socket.IPPROTO_IP, _IP_PKTINFO, 1)
     listener.setsockopt(socket.IPPROTO_IP, _IP_RECVTTL, 1)
+    listener.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
     listener.bind(("", port))
     if port == PORT:

@@ -1,4 +1,4 @@
-"""The system calls of a running program: counting them and making them fail."""
+"""The system calls of a running program: counting them, timing them and making them fail."""
 
 import re
 import subprocess
@@ -8,8 +8,11 @@ from pathlib import Path
 from testbed import timeouts
 from testbed.lifespan import Lifespan
 from testbed.process import Process
+from testbed.waiting import wait_until
 
-_CALL = re.compile(r"^(?:\d+ +)?(?:<\.\.\. )?(\w+)(?:\(| resumed)")
+#: Thread, seconds since the line before, name and arguments.
+_LINE = re.compile(r"^(?:\d+ +)? *(?:(\d+\.\d+) )?(.*)")
+_CALL = re.compile(r"^(?:<\.\.\. )?(\w+)(?:\(| resumed)")
 
 
 class Strace(Lifespan):
@@ -26,7 +29,7 @@ class Strace(Lifespan):
         self.output = output
         self._process = process
         self._thread = thread
-        self._options = options
+        self._options = ["-r", *options]
         self._strace: "subprocess.Popen[str] | None" = None
 
     def start(self) -> None:
@@ -60,11 +63,38 @@ class Strace(Lifespan):
             finally:
                 self._strace = None
 
+    def expect(self, pattern: str, count: int = 1, timeout: float = timeouts.EVENT) -> None:
+        """Wait until so many lines have this pattern."""
+        wait_until(lambda: len(self._with(pattern)) >= count,
+                   f"{count} of {pattern!r} in {self.output}", timeout)
+
+    def times(self, pattern: str) -> list[float]:
+        """When the calls whose lines have this pattern were begun, in seconds of the monotonic
+        clock from the first call on.
+
+        The program goes on with a call only after its time was taken. So what it waited for
+        between two calls lasted no longer than the times are apart.
+        """
+        now, found = 0.0, []
+        for line in self._text().splitlines():
+            match = _LINE.match(line)
+            assert match
+            now += float(match[1] or 0)
+            if re.search(pattern, match[2]):
+                found.append(now)
+        return found
+
     def lines(self) -> list[str]:
-        """What was written so far."""
-        return self.output.read_text(errors="surrogateescape").splitlines()
+        """The calls as strace writes them, without the threads' ids and times."""
+        return [_LINE.sub(r"\2", line) for line in self._text().splitlines()]
 
     def calls(self) -> list[str]:
-        """The names of the calls that ended or were begun so far, in order, each once."""
+        """The names of the calls that ended or were begun, in order, each once."""
         return [match[1] for line in self.lines()
                 if (match := _CALL.match(line)) and not line.endswith("<unfinished ...>")]
+
+    def _with(self, pattern: str) -> list[str]:
+        return [line for line in self.lines() if re.search(pattern, line)]
+
+    def _text(self) -> str:
+        return self.output.read_text(errors="surrogateescape")

@@ -39,6 +39,13 @@ class Wanted:
 
 Match = str | re.Pattern[str] | Wanted
 
+#: Returns when what was caused until now has happened and stands on the tape.
+Fence = Callable[[], None]
+
+
+def no_fence() -> None:
+    """For an observer without a daemon behind it."""
+
 
 class NotSeen(AssertionError):
     """An expected event did not come before the deadline."""
@@ -118,6 +125,19 @@ class Channel:
                 if remaining <= 0:
                     raise NotSeen(self._report(match, timeout))
                 self.tape.added.wait(remaining)
+
+    def until(self, match: Match, since: Mark = Mark(0),
+              timeout: float = timeouts.EVENT) -> list[Event]:
+        """This source's events after the mark and before the first one that matches.
+
+        That one is waited for as by `expect`; the cursor stays where it is. What must not happen
+        is missing from this list when `match` is what comes after it.
+        """
+        reader = Channel(self.tape, self.source)
+        reader.seek(since)
+        reader.expect(match, timeout)
+        behind = reader._cursor - 1
+        return [event for event in self.tape.since()[since:behind] if event.source == self.source]
 
     def _report(self, match: Match, timeout: float) -> str:
         if isinstance(match, re.Pattern):

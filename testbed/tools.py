@@ -74,15 +74,15 @@ class NfsTools:
         """Wait for a call; a text is all words joined by blanks. See `Channel.expect`."""
         return self.events.expect(match, timeout)
 
-    def calls(self, since: Mark = Mark(0), tool: str = "") -> list[str]:
-        """The calls (of one tool) after the mark, in order, as texts."""
-        return [event.text for event in self.events.since(since)
-                if not tool or event.data[0] == tool]
+    def calls(self, since: Mark = Mark(0), tool: str = "", until: Match | None = None) -> list[str]:
+        """The calls (of one tool) after the mark and before `until`, in order, as texts."""
+        return [" ".join(words) for words in self.words(since, tool, until)]
 
-    def words(self, since: Mark = Mark(0), tool: str = "") -> list[tuple[str, ...]]:
+    def words(self, since: Mark = Mark(0), tool: str = "",
+              until: Match | None = None) -> list[tuple[str, ...]]:
         """As `calls`, but the words that the tool got."""
-        return [event.data for event in self.events.since(since)
-                if not tool or event.data[0] == tool]
+        events = self.events.since(since) if until is None else self.events.until(until, since)
+        return [event.data for event in events if not tool or event.data[0] == tool]
 
     def refuse(self, pattern: str, status: int = 1) -> None:
         """From now on calls whose text has this pattern do nothing and end with this status."""

@@ -2,27 +2,16 @@
 
 import re
 import signal
-import time
 from pathlib import Path
-from typing import Callable
 
-from testbed import timeouts
 from testbed.tape import Mark
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 
 def mark_behind_log(unit: Unit) -> Mark:
     """The present end of the tape, behind every line that the log file has by now."""
-    unit.daemon.log_lines()
     return unit.mark()
-
-
-def wait_until(condition: Callable[[], object], what: str) -> None:
-    """Return once `condition` holds. Raises AssertionError when that does not come about."""
-    deadline = time.monotonic() + timeouts.EVENT
-    while not condition():
-        assert time.monotonic() < deadline, f"this never came about: {what}"
-        time.sleep(timeouts.POLL)
 
 
 def signal_set(unit: Unit, name: str) -> set[int]:

@@ -52,8 +52,8 @@ def mounts(unit: Unit, since=0) -> list[str]:
 @pytest.mark.parametrize("wrong_type", [False, True], ids=["refused", "of the wrong type"])
 def test_without_a_needed_property_a_volume_is_not_mounted(running_unit: Unit, method: str,
                                                            key: str, wrong_type: bool) -> None:
-    spoil(running_unit, method, key, wrong_type)
     since = mark_behind_log(running_unit)
+    spoil(running_unit, method, key, wrong_type)
     running_unit.hal.plug("usb stick")
     running_unit.settle()
     assert complaints(running_unit, method, wrong_type, since) == 1
@@ -65,8 +65,8 @@ def test_without_a_needed_property_a_volume_is_not_mounted(running_unit: Unit, m
 @pytest.mark.parametrize("wrong_type", [False, True], ids=["refused", "of the wrong type"])
 def test_without_another_property_a_volume_is_used(running_unit: Unit, method: str, key: str,
                                                    wrong_type: bool) -> None:
-    spoil(running_unit, method, key, wrong_type)
     since = mark_behind_log(running_unit)
+    spoil(running_unit, method, key, wrong_type)
     running_unit.hal.plug("usb stick")
     running_unit.application.expect_message("dataarrival", path="/media/sda1")
     running_unit.settle()
@@ -77,8 +77,8 @@ def test_without_another_property_a_volume_is_used(running_unit: Unit, method: s
 @pytest.mark.parametrize("wrong_type", [False, True], ids=["refused", "of the wrong type"])
 def test_without_its_mount_point_or_mode_a_mounted_volume_is_not_registered(
         running_unit: Unit, method: str, key: str, wrong_type: bool) -> None:
-    spoil(running_unit, method, key, wrong_type)
     since = mark_behind_log(running_unit)
+    spoil(running_unit, method, key, wrong_type)
     running_unit.hal.plug("usb stick")
     running_unit.daemon.expect_log(ERROR, "_DeviceMounted: Failed to get Volume Info")
     running_unit.settle()

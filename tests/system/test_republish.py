@@ -119,13 +119,14 @@ def test_republishing_needs_no_hardware_service(running_unit: Unit) -> None:
 def test_a_reinsertion_without_hardware_service_only_removes(running_unit: Unit) -> None:
     unit = running_unit
     registered(unit)
-    unit.hal.command("drop")
     since = mark(unit)
+    unit.hal.command("drop")
     unit.daemon.signal(signal.SIGUSR2)
     assert unit.application.next_text() == removal("/media/sda1")
     unit.daemon.expect_log(DEBUG, "_ManualScan:")
     unit.daemon.signal(signal.SIGUSR1)
     unit.daemon.expect_log(*_AGAIN)
+    unit.hal.command("return")
     lines = said(unit, since)
     assert lines[:7] == [*_SWEEP, *removed("/media/sda1"), (INFO, "_ManualScan()"),
                          (DEBUG, "_ManualScan:")]

@@ -37,7 +37,7 @@ def test_every_volume_is_withdrawn_at_once_and_nothing_announced_after(unit, too
     peer.expect_announcement("/media/sda1", WITHDRAWN)
     peer.expect_announcement("/srv/charts", WITHDRAWN)
     assert time.monotonic() - began < timeouts.at_most(0)
-    withdrawn = unit.mark()
+    withdrawn = unit.tape.mark()
     assert unit.daemon.wait() == 0
     assert peer.heard(withdrawn) == []
     texts = [line.text for line in unit.daemon.log_lines(since)
