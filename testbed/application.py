@@ -7,7 +7,7 @@ import struct
 import threading
 import time
 
-from testbed import timeouts
+from testbed import timeouts, waiting
 from testbed.frame import BadFrame, Frame, Message
 from testbed.sandbox import Sandbox
 from testbed.tape import Channel, Fence, Mark, Match, Tape, Wanted, no_fence
@@ -15,6 +15,8 @@ from testbed.tape import Channel, Fence, Mark, Match, Tape, Wanted, no_fence
 #: The path in the messages of a fence, which are no messages to a test.
 FENCE_PATH = "/media/voldrake-fence"
 _FENCE = b"fence "
+#: Of a listener, where the kernel's struct tcp_info has its queue.
+_LENGTH_AND_LIMIT = 24
 
 
 class Mode(enum.Enum):
@@ -151,15 +153,21 @@ class Application:
             self.events.record(f"(malformed frame: {error})", frame)
 
     def _fill_queue(self) -> None:
-        """Connect until the kernel lets a connection hang."""
-        while True:
-            filler = self._sandbox.in_network(socket.socket)
-            self._held.append(filler)
-            filler.settimeout(0.2)
-            try:
-                filler.connect(("127.0.0.1", self.port))
-            except TimeoutError:
-                return
+        """Connect until the kernel's queue is full; it then lets further connections hang."""
+        while not self._queue_is_full():
+            self._held.append(self._sandbox.in_network(
+                lambda: socket.create_connection(("127.0.0.1", self.port), timeouts.EVENT)))
+            waiting.wait_until(lambda: self._queued()[0] == len(self._held), "it is in the queue")
+
+    def _queue_is_full(self) -> bool:
+        length, limit = self._queued()
+        return length > limit
+
+    def _queued(self) -> tuple[int, int]:
+        """How many connections wait to be accepted, and the limit that they may exceed by one."""
+        assert self._listener
+        information = self._listener.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 32)
+        return struct.unpack_from("II", information, _LENGTH_AND_LIMIT)
 
     def _in_thread(self, body, *arguments) -> None:
         thread = threading.Thread(target=body, args=arguments, daemon=True)

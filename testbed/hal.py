@@ -154,6 +154,11 @@ class Hal:
         assert self.process
         return self.process.terminate()
 
+    def close(self) -> None:
+        """End the service, if it still runs, and require a good end."""
+        if self.process and not self.process.collected:
+            assert self.stop() == 0
+
     def _seen(self, since: Mark, until: Match | None) -> list[Event]:
         if until is not None:
             return self.events.until(until, since)

@@ -25,6 +25,7 @@ class Process:
         self.name = name
         self.out = out
         self.err = err
+        self.collected = False  # once `wait` has told the end
         self._entry = entry  # nsenter: it waits for the program and passes its status on
         self._writing = threading.Lock()
         self._reader: threading.Thread | None = None
@@ -52,6 +53,7 @@ class Process:
             self._reader.join(timeouts.STOP)
         if self._entry.stdin:
             self._entry.stdin.close()
+        self.collected = True
         return status
 
     def signal(self, number: int) -> None:

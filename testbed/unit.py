@@ -33,7 +33,7 @@ class Unit(Lifespan):
 
     Nothing is read without waiting for it. What lists events (`hal.calls`, `daemon.log_lines`,
     `application.frames`, `syslog.records`, `uevents.writes`) or shows a state (`links`, `media`,
-    `mounts`) makes a fence first: it has something happen that comes after everything that the
+    `mounts`, `content`, `entries`, `exists`) makes a fence first: it has something happen that comes after everything that the
     daemon was caused to do, waits until that is seen, and gives what came before it. Where a test
     knows such an event itself it names it as `until`, and the list ends there.
     """
@@ -144,8 +144,23 @@ class Unit(Lifespan):
 
     def media(self) -> list[str]:
         """Names of all entries of /media, sorted."""
+        return self.entries("/media")
+
+    def content(self, inside: str) -> str:
+        """The text of a file inside."""
         self._fence()
-        return sorted(os.listdir(self.sandbox.path("/media")))
+        return self.sandbox.path(inside).read_text("utf-8", "surrogateescape")
+
+    def entries(self, inside: str) -> list[str]:
+        """Names of all entries of a directory inside, sorted; none when there is no directory."""
+        self._fence()
+        directory = self.sandbox.path(inside)
+        return sorted(os.listdir(directory)) if directory.is_dir() else []
+
+    def exists(self, inside: str) -> bool:
+        """True when something has this path inside."""
+        self._fence()
+        return os.path.lexists(self.sandbox.path(inside))
 
     def mounts(self) -> dict[str, str]:
         """What is mounted in /media: mount point -> "ro" or "rw"."""

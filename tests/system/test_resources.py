@@ -126,5 +126,5 @@ def test_a_tool_gets_the_standard_streams_only(make_unit, network: Network,
     unit.hal.pull("stick")
     unit.application.expect_message("dataremoval")
     unit.settle()
-    seen = set(unit.sandbox.path("/srv/descriptors").read_text().split())
+    seen = set(unit.content("/srv/descriptors").split())
     assert seen == {"0", "1", "2", "3"}  # the last is the directory that the tool itself reads
