@@ -30,13 +30,3 @@ def processor_seconds(unit: Unit) -> float:
     """The processor time that the daemon's threads have used so far; to a nanosecond."""
     tasks = Path(f"/proc/{unit.daemon.process.pid}/task").iterdir()
     return sum(int((task / "schedstat").read_text().split()[0]) for task in tasks) / 1e9
-
-
-def wake_ups(unit: Unit) -> dict[str, int]:
-    """How often each of the daemon's threads, by its id, has waited for something so far."""
-    counts = {}
-    for task in Path(f"/proc/{unit.daemon.process.pid}/task").iterdir():
-        status = (task / "status").read_text()
-        counts[task.name] = int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)$", status,
-                                          re.MULTILINE)[1])
-    return counts

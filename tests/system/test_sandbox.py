@@ -135,7 +135,7 @@ def test_ends_with_the_process_that_made_it(log_directory: Path) -> None:
     assert [is_running(pid) for pid in inside] == [True, True]
     maker.kill()
     maker.wait()
-    wait_until(lambda: not any(is_running(pid) for pid in inside), "the sandbox ends with its maker")
+    wait_until(lambda: not any(is_running(pid) for pid in inside), "it ends with its maker")
 
 
 def test_works_without_any_privilege(tmp_path: Path) -> None:

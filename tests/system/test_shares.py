@@ -163,13 +163,17 @@ def test_a_share_that_is_repeated_stays_and_goes_three_seconds_after_it_fell_sil
     present = run(there, "--once", "4", "--json").splitlines()
     assert [json.loads(line)["event"] for line in present] == ["present"]
     assert repeating.terminate() == 0
-    with Strace(listing.process, there.logs / "strace", "-e", "trace=write,recvmsg,recvfrom") as trace:
+    with Strace(listing.process, there.logs / "strace", "-s", "500",
+                "-e", "trace=write,recvmsg,recvfrom") as trace:
         run(here, "announce", *SHARE)
-        # The next line after its appearance: in four seconds it did not go.
         assert listing.object()["event"] == "silent"
     heard = trace.times(r"^recv.*= [1-9]")
-    told, = trace.times('^write.*"silent')
+    told, = trace.times("^write.*silent")
     assert told - heard[-1] >= LIFE_SECONDS
+    # In the four seconds it did not go and come back.
+    assert listing.process.terminate() == 0
+    lines = listing.process.stdout().splitlines()
+    assert [json.loads(line)["event"] for line in lines] == ["appeared", "silent"]
 
 
 def test_once_lists_and_ends(here: Sandbox, there: Sandbox) -> None:
