@@ -82,7 +82,7 @@ def test_nothing_is_disturbed_unasked(unit: Unit) -> None:
 # ---- The delays in a program
 
 
-preloaded = pytest.mark.native("the daemon's libraries cannot be preloaded into other programs")
+preloaded = pytest.mark.native("the library is for the daemon alone")
 
 
 def delays_of(tmp_path: Path, settings: str) -> list[tuple[str, str]]:
