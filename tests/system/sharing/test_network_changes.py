@@ -7,12 +7,12 @@ import time
 import pytest
 
 from share_helpers import (CLEAR_EXPORTS, export, listens, network_table, open_descriptors,
-                           processor_share, start_listening, start_sharing, start_with_peer,
-                           wait_for)
+                           processor_share, start_listening, start_sharing, start_with_peer)
 from testbed import timeouts
 from testbed.daemon import DEBUG, INFO
 from testbed.peer import Announcement
 from testbed.strace import Strace
+from testbed.waiting import wait_until
 
 CHANGED = "CServicePublisher: Network Config Changed"
 NOT_JOINED = "CUdpRxSocket::_AddMultiCast: setsockopt(IP_ADD_MEMBERSHIP) failed! Error: 19"
@@ -129,7 +129,7 @@ def test_a_socket_that_cannot_be_bound_is_tried_again_in_the_next_pass(unit, too
     with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=bind",
                 "-e", "inject=bind:error=EADDRNOTAVAIL") as strace:
         unit.eth0.set_address("169.254.1.1")
-        wait_for(lambda: sum("sin_port=htons(0)" in line for line in strace.lines()) >= 2,
+        wait_until(lambda: sum("sin_port=htons(0)" in line for line in strace.lines()) >= 2,
                  "two tries to bind the transmit socket")
         assert unit.daemon.logged(INFO, CHANGED) == 0
         assert tools.calls() == []
@@ -146,7 +146,7 @@ def test_listening_begins_a_tenth_of_a_second_after_the_address_came(unit, tools
     assert not binds_the_port(unit)
     unit.eth0.set_address("169.254.1.1")
     came = time.monotonic()
-    wait_for(lambda: listens(unit), "the daemon joins the group")
+    wait_until(lambda: listens(unit), "the daemon joins the group")
     assert time.monotonic() - came < timeouts.at_most(0.1)
     peer.send(Announcement("/media/sda1"))
     unit.application.expect_message("dataarrival")
@@ -170,7 +170,7 @@ def test_joining_waits_for_a_route_and_costs_no_descriptors(unit, tools, peer,
     assert open_descriptors(unit) < descriptors + 4, "a few may be open just now"
     assert not listens(unit)
     unit.sandbox.run(["ip", "route", "add", route, "dev", "eth0"])
-    wait_for(lambda: listens(unit), "the daemon joins the group")
+    wait_until(lambda: listens(unit), "the daemon joins the group")
     peer.send(Announcement("/media/sda1"))
     unit.application.expect_message("dataarrival")
 
@@ -186,7 +186,7 @@ def test_a_port_that_is_taken_is_tried_again_and_costs_no_descriptors(unit, tool
         assert 0.65 < time_of_eight_tries(unit, NOT_BOUND) < timeouts.at_most(0.8)
         assert open_descriptors(unit) < descriptors + 4, "a few may be open just now"
         assert unit.daemon.logged(INFO, CLOSING) == 0
-    wait_for(lambda: listens(unit), "the daemon joins the group")
+    wait_until(lambda: listens(unit), "the daemon joins the group")
     peer.send(Announcement("/media/sda1"))
     unit.application.expect_message("dataarrival")
 

@@ -7,10 +7,11 @@ from pathlib import Path
 
 import pytest
 
-from share_helpers import add_quick_tools, start_listening, start_sharing, wait_for
+from share_helpers import add_quick_tools, start_listening, start_sharing
 from testbed import timeouts
 from testbed.daemon import WARNING
 from testbed.peer import Announcement
+from testbed.waiting import wait_until
 
 REAL = Announcement("/media/real", name="real")
 MANY = 10_000
@@ -47,8 +48,8 @@ def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
     assert len(strange) > 100
     assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
     friend.announce(Announcement("/media/after"))
-    wait_for((mounted / "169.254.3.8:-media-after").is_dir, "a real share is mounted")
-    wait_for(lambda: not any("flood" in path.name for path in mounted.iterdir()),
+    wait_until((mounted / "169.254.3.8:-media-after").is_dir, "a real share is mounted")
+    wait_until(lambda: not any("flood" in path.name for path in mounted.iterdir()),
              "the strange shares have gone", timeouts.RUN)
     assert (mounted / "169.254.3.8:-media-real").is_dir()
     assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
@@ -69,7 +70,7 @@ def test_shares_are_refused_while_thousands_of_messages_wait(unit, peer) -> None
     directory = unit.sandbox.path("/mnt/169.254.3.7:-media-real")
     peer.announce(REAL)
     unit.daemon.signal(signal.SIGUSR1)
-    wait_for(directory.is_dir, "the share is mounted, after all that are mounted anew",
+    wait_until(directory.is_dir, "the share is mounted, after all that are mounted anew",
              timeouts.RUN)
     assert unit.daemon.logged(WARNING, refusal) == 1
 

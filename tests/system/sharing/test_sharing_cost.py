@@ -4,11 +4,11 @@ import re
 import threading
 import time
 
-from share_helpers import (add_quick_tools, processor_share, reading_thread, start_listening,
-                           wait_for)
+from share_helpers import add_quick_tools, processor_share, reading_thread, start_listening
 from testbed import timeouts
 from testbed.peer import Announcement
 from testbed.strace import Strace
+from testbed.waiting import wait_until
 
 SHARE = Announcement("/media/sda1", name="A stick")
 MANY = 1000
@@ -23,8 +23,8 @@ def test_an_announcement_of_a_known_share_takes_six_system_calls(unit, tools, pe
                 thread=reading_thread(unit)) as strace:
         for number in range(1, 11):
             peer.send(SHARE)
-            wait_for(lambda: asked(strace) == number, "the sender is looked up")
-        wait_for(lambda: strace.lines()[-1].startswith("recvmsg("), "it waits for the next")
+            wait_until(lambda: asked(strace) == number, "the sender is looked up")
+        wait_until(lambda: strace.lines()[-1].startswith("recvmsg("), "it waits for the next")
     one = ["socket AF_INET", "ioctl SIOCGIFCONF", "ioctl SIOCGIFCONF", "close", "ioctl SIOCGARP",
            "recvmsg"]
     made = [kind for line in strace.lines() if (kind := kind_of(line)) != "futex"]
@@ -62,7 +62,7 @@ def test_a_thousand_shares_take_less_than_a_tenth_of_a_core(unit, peer) -> None:
     announcing.start()
     try:
         mounted = unit.sandbox.path("/mnt")
-        wait_for(lambda: len(list(mounted.iterdir())) == MANY, "all are mounted", timeouts.RUN)
+        wait_until(lambda: len(list(mounted.iterdir())) == MANY, "all are mounted", timeouts.RUN)
         used = processor_share(unit, 3.0)
         assert len(list(mounted.iterdir())) == MANY, "none was forgotten meanwhile"
     finally:

@@ -7,13 +7,13 @@ from typing import Callable
 
 import pytest
 
-from share_helpers import (listens, mount, skip_where_senders_are_not_looked_up, unmount,
-                           wait_for)
+from share_helpers import listens, mount, skip_where_senders_are_not_looked_up, unmount
 from testbed import timeouts
 from testbed.daemon import INFO
 from testbed.network import Network
 from testbed.tools import NfsTools
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 STICK = "usb stick"
 FILE = "charts/harbour.txt"
@@ -36,7 +36,7 @@ def make_units(make_unit: Callable[..., Unit], network: Network) -> Callable[...
             mac = "" if peer is None else units[peer].eth0.hardware_address()
             unit.start_daemon("--peer-mac", mac)
         for unit in units:
-            wait_for(lambda: listens(unit), "the daemon hears announcements")
+            wait_until(lambda: listens(unit), "the daemon hears announcements")
         return units
 
     return make
@@ -208,7 +208,7 @@ def test_the_peer_of_three_writes_and_the_third_only_reads(make_units) -> None:
     assert peer.application.expect_message("dataarrival", path=directory(0))["remote"] == "false"
     third.application.events.seek(0)
     assert third.application.expect_message("dataarrival", path=directory(0))["remote"] == "true"
-    wait_for(lambda: len(first.tools.exports) == 2, "both exports")
+    wait_until(lambda: len(first.tools.exports) == 2, "both exports")
     assert first.tools.exports == {
         "169.254.2.1:/media/sda1": "rw,no_root_squash,no_subtree_check",
         "*:/media/sda1": "ro,no_root_squash,no_subtree_check"}

@@ -5,13 +5,14 @@ import time
 
 import pytest
 
-from share_helpers import (listens, mount, open_descriptors, processor_share,
-                           reading_thread, start_listening, unmount, wait_for)
+from share_helpers import (listens, mount, open_descriptors, processor_share, reading_thread,
+                           start_listening, unmount)
 from testbed import timeouts
 from testbed.daemon import ERROR, INFO
 from testbed.peer import NUDGE_PORT, Announcement
 from testbed.strace import Strace
 from testbed.tape import Wanted
+from testbed.waiting import wait_until
 
 SHARE = Announcement("/media/sda1")
 DIRECTORY = "/mnt/169.254.3.7:-media-sda1"
@@ -119,7 +120,7 @@ def test_opening_goes_on_when_the_kernel_refuses(unit, tools, peer, log_director
             unit.daemon.expect_log(INFO, f"CUdpRxSocket::CreateSocket: {text}")
         assert open_descriptors(unit) < descriptors + 4, "a few may be open just now"
     unit.sandbox.run(["ip", "route", "add", "224.0.0.0/4", "dev", "eth0"])
-    wait_for(lambda: listens(unit), "the daemon joins the group")
+    wait_until(lambda: listens(unit), "the daemon joins the group")
     peer.send(SHARE)
     unit.application.expect_message("dataarrival", path=DIRECTORY)
 
@@ -161,7 +162,7 @@ def test_the_send_buffer_being_full_only_loses_announcements(unit, tools, peer,
     peer.expect_announcement("/srv/charts")
     with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=sendto", "-e",
                 "inject=sendto:error=ENOBUFS") as strace:
-        wait_for(lambda: sum("10000" in line for line in strace.lines()) >= 2,
+        wait_until(lambda: sum("10000" in line for line in strace.lines()) >= 2,
                  "two announcements that fail")
     since = unit.mark()
     peer.events.seek(since)
