@@ -11,7 +11,7 @@ import os
 import random
 import threading
 import time
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 from pathlib import Path
 from typing import Mapping
 
@@ -66,6 +66,11 @@ class Disturbance:
                 lowest.add(who)
         return Disturbance(choice.getrandbits(63), delays, frozenset(lowest), frozenset(idle),
                            choice.random() < 0.3)
+
+    def outside_programs(self) -> "Disturbance":
+        """The same one, but without delays in the calls of the programs."""
+        return replace(self, delays={who: delays for who, delays in self.delays.items()
+                                     if who not in PROGRAMS})
 
     def __str__(self) -> str:
         parts = [f"{who} delayed by up to {delays.longest * 1000:g} ms at one step of"

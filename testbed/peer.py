@@ -203,6 +203,11 @@ class Peer(Lifespan):
         heard = [event.data for event in self.events.until(until, since) if event.data]
         return [one for one in heard if one.port == port and FENCE_PATH.encode() not in one.raw]
 
+    def mark(self) -> Mark:
+        """A place on the tape behind all that came to this unit until now, for `since`."""
+        self._flush(PORT)
+        return self.events.tape.mark()
+
     def _flush(self, port: int) -> str:
         """Return when all that came to this port until now is recorded; the text of the event
         behind it."""
@@ -235,7 +240,7 @@ class Peer(Lifespan):
                 elif (level, kind) == (socket.SOL_SOCKET, _SO_TIMESTAMPNS):
                     seconds, nanoseconds = struct.unpack("@ll", value)
                     received = seconds + nanoseconds / 1e9
-            if sender[0] == _LOOPBACK:
+            if sender[0] == _LOOPBACK and raw.startswith(b"fence"):
                 self.events.record(raw.decode())
                 continue
             heard = Datagram(raw, *sender, destination, port, time_to_live, received)

@@ -36,6 +36,8 @@ def pytest_runtest_protocol(item: pytest.Item) -> Iterator[None]:
         yield
         return
     chosen = Disturbance.of(seed, _name(item.config, item.nodeid))
+    if item.get_closest_marker("undelayed"):
+        chosen = chosen.outside_programs()
     item.add_report_section("setup", "disturbance", str(chosen))
     disturbance.begin(chosen)
     try:

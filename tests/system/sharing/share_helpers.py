@@ -20,6 +20,11 @@ FLUSH_EXPORTS = "exportfs -f"
 #: once.
 LIFE = 2.8
 
+#: In a trace: an announcement or withdrawal of the daemon's own that is sent.
+TO_GROUP = "sendto.*224.1.1.1"
+#: Seconds between two passes of the publisher, less what the clock of a trace may be off.
+PASS = 0.99
+
 _GROUP_IN_KERNEL_TABLE = "010101E0"  # 224.1.1.1
 
 
