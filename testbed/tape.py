@@ -11,7 +11,7 @@ import time
 from dataclasses import dataclass, field
 from typing import Any, Callable, NewType
 
-from testbed import timeouts
+from testbed import disturbance, timeouts
 
 # Events are recorded by several threads; each is to get its turn soon after its event.
 sys.setswitchinterval(0.0005)
@@ -61,6 +61,7 @@ class Tape:
 
     def record(self, source: str, text: str, data: Any = None) -> Event:
         """Append an event that happens now."""
+        disturbance.hold_up(source)
         with self.added:
             event = Event(time.monotonic(), source, text, data)
             self.events.append(event)
@@ -69,6 +70,7 @@ class Tape:
 
     def mark(self) -> Mark:
         """The tape's end as it is now, to be given to `since`."""
+        disturbance.hold_up("mark")
         with self.added:
             return Mark(len(self.events))
 
