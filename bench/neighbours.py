@@ -48,7 +48,7 @@ def _at_rest(logs: Path, packages: Path, name: str, command: list[str],
         process = place.spawn([str(_INSIDE / command[0]), *command[1:]],
                               environment={"LD_LIBRARY_PATH": str(libraries)})
         time.sleep(5)  # its start-up
-        if process.poll() is not None or process.pid is None:
+        if process.ended() or process.pid is None:
             raise CannotMeasure(_last_line(process.stdout() + process.stderr()))
         before, begin = wake_ups(process.pid), time.monotonic()
         time.sleep(seconds)

@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import re
 import time
 from pathlib import Path
 from typing import Callable, Iterator, Mapping, Sequence
@@ -77,12 +78,10 @@ class Stage(Sandbox):
         driver = self.spawn([self.program(DRIVER), "arrivals", str(count), PORT, *command],
                             stdin=True)
 
-        def arrived() -> bool:
-            if driver.poll() is not None:
-                raise CannotMeasure(f"bench-driver: {driver.stderr().strip()[-300:]}")
-            return len(driver.stdout().splitlines()) >= count
-
-        wait_until(arrived, f"{count} sticks have arrived")
+        try:
+            driver.expect_stdout(re.compile(rf"\A(.*\n){{{count}}}"), _TIMEOUT)
+        except AssertionError as failure:
+            raise CannotMeasure(f"bench-driver: {str(failure)[-300:]}") from None
         return driver
 
     def pid_of(self, program: str) -> int:

@@ -5,7 +5,6 @@ import itertools
 import socket
 import struct
 import threading
-import time
 
 from testbed import timeouts, waiting
 from testbed.frame import BadFrame, Frame, Message
@@ -99,7 +98,8 @@ class Application:
             assert self._mode is Mode.READ, "no frame is read in this mode"
             self._fence()
             self.flush()
-        return [event.data for event in self.events.since(since) if event.data]
+        return [event.data for event in self.events.up_to(self.events.tape.mark(), since)
+                if event.data]
 
     def flush(self) -> None:
         """Return when all connections that were made until now are recorded.
@@ -118,9 +118,8 @@ class Application:
                 connection, _ = listener.accept()
             except OSError:
                 return  # not listening any more
-            accepted = time.monotonic()
             if mode is Mode.READ:
-                self._read(connection, accepted)  # one after the other, so that their order holds
+                self._read(connection)  # one after the other, so that their order holds
                 continue
             self.events.record(f"(a connection; {mode.value})")
             if mode is Mode.NEVER_READ:
@@ -132,7 +131,7 @@ class Application:
                 with connection:
                     connection.recv(8)
 
-    def _read(self, connection: socket.socket, accepted: float) -> None:
+    def _read(self, connection: socket.socket) -> None:
         raw = b""
         with connection:
             connection.settimeout(timeouts.STOP)
@@ -145,7 +144,7 @@ class Application:
         if raw.startswith(_FENCE):
             self.events.record(raw.removeprefix(_FENCE).decode())
             return
-        frame = Frame(raw, accepted, time.monotonic())
+        frame = Frame(raw)
         try:
             text = frame.text()
             self.events.record(text, None if f'"{FENCE_PATH}"' in text else frame)

@@ -1,8 +1,5 @@
 """The private message bus that is a unit's system bus."""
 
-import threading
-
-from testbed import timeouts
 from testbed.process import Process
 from testbed.sandbox import Sandbox
 
@@ -37,11 +34,10 @@ class Bus:
         socket = self._sandbox.path(_SOCKET)
         socket.parent.mkdir(exist_ok=True)
         socket.unlink(missing_ok=True)  # of a bus that was killed
-        ready = threading.Event()
         self.process = self._sandbox.spawn(
             ["dbus-daemon", "--config-file=/etc/dbus-1/unit.conf", "--nofork", "--nopidfile",
-             "--print-address=1"], "bus", on_line=lambda _: ready.set())
-        assert ready.wait(timeouts.START), f"no message bus: {self.process.stderr()}"
+             "--print-address=1"], "bus")
+        self.process.expect_stdout("unix:")
 
     def stop(self) -> None:
         """End the bus in good order."""

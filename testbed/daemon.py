@@ -122,12 +122,13 @@ class Daemon:
         self.events.record(f"signal {signal.Signals(number).name}")
         self.process.signal(number)
 
-    def running(self) -> bool:
-        """True while it has not ended."""
-        return self.process is not None and self.process.poll() is None
+    def ended(self) -> bool:
+        """True before its start and when its end is seen. That it runs on is shown by what it
+        still does: `Unit.settle`."""
+        return self.process is None or self.process.ended()
 
     def stderr(self) -> str:
-        """What it has written to standard error so far."""
+        """What it has written to standard error; waits for its end."""
         assert self.process
         return self.process.stderr()
 
@@ -144,7 +145,7 @@ class Daemon:
             return self.log.until(until, since)
         self._fence()
         self.flush()
-        return self.log.since(since)
+        return self.log.up_to(self.log.tape.mark(), since)
 
 
 class _LogTail:
@@ -169,7 +170,7 @@ class _LogTail:
         file = Path(self._path)
         if file.parent.is_dir():
             self._watch = filewatch.FileWatch(
-                lambda _, name: self.drain() if name == file.name else None)
+                lambda _, name, __: self.drain() if name == file.name else None)
             self._watch.add(file.parent, filewatch.MODIFIED | filewatch.APPEARED)
             self._watch.start()
 

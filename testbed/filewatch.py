@@ -11,7 +11,7 @@ from typing import Callable
 from testbed.namespaces import checked
 
 #: What can be watched for.
-MODIFIED, CLOSED_AFTER_WRITING = 0x0002, 0x0008
+MODIFIED, CLOSED_AFTER_WRITING, OPENED = 0x0002, 0x0008, 0x0020
 APPEARED, DISAPPEARED = 0x0080 | 0x0100, 0x0040 | 0x0200
 
 _RECORD = struct.Struct("iIII")
@@ -19,13 +19,13 @@ _libc = ctypes.CDLL(None, use_errno=True)
 
 
 class FileWatch:
-    """Calls `on_change(path, name)` on a thread of its own for each change, in their order.
+    """Calls `on_change(path, name, change)` on a thread of its own for each change, in their order.
 
-    `path` is what was added; `name` is the changed entry in it when that is a directory. Changes
-    that follow from one another faster than they are read can be reported as one.
+    `path` is what was added; `name` is the changed entry in it when that is a directory. The same
+    change of the same thing twice in succession can be reported once.
     """
 
-    def __init__(self, on_change: Callable[[Path, str], None]) -> None:
+    def __init__(self, on_change: Callable[[Path, str, int], None]) -> None:
         self._on_change = on_change
         self._inotify = checked(_libc.inotify_init1(os.O_CLOEXEC), "inotify_init1")
         self._stop_read, self._stop_write = os.pipe()
@@ -60,8 +60,8 @@ class FileWatch:
 
     def _report(self, records: bytes) -> None:
         while records:
-            watch, _, _, length = _RECORD.unpack_from(records)
+            watch, change, _, length = _RECORD.unpack_from(records)
             name = records[_RECORD.size:_RECORD.size + length].rstrip(b"\0")
             records = records[_RECORD.size + length:]
             if watch in self._paths:
-                self._on_change(self._paths[watch], os.fsdecode(name))
+                self._on_change(self._paths[watch], os.fsdecode(name), change)

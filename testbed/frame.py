@@ -21,11 +21,9 @@ class BadFrame(AssertionError):
 
 @dataclass(frozen=True)
 class Frame:
-    """The bytes of one connection, with the monotonic times of its beginning and its end."""
+    """The bytes of one connection."""
 
     raw: bytes
-    accepted: float
-    completed: float
 
     def text(self) -> str:
         """The text in the frame. Raises BadFrame."""

@@ -132,7 +132,7 @@ class Hal:
 
     def flush(self) -> None:
         """Return when all that the service has written until now is recorded."""
-        if self.process and self.process.poll() is None:
+        if self.process and not self.process.ended():
             self._exchange(f"show {_ROOT_DEVICE}")
 
     def settle(self) -> None:
@@ -164,7 +164,7 @@ class Hal:
             return self.events.until(until, since)
         self._fence()
         self.flush()
-        return self.events.since(since)
+        return self.events.up_to(self.events.tape.mark(), since)
 
     def _announce_nothing(self) -> None:
         mark = self.events.tape.mark()

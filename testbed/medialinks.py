@@ -15,7 +15,7 @@ class MediaLinks:
         self.events = Channel(tape, "links")
         self._directory = directory
         self._known: dict[str, str] = {}
-        self._watch = filewatch.FileWatch(lambda _, name: self._changed(name))
+        self._watch = filewatch.FileWatch(lambda _, name, __: self._changed(name))
         self._watch.add(directory, filewatch.APPEARED | filewatch.DISAPPEARED)
         self._watch.start()
 

@@ -1,10 +1,9 @@
 """The display application of the demo: `voldrake-monitor` inside the sandbox."""
 
 import json
-import time
 from dataclasses import dataclass
 
-from testbed import target, timeouts
+from testbed import target
 from testbed.process import Process
 from testbed.sandbox import Sandbox
 from testbed.tape import Channel, Tape
@@ -48,11 +47,7 @@ class Monitor:
         self._process = self._sandbox.spawn(
             [target.program("voldrake-monitor"), "--port", str(self._port), "--json"], "monitor",
             on_line=self._line)
-        deadline = time.monotonic() + timeouts.START
-        while "listening" not in self._process.stderr():
-            if self._process.poll() is not None or time.monotonic() > deadline:
-                raise RuntimeError(f"voldrake-monitor does not listen: {self._process.stderr()}")
-            time.sleep(timeouts.POLL)
+        self._process.expect_stderr("listening")
         self.present = True
         self.presence.record("the display application is there")
 

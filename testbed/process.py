@@ -36,9 +36,9 @@ class Process:
             self._reader.start()
         self.pid = self._find_program()
 
-    def poll(self) -> int | None:
-        """Exit status, negative for a signal, or None while it runs."""
-        return self._entry.poll()
+    def ended(self) -> bool:
+        """True when its end is seen. It may end at any time after that was false."""
+        return self._entry.poll() is not None
 
     def wait(self, timeout: float = timeouts.STOP) -> int:
         """Wait for the end and for all output; the exit status, negative for a signal.
@@ -58,7 +58,7 @@ class Process:
 
     def signal(self, number: int) -> None:
         """Send a signal; nothing happens when the program has ended."""
-        if self.pid and self.poll() is None:
+        if self.pid and not self.ended():
             try:
                 os.kill(self.pid, number)
             except ProcessLookupError:
@@ -109,18 +109,20 @@ class Process:
         return self._expect(self.err, text, timeout)
 
     def stdout(self) -> str:
-        """What it has written to standard output so far."""
+        """What it has written to standard output; waits for its end."""
+        self.wait()
         return self.out.read_text("utf-8", "surrogateescape")
 
     def stderr(self) -> str:
-        """What it has written to standard error so far."""
+        """What it has written to standard error; waits for its end."""
+        self.wait()
         return self.err.read_text("utf-8", "surrogateescape")
 
     def _expect(self, file: Path, text: str | re.Pattern[str], timeout: float) -> re.Match[str]:
         pattern = re.compile(re.escape(text)) if isinstance(text, str) else text
 
         def look() -> re.Match[str] | None:
-            ended = self.poll() is not None
+            ended = self.ended()
             found = pattern.search(file.read_text("utf-8", "surrogateescape"))
             if ended and not found:
                 self.wait()

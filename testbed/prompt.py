@@ -78,8 +78,9 @@ def _list(stage: Stage, _: list[str]) -> None:
 
 def _log(stage: Stage, words: list[str]) -> None:
     count = int(words[0]) if words and words[0].isdigit() else 20
-    for event in stage.unit.daemon.log.since()[-count:]:
-        print(f"  {event.text}")
+    lines = [event.text for event in stage.unit.tape.shown() if event.source == "log"]
+    for line in lines[-count:]:
+        print(f"  {line}")
 
 
 def _back(stage: Stage, _: list[str]) -> None:

@@ -1,7 +1,6 @@
 """What the demo plays on: a unit whose display application is the monitor."""
 
 import signal
-import time
 from pathlib import Path
 
 from testbed import cardreader, timeouts
@@ -13,6 +12,7 @@ from testbed.network import Network
 from testbed.tape import Wanted
 from testbed.tools import NfsTools
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 CONFIGURATION = """\
 name=Chart Port
@@ -71,12 +71,12 @@ class Stage(Lifespan):
 
         False when that is not so after `timeout` seconds.
         """
-        self.unit.settle()
-        deadline = time.monotonic() + timeout
-        while self._announced() > len(self.monitor.events.since()):
-            if time.monotonic() > deadline:
-                return False
-            time.sleep(timeouts.POLL)
+        announced = sum(line.text.startswith("<message ")
+                        for line in self.unit.daemon.log_lines())
+        try:
+            wait_until(lambda: self._told() >= announced, "all is told", timeout)
+        except AssertionError:
+            return False
         return True
 
     def expect_told(self, message: str, path: str, timeout: float = timeouts.EVENT) -> None:
@@ -95,5 +95,5 @@ class Stage(Lifespan):
         """Wait for the daemon's end, to which it was told; its exit status."""
         return self.unit.daemon.wait(timeouts.STOP)
 
-    def _announced(self) -> int:
-        return sum(line.text.startswith("<message ") for line in self.unit.daemon.log_lines())
+    def _told(self) -> int:
+        return sum(isinstance(event.data, Told) for event in self.unit.tape.shown())

@@ -23,7 +23,7 @@ Mark = NewType("Mark", int)
 class Event:
     """One thing that happened. `data` is what the channel makes of `text`, or None."""
 
-    time: float  # monotonic
+    time: float  # monotonic, and the observer's: it may have been late
     source: str
     text: str
     data: Any = field(default=None, compare=False)
@@ -74,13 +74,14 @@ class Tape:
         with self.added:
             return Mark(len(self.events))
 
-    def since(self, mark: Mark = Mark(0)) -> list[Event]:
-        """All events after the mark."""
+    def shown(self, since: Mark = Mark(0)) -> list[Event]:
+        """What stands there after the mark, to be shown. What is missing may be just about to be
+        recorded."""
         with self.added:
-            return self.events[mark:]
+            return self.events[since:]
 
     def __str__(self) -> str:
-        return "\n".join(self._line(event) for event in self.since())
+        return "\n".join(self._line(event) for event in self.shown())
 
     def _line(self, event: Event) -> str:
         text = event.text.encode("unicode_escape").decode("ascii")
@@ -98,10 +99,6 @@ class Channel:
     def record(self, text: str, data: Any = None) -> Event:
         """Append an event of this source that happens now."""
         return self.tape.record(self.source, text, data)
-
-    def since(self, mark: Mark = Mark(0)) -> list[Event]:
-        """This source's events after the mark."""
-        return [event for event in self.tape.since(mark) if event.source == self.source]
 
     def seek(self, mark: Mark) -> None:
         """Put the cursor at the mark."""
@@ -138,8 +135,12 @@ class Channel:
         reader = Channel(self.tape, self.source)
         reader.seek(since)
         reader.expect(match, timeout)
-        behind = reader._cursor - 1
-        return [event for event in self.tape.since()[since:behind] if event.source == self.source]
+        return self.up_to(Mark(reader._cursor - 1), since)
+
+    def up_to(self, mark: Mark, since: Mark = Mark(0)) -> list[Event]:
+        """This source's events between two marks. For observers, which have made sure that all
+        they have to record stands before the second one."""
+        return [event for event in self.tape.shown()[since:mark] if event.source == self.source]
 
     def _report(self, match: Match, timeout: float) -> str:
         if isinstance(match, re.Pattern):

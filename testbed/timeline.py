@@ -67,7 +67,7 @@ class _Reader:
 
     def rows(self) -> Iterator[tuple[float, Row]]:
         """Time and row for everything since the last time."""
-        events = self._tape.since(self._read)
+        events = self._tape.shown(self._read)
         self._read = Mark(self._read + len(events))
         for event in events:
             for row in self._rows_of(event):

@@ -21,8 +21,3 @@ RUN = 20 * SCALE
 
 #: How often something is looked at that cannot announce itself.
 POLL = 0.005
-
-
-def at_most(seconds: float) -> float:
-    """An upper limit for a duration that the daemon promises, with room for a busy machine."""
-    return seconds * SCALE + 0.4 * SCALE

@@ -88,9 +88,10 @@ class NfsTools:
     def words(self, since: Mark = Mark(0), tool: str = "",
               until: Match | None = None) -> list[tuple[str, ...]]:
         """As `calls`, but the words that the tool got."""
-        if until is None and self._unit.daemon.running():
+        if until is None and not self._unit.daemon.ended():
             self._unit.settle()
-        events = self.events.since(since) if until is None else self.events.until(until, since)
+        events = (self.events.up_to(self.events.tape.mark(), since) if until is None
+                  else self.events.until(until, since))
         return [event.data for event in events if tool in ("", event.data[0])
                 and not event.data[-1].endswith(FENCE_PATH)]
 

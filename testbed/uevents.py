@@ -9,6 +9,8 @@ from typing import Iterable
 from testbed import filewatch
 from testbed.tape import Channel, Fence, Mark, Match, Tape, no_fence
 
+#: Without the opening in between, two writes to one file would be one change.
+_CHANGES = filewatch.OPENED | filewatch.CLOSED_AFTER_WRITING
 #: What stands for one write when several were made to a file before it was read.
 _WORD = re.compile(r"remove|add|change|.+", re.DOTALL)
 
@@ -38,7 +40,7 @@ class Uevents:
             os.mkfifo(file)
             self._pipes[file] = os.open(file, os.O_RDWR | os.O_NONBLOCK | os.O_CLOEXEC)
             self._unread[file] = ""
-            self._watch.add(file, filewatch.CLOSED_AFTER_WRITING)
+            self._watch.add(file, _CHANGES)
         self._watch.start()
 
     def writes(self, since: Mark = Mark(0), until: Match | None = None) -> list[str]:
@@ -66,7 +68,9 @@ class Uevents:
             os.close(pipe)
         self._pipes.clear()
 
-    def _written(self, file: Path, _: str) -> None:
+    def _written(self, file: Path, _: str, change: int) -> None:
+        if change != filewatch.CLOSED_AFTER_WRITING:
+            return
         try:
             self._unread[file] += os.read(self._pipes[file], 65536).decode()
         except BlockingIOError:

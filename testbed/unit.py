@@ -80,7 +80,7 @@ class Unit(Lifespan):
 
     def close(self) -> None:
         """End everything; the logs and the tape remain. May be called again."""
-        if self.daemon.running():
+        if not self.daemon.ended():
             self.daemon.kill()
         self.daemon.close()
         self.application.leave()
@@ -196,7 +196,7 @@ class Unit(Lifespan):
         At once when the daemon is not running. Requires, while it is: `settle` can be used, or
         will be once the start-up scan has begun.
         """
-        if self.daemon.running():
+        if not self.daemon.ended():
             scan = Channel(self.tape, "hal")
             scan.seek(self.daemon.started)
             scan.expect(re.compile(r"^call .*\.FindDeviceByCapability\("), timeouts.START)
@@ -208,7 +208,7 @@ class Unit(Lifespan):
         A stick of its own comes and goes; its messages are the last. Requires, while the daemon
         is running: as `_fence`, the application reads, and sticks are not excluded.
         """
-        if not self.daemon.running():
+        if self.daemon.ended():
             return
         self._fence()
         told = Channel(self.tape, "app")

@@ -124,7 +124,7 @@ def test_without_its_bus_the_daemon_keeps_telling_what_it_knows(running_unit: Un
 
 def test_the_loss_of_the_bus_is_told_at_once_and_once(running_unit: Unit) -> None:
     mark_in_the_log(running_unit)  # and no query is under way any more
-    since = mark_behind_log(running_unit)
+    since = running_unit.tape.mark()
     running_unit.bus.kill()
     running_unit.daemon.log.expect(Wanted(
         "a line about the loss", lambda event: event.data and event.data.level <= WARNING))

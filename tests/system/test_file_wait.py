@@ -9,6 +9,8 @@ from testbed.daemon import INFO
 from testbed.strace import Trace
 from testbed.unit import Unit
 
+pytestmark = pytest.mark.undelayed("its pauses are counted")
+
 WAITING = "Voldrake waiting for files to appear"
 NOT_FOUND = "Some files not found"
 ONE, OTHER = "/etc/one", "/etc/other"

@@ -1,7 +1,5 @@
 """What an earlier run left at a new mount point: it is cleared away, and nothing else ever is."""
 
-import os
-
 import pytest
 
 from local_volumes import DEVICES, STICK, STICK_VOLUME, arrival, mark, said

@@ -339,7 +339,7 @@ def test_two_volumes_at_one_mount_point_are_one_share(unit, tools, peer) -> None
     assert tools.calls(after_first) == []
     assert [datagram.announcement().message_type for datagram in peer.heard(since)].count(
         WITHDRAWN) == 1
-    assert unit.daemon.running()
+    unit.settle()
 
 
 @pytest.mark.parametrize("spare", [0, 1], ids=["exactly fits", "is one byte too long"])

@@ -53,7 +53,8 @@ def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
              "the strange shares have gone", timeouts.RUN)
     wait_until((mounted / "169.254.3.8:-media-real").is_dir, "the real share is mounted")
     assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
-    assert unit.daemon.running()
+    unit.settle()
+    assert unit.daemon.terminate() == 0
     assert unit.daemon.stderr() == ""
 
 
@@ -94,7 +95,7 @@ def test_a_thousand_senders_that_do_not_exist(unit, make_peer, prefix: str) -> N
     errors = unit.mark()
     for number in range(1200):
         stranger.send_from(f"{prefix}.{100 + number // 250}.{1 + number % 250}", REAL)
-    assert unit.daemon.running()
+    unit.settle()
     friend.announce(Announcement("/media/after"))
     unit.application.expect_message("dataarrival", path="/mnt/169.254.3.8:-media-after")
     assert len(unit.daemon.log_lines(errors)) < 50, "the log is not flooded"

@@ -148,7 +148,7 @@ def test_a_strange_datagram_is_taken(unit, tools, peer, datagram: bytes, path: s
     peer.send(datagram)
     assert unit.application.expect_message("dataarrival")["path"] == (
         f"/mnt/169.254.3.7:{path.replace('/', '-')}")
-    assert unit.daemon.running()
+    unit.settle()
 
 
 @pytest.mark.parametrize("length", [1499, 1500, 1501, 4000])
@@ -191,7 +191,8 @@ def test_random_bytes_do_no_harm(unit, tools, peer) -> None:
         if number % 20 == 19:  # as fast as the daemon can take it
             peer.send(Announcement(f"/{number}"))
             unit.application.expect_message("dataarrival", path=f"/mnt/169.254.3.7:-{number}")
-    assert unit.daemon.running()
+    unit.settle()
+    assert unit.daemon.terminate() == 0
     assert unit.daemon.stderr() == ""
     assert len(tools.calls(tool="mount")) > 50
     assert unit.daemon.strange_lines() == []

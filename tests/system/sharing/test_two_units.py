@@ -142,7 +142,7 @@ def test_a_unit_killed_without_farewell_is_forgotten(make_units, log_directory) 
         second.application.expect_message("dataremoval", path=directory(0))
     assert seconds_of_silence(strace, "/media/sda1") > LIFE
     assert second.tools.calls(tool="umount") == [unmount(directory(0))]
-    assert second.daemon.running()
+    second.settle()
 
 
 def test_an_orderly_farewell_takes_the_shares_away(make_units) -> None:

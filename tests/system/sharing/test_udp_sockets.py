@@ -100,7 +100,7 @@ def test_an_address_that_cannot_be_a_sender(unit, tools, peer, source: str) -> N
     unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-real")
     assert tools.calls(tool="mount") == [
         mount("ro", "169.254.3.7:/media/real", "/mnt/169.254.3.7:-media-real")]
-    assert unit.daemon.running()
+    unit.settle()
 
 
 def test_datagrams_to_the_unit_alone_count_too(unit, tools, peer) -> None:
