@@ -46,13 +46,15 @@ class Daemon:
     what is not one), channel "daemon" its start and its end.
     """
 
-    def __init__(self, sandbox: Sandbox, tape: Tape, fence: Fence = no_fence) -> None:
+    def __init__(self, sandbox: Sandbox, tape: Tape, fence: Fence = no_fence,
+                 fence_before_start: Fence = no_fence) -> None:
         self.log = Channel(tape, "log")
         self.events = Channel(tape, "daemon")
         self.process: Process | None = None
         self.started = Mark(0)  # the tape's end before the last start
         self._sandbox = sandbox
         self._fence = fence
+        self._fence_before_start = fence_before_start
         self._tail = _LogTail(sandbox, self.log)
 
     def start(self, *arguments: str, environment: dict[str, str] | None = None,
@@ -69,6 +71,7 @@ class Daemon:
         if debug_level is not None:
             options += ["--debuglevel", str(debug_level)]
         options += arguments
+        self._fence_before_start()
         self.started = self.events.tape.mark()
         self.events.record(" ".join(["started: voldrake", *options]))
         self._tail.start(log_file or LOG_FILE)

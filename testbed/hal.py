@@ -65,6 +65,7 @@ class Hal:
         self._sandbox = sandbox
         self._answers: queue.Queue[str] = queue.Queue()
         self._commanding = threading.Lock()
+        self._commanded = False  # since its signals were passed on
 
     def start(self, *arguments: str, script: str = "", real_mounts: bool = True) -> None:
         """Start the service; it owns its name on return (unless "--absent" is among the arguments).
@@ -96,6 +97,7 @@ class Hal:
         The events that it causes at once are on the tape on return.
         """
         self.events.record(f"> {text}")
+        self._commanded = True
         return self._exchange(text)
 
     def plug(self, text: str) -> dict[str, str]:
@@ -117,9 +119,9 @@ class Hal:
         return self.events.expect(call(member, path), timeout).data
 
     def caller(self) -> str:
-        """The bus name of the daemon, which makes the first call."""
+        """The bus name of the daemon: who begins with the search for volumes."""
         first = Channel(self.events.tape, self.events.source)
-        return first.expect(call(), timeouts.START).data.sender
+        return first.expect(call("FindDeviceByCapability"), timeouts.START).data.sender
 
     def calls(self, since: Mark = Mark(0), until: Match | None = None) -> list[Call]:
         """The calls after the mark, in order, without those of fences; see `Unit` for `until`."""
@@ -129,6 +131,17 @@ class Hal:
     def lines(self, since: Mark = Mark(0), until: Match | None = None) -> list[str]:
         """As `calls`, but all event lines, and the commands after "> "."""
         return [event.text for event in self._seen(since, until)]
+
+    def flush_signals(self) -> None:
+        """Return when the bus has passed on what the service has sent until now.
+
+        Then nobody who comes now hears of it. The service's answer to a client comes behind it.
+        """
+        if self._commanded and self.unique_name and not self.process.ended():
+            self._commanded = False
+            self._sandbox.run([
+                "dbus-send", "--system", "--print-reply", f"--dest={self.unique_name}",
+                _ROOT_DEVICE, "org.freedesktop.Hal.Device.PropertyExists", "string:info.udi"])
 
     def flush(self) -> None:
         """Return when all that the service has written until now is recorded."""

@@ -51,7 +51,7 @@ class Unit(Lifespan):
         self.application = Application(self.sandbox, self.tape, port, self._fence_messages)
         self.syslog = Syslog(self.tape, self._fence)
         self.uevents = Uevents(self.tape, self._fence)
-        self.daemon = Daemon(self.sandbox, self.tape, self._fence)
+        self.daemon = Daemon(self.sandbox, self.tape, self._fence, self.hal.flush_signals)
         self.eth0: Interface | None = None
         self._mmc_hosts = mmc_hosts
         self._family = family

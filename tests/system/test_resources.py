@@ -19,6 +19,8 @@ from testbed.tape import Wanted
 from testbed.unit import Unit
 from testbed.waiting import wait_until
 
+pytestmark = pytest.mark.undelayed("its waits are counted")
+
 PERIOD = 2.0
 #: How long each thread waits at a time, in seconds; NEVER for those that only wait for events: the
 #: main thread, the one that catches signals for it, the browser on a network.
