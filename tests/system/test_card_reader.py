@@ -9,6 +9,7 @@ from local_volumes import arrival, checked, mark, said, told
 from testbed import cardreader
 from testbed.daemon import DEBUG, INFO
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 _SERIAL = "0353445355303847800A5B1C4A00F3D1"
 _READER = "reader rd port=1-1.3 product=0x4040"
@@ -50,8 +51,8 @@ def script(unit: Unit, *lines: str, name: str = "sda1") -> None:
 
 def recorded(unit: Unit, device: str = "/dev/sda1", *, expected: tuple[str, ...]) -> None:
     """Check everything that was done to the device nodes so far."""
-    file = unit.sandbox.path(cardreader.SCRIPTS) / "record"
-    lines = file.read_text().splitlines() if file.exists() else []
+    file = f"{cardreader.SCRIPTS}/record"
+    lines = unit.content(file).splitlines() if unit.exists(file) else []
     assert lines == [line.format(device) for line in expected]
 
 
@@ -90,7 +91,7 @@ def test_a_card_is_known_by_what_the_reader_answers(reader_unit: Unit, reader: s
     assert (DEBUG, _SERIAL) in lines
     assert (INFO, f"_PrintHalVolumeInfo: Cid = {_SERIAL}") in lines
     assert failures(unit, since) == []
-    assert descriptors(unit) == before
+    wait_until(lambda: descriptors(unit) == before, "the former descriptors are open")
 
 
 @_with_map
@@ -154,7 +155,7 @@ def test_a_reader_that_does_not_answer_gives_zeros(reader_unit: Unit, behaviour:
     assert (INFO, f"_PrintHalVolumeInfo: Cid = {32 * '0'}") in said(unit, since)
     if behaviour == "descriptor 0":
         before.remove("/dev/null")
-    assert descriptors(unit) == before
+    wait_until(lambda: descriptors(unit) == before, "the former descriptors are open")
 
 
 @_with_map
@@ -177,7 +178,7 @@ def test_a_device_that_is_no_reader_gives_zeros(unit: Unit, device: str) -> None
         "/media/CHARTS", card=True, key=checked(32 * "0"), name="KR20 - 1")
     unit.settle()
     assert failures(unit, since) == [(INFO, f"{_FAILED}{device}")]
-    assert descriptors(unit) == before
+    wait_until(lambda: descriptors(unit) == before, "the former descriptors are open")
 
 
 @pytest.mark.parametrize("reader, name", [
