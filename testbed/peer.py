@@ -167,6 +167,16 @@ class Peer(Lifespan):
                              socket.IPPROTO_UDP, 0, socket.inet_aton(source), socket.inet_aton(to))
         self._raw_sender.sendto(header + udp, (to, 0))
 
+    def share(self, *volumes: Announcement) -> None:
+        """Announce the volumes, often, until `withdraw`: they are not forgotten meanwhile."""
+        self.announce(*volumes, period=0.2)
+
+    def withdraw(self, volume: Announcement) -> None:
+        """Announce nothing any more and withdraw this volume."""
+        for announcer in self.announcers:
+            announcer.stop()
+        self.send(volume.withdrawal())
+
     def announce(self, *volumes: Announcement, period: float = 1.0) -> "Announcer":
         """Announce the volumes now and once a period from now on, until it is stopped."""
         announcer = Announcer(self, volumes, period)

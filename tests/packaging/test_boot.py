@@ -83,7 +83,8 @@ def test_does_its_work_within_the_units_limits(system: BootedRoot) -> None:
     main = shown(system, "MainPID")
     assert system.run(f"readlink /proc/{main}/ns/mnt") == system.run("readlink /proc/1/ns/mnt")
     assert "2\n" == system.run(f"sed -n 's/^Seccomp:\t//p' /proc/{main}/status")
-    assert "_ManualScan" in system.run("journalctl --no-pager _SYSTEMD_UNIT=voldrake.service")
+    system.wait_for(lambda: "_ManualScan" in system.run(
+        "journalctl --no-pager _SYSTEMD_UNIT=voldrake.service"))
 
 
 def test_is_back_after_it_was_killed(system: BootedRoot) -> None:

@@ -1,11 +1,11 @@
 """Log rotation with the real logrotate: the new file begins with the daemon's version."""
 
 import re
-import time
+import signal
 
 import pytest
 
-from testbed import timeouts
+from readiness import expect_handler, expect_line
 from testbed.sandbox import TOOLS, Sandbox
 
 LOG = "/var/log/voldrake.log"
@@ -22,16 +22,9 @@ def unit(tree, sandbox: Sandbox) -> Sandbox:
 
 def start(unit: Sandbox, tree):
     daemon = unit.spawn([f"{tree.prefix}/sbin/voldrake", "--log", LOG], "voldrake")
-    expect(unit, "_ManualScan()")
+    expect_line(unit, LOG, "HAL: Connection - closed")  # the last one of a start without a bus
+    expect_handler(unit, signal.SIGHUP)
     return daemon
-
-
-def expect(unit: Sandbox, text: str) -> None:
-    deadline = time.monotonic() + timeouts.START
-    log = unit.path(LOG)
-    while not log.exists() or text not in log.read_text():
-        assert time.monotonic() < deadline, f"not logged: {text}"
-        time.sleep(timeouts.POLL)
 
 
 def rotate(unit: Sandbox) -> None:
@@ -54,7 +47,7 @@ esac
 """)
     unit.path(f"{TOOLS}/systemctl").chmod(0o755)
     rotate(unit)
-    expect(unit, "Version - 1.10")
+    expect_line(unit, LOG, "Version - 1.10")
     assert "--kill-who=main --signal=HUP voldrake.service" in unit.path(
         "/var/log/systemctl").read_text()
     assert_head(unit)
@@ -66,7 +59,7 @@ def test_with_the_start_script(unit: Sandbox, tree) -> None:
     daemon = start(unit, tree)
     unit.write("/run/voldrake.pid", unit.run(["pidof", "voldrake"]).stdout)
     rotate(unit)
-    expect(unit, "Version - 1.10")
+    expect_line(unit, LOG, "Version - 1.10")
     assert_head(unit)
     assert daemon.terminate() == 0
 

@@ -4,11 +4,11 @@ import os
 import re
 import shutil
 import signal
-import time
 from pathlib import Path
 
 import pytest
 
+from readiness import expect_handler, expect_line
 from testbed import target, timeouts
 from testbed.sandbox import TOOLS, Sandbox
 
@@ -44,15 +44,6 @@ def call(image: Sandbox, action: str) -> tuple[int, str]:
     return done.returncode, done.stdout
 
 
-def expect_line(image: Sandbox, text: str) -> None:
-    """Wait until the log has this text."""
-    deadline = time.monotonic() + timeouts.START
-    log = image.path(LOG)
-    while not log.exists() or text not in log.read_text():
-        assert time.monotonic() < deadline, f"not logged: {text}"
-        time.sleep(timeouts.POLL)
-
-
 def daemons(image: Sandbox) -> list[str]:
     return [line for line in image.processes().values() if "/voldrake" in line]
 
@@ -60,10 +51,11 @@ def daemons(image: Sandbox) -> list[str]:
 def test_starts_once_tells_and_stops(image: Sandbox) -> None:
     assert call(image, "status") == (3, "voldrake is not running\n")
     assert call(image, "start") == (0, "")
-    expect_line(image, "Version - 1.10 Client port - 8080")
+    expect_line(image, LOG, "Version - 1.10 Client port - 8080")
     assert call(image, "status") == (0, "voldrake is running\n")
     assert call(image, "start") == (0, "voldrake is running already\n")
     assert len(daemons(image)) == 1
+    expect_handler(image, signal.SIGTERM)
     assert call(image, "stop") == (0, "")
     # It has waited for the orderly end.
     assert daemons(image) == []
@@ -74,7 +66,7 @@ def test_starts_once_tells_and_stops(image: Sandbox) -> None:
 
 def test_restart_is_another_process(image: Sandbox) -> None:
     call(image, "start")
-    expect_line(image, "Voldrake startup")
+    expect_line(image, LOG, "Voldrake startup")
     first = image.path(PID_FILE).read_text()
     assert call(image, "restart") == (0, "")
     assert image.path(PID_FILE).read_text() != first
@@ -85,7 +77,7 @@ def test_restart_is_another_process(image: Sandbox) -> None:
 def test_passes_options_with_blanks_on(image: Sandbox) -> None:
     set_options(image, f"--log {LOG} --port 9000 --content-id-file '/etc/content id'")
     call(image, "start")
-    expect_line(image, "Client port - 9000")
+    expect_line(image, LOG, "Client port - 9000")
     assert daemons(image)[0].endswith("--content-id-file /etc/content id")
     call(image, "stop")
 
@@ -98,12 +90,17 @@ def test_survives_a_stale_pid_file(image: Sandbox) -> None:
     assert call(image, "stop") == (0, "voldrake is not running\n")
     assert other.kill() == -signal.SIGKILL  # and nothing else has ended it before
     assert call(image, "start") == (0, "")
-    expect_line(image, "Voldrake startup")
+    expect_line(image, LOG, "Voldrake startup")
     assert call(image, "stop") == (0, "")
 
 
 def test_tells_when_the_daemon_ends_at_once(image: Sandbox) -> None:
     set_options(image, "--no-such-option")
+    # However long the daemon takes: the script's sleep lasts until it has ended.
+    image.path(f"{TOOLS}/sleep").unlink()
+    image.write(f"{TOOLS}/sleep",
+                f'#!/bin/sh\nwhile kill -0 "$(cat {PID_FILE})" 2>&-; do /usr/bin/sleep 0.05; done\n')
+    image.path(f"{TOOLS}/sleep").chmod(0o755)
     done = image.run(["busybox", "sh", SCRIPT, "start"], timeout=4 * timeouts.RUN)
     assert done.returncode == 1
     assert done.stdout == ""

@@ -86,10 +86,10 @@ def start_with_peer(unit: Unit, peer: Peer, *arguments: str) -> None:
         INFO, f"CServicePublisher::SetPeerIpAddress Discovered peer IP address: {peer.address}")
 
 
-def seconds_of_silence(strace: Strace, path: str) -> float:
-    """From the last datagram that names the path until the share is unmounted, by the daemon's
-    clock. Requires: its calls of recvmsg and execve are traced."""
-    return strace.times("execve.*umount -f -l")[0] - strace.times(f"recvmsg.*{path}")[-1]
+def seconds_of_silence(strace: Strace) -> float:
+    """From the last announcement, when its sender is looked up, until a share is unmounted, by the
+    daemon's clock. Requires: its calls of ioctl and execve are traced."""
+    return strace.times("execve.*umount -f -l")[0] - strace.times("SIOCGARP")[-1]
 
 
 def gaps(times: list[float]) -> list[float]:

@@ -21,7 +21,7 @@ def test_a_new_share_takes_a_directory_and_one_command(unit, tools, peer) -> Non
     start_listening(unit)
     since = unit.mark()
     tools.hold("mount -t nfs")
-    peer.send(SHARE)
+    peer.share(SHARE)
     tools.expect(mount("ro", SOURCE, DIRECTORY))
     status = unit.sandbox.path(DIRECTORY).stat()
     assert stat.filemode(status.st_mode) == "drwx------"
@@ -35,7 +35,7 @@ def test_a_new_share_takes_a_directory_and_one_command(unit, tools, peer) -> Non
 def test_a_directory_that_is_there_is_mounted_on(unit, tools, peer) -> None:
     unit.sandbox.path(DIRECTORY).mkdir()
     start_listening(unit)
-    peer.send(SHARE)
+    peer.share(SHARE)
     unit.application.expect_message("dataarrival")
     assert [call for call in tools.calls() if call != CLEAR_EXPORTS] == [
         f"mountpoint -q {DIRECTORY}", mount("ro", SOURCE, DIRECTORY)]
@@ -47,7 +47,7 @@ def test_what_is_mounted_already_is_remounted(unit, tools, peer, mode: str) -> N
     unit.sandbox.path(DIRECTORY).mkdir()
     assert unit.sandbox.run(["/usr/bin/mount", "-t", "tmpfs", "tmpfs", DIRECTORY]).returncode == 0
     start_listening(unit, "--peer-mac", peer.eth0.hardware_address() if mode == "rw" else "")
-    peer.send(SHARE)
+    peer.share(SHARE)
     unit.daemon.expect_log(INFO, f"Mountpoint: '{DIRECTORY}' is already mounted.")
     unit.daemon.expect_log(INFO, f"Mount command: 'mount -o remount,{mode} {DIRECTORY}' PASS")
     unit.application.expect_message("dataarrival")
@@ -100,11 +100,11 @@ def test_a_share_that_goes_is_unmounted_and_its_directory_removed(unit, tools, p
 def test_unmounting_what_somebody_else_has_removed_is_a_logged_failure(unit, tools,
                                                                        peer) -> None:
     start_listening(unit)
-    peer.send(SHARE)
+    peer.share(SHARE)
     unit.application.expect_message("dataarrival")
     done = unit.sandbox.run(["sh", "-c", f"/usr/bin/umount {DIRECTORY} && rmdir {DIRECTORY}"])
     assert done.returncode == 0
-    peer.send(SHARE.withdrawal())
+    peer.withdraw(SHARE)
     unit.daemon.expect_log(ERROR, f"Umount command: {unmount(DIRECTORY)} FAIL")
     unit.application.expect_message("dataremoval")
     assert not [line for line in unit.daemon.log_lines() if line.level == WARNING
@@ -129,11 +129,11 @@ def test_the_shell_gets_exactly_these_command_lines(unit, tools, peer, log_direc
         peer.expect_announcement("/media/sda1")
         unit.hal.pull("stick")
         peer.expect_announcement("/media/sda1", WITHDRAWN)
-        peer.send(SHARE)
+        peer.share(SHARE)
         unit.application.expect_message("dataarrival", path=DIRECTORY)
         unit.daemon.signal(10)
         unit.application.expect_message("dataarrival", path=DIRECTORY)
-        peer.send(SHARE.withdrawal())
+        peer.withdraw(SHARE)
         unit.application.expect_message("dataremoval", path=DIRECTORY)
         unit.eth0.clear_address()
         unit.daemon.expect_log(INFO, "CServicePublisher: Network Config Changed")

@@ -6,6 +6,7 @@ import re
 import pytest
 
 from share_helpers import mount, start_listening, unmount
+from testbed.application import message
 from testbed.daemon import ERROR, INFO, WARNING
 from testbed.peer import Announcement
 
@@ -72,10 +73,10 @@ def test_any_value_but_zero_means_read_only(unit, tools, peer, value: int) -> No
 
 def test_the_removal_is_reported_even_if_unmounting_fails(unit, tools, peer) -> None:
     start_listening(unit)
-    peer.send(DISK)
+    peer.share(DISK)
     unit.application.expect_message("dataarrival")
     tools.refuse("umount", 32)
-    peer.send(DISK.withdrawal())
+    peer.withdraw(DISK)
     unit.application.expect_message("dataremoval", path=DIRECTORY)
     unit.daemon.expect_log(WARNING, f"Failed to remove {DIRECTORY}: Device or resource busy")
     unit.daemon.expect_log(ERROR, f"Umount command: {unmount(DIRECTORY)} FAIL")
@@ -142,8 +143,8 @@ def test_a_share_that_cannot_be_mounted_again_stays_until_it_falls_silent(unit, 
         ERROR, f"Mount command: 'mount -o remount,ro {DIRECTORY}' FAIL with error 8192")
     since = unit.mark()
     peer.send(Announcement("/media/sdb1"))
-    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-sdb1")
-    assert [frame.message().kind for frame in unit.application.frames(since)] == ["dataarrival"]
+    other = message("dataarrival", path="/mnt/169.254.3.7:-media-sdb1")
+    assert unit.application.frames(since, until=other) == []
     announcer.stop()
     unit.application.expect_message("dataremoval", path=DIRECTORY)
 
@@ -163,8 +164,7 @@ def test_texts_from_the_network_are_escaped_in_messages(unit, tools, peer) -> No
 def test_mounting_leaves_the_announced_order(unit, tools, peer) -> None:
     start_listening(unit)
     paths = [f"/media/{name}" for name in ("z", "a", "m")]
-    for path in paths:
-        peer.send(Announcement(path))
+    peer.share(*map(Announcement, paths))
     for path in paths:
         unit.application.expect_message(
             "dataarrival", path=f"/mnt/169.254.3.7:{path.replace('/', '-')}")

@@ -30,7 +30,7 @@ def test_no_announced_path_is_shell_syntax(unit, tools, peer) -> None:
     start_listening(unit)
     for path in NASTY:
         since = unit.mark()
-        peer.send(Announcement(path))
+        peer.share(Announcement(path))
         source = f"169.254.3.7:{path}"
         directory = f"/mnt/{source.replace('/', '-')}"
         unit.application.expect_message("dataarrival")
@@ -41,7 +41,7 @@ def test_no_announced_path_is_shell_syntax(unit, tools, peer) -> None:
         unit.application.expect_message("dataarrival")
         assert tools.words(since)[1:] == [("mountpoint", "-q", directory),
                                           ("mount", "-o", "remount,ro", directory)]
-        peer.send(Announcement(path).withdrawal())
+        peer.withdraw(Announcement(path))
         unit.application.expect_message("dataremoval")
         assert tools.words(since)[3:] == [("umount", "-f", "-l", directory)]
         assert not unit.sandbox.path("/tmp/owned").exists()
@@ -76,7 +76,7 @@ def test_no_path_leads_out_of_the_nfs_root(unit, tools, peer, path: str) -> None
     start_listening(unit)
     places = [place for place in ("/", "/etc", "/media", "/srv", "/tmp", "/var")]
     before = {place: sorted(os.listdir(unit.sandbox.path(place))) for place in places}
-    peer.send(Announcement(path))
+    peer.share(Announcement(path))
     unit.application.expect_message("dataarrival")
     name = f"169.254.3.7:{path.replace('/', '-')}"
     assert tools.calls(tool="mount") == [mount("ro", f"169.254.3.7:{path}", f"/mnt/{name}")]
@@ -104,20 +104,20 @@ def test_control_characters_forge_no_log_line(unit, tools, peer) -> None:
     start_listening(unit)
     since = unit.mark()
     share = Announcement(f"/x{forged}", key=f"k{forged}".ljust(32), name=f"n{forged}")
-    peer.send(share)
+    peer.share(share)
     unit.application.expect_message("dataarrival")
     unit.daemon.signal(10)
     unit.application.expect_message("dataarrival")
-    peer.send(share.withdrawal())
+    peer.withdraw(share)
     unit.application.expect_message("dataremoval")
     tools.refuse("mount -t nfs")
     peer.send(share)
     unit.daemon.expect_log(ERROR, re.compile("Mount command: .*FAIL.*"))
     tools.obey()
-    peer.send(share)
+    peer.share(share)
     unit.application.expect_message("dataarrival")
     tools.refuse("umount")
-    peer.send(share.withdrawal())
+    peer.withdraw(share)
     unit.daemon.expect_log(WARNING, re.compile("Failed to remove .*"))
     unit.daemon.expect_log(ERROR, re.compile("Umount command: .*FAIL"))
     peer.send(Announcement("/y" * 300 + forged))

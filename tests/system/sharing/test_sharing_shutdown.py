@@ -118,6 +118,7 @@ def test_shares_that_are_left_are_unmounted_and_reported_once_each(unit, tools, 
     assert os.listdir(unit.sandbox.path("/mnt")) == []
 
 
+@pytest.mark.undelayed("its first sleep is held")
 def test_shares_are_still_heard_while_the_clients_get_their_time(unit, tools, peer,
                                                                  log_directory) -> None:
     start_listening(unit)

@@ -57,6 +57,7 @@ def test_an_address_still_being_resolved_is_not_six_zero_bytes(unit, tools, peer
         mount("ro", "169.254.3.7:/media/after", "/mnt/169.254.3.7:-media-after")]
 
 
+@pytest.mark.undelayed("its sleeps are counted")
 def test_those_who_answer_do_not_wait_for_those_who_do_not(unit, tools, make_peer,
                                                            log_directory) -> None:
     mute, answering = make_peer("169.254.3.7"), make_peer("169.254.3.8")

@@ -48,6 +48,8 @@ NFS_DATA_T Share(const std::string& path) {
   return share;
 }
 
+constexpr int kTicksOfALife = 30;
+
 /// A list that is stopped at the end of the test.
 class ServiceList : public testing::Test {
  protected:
@@ -104,8 +106,20 @@ TEST_F(ServiceList, ForgetsASilentShareThreeSecondsAfterItsAnnouncement) {
   EXPECT_TRUE(m_List.Add(Share("a:/x"))) << "it is new again";
 }
 
+TEST_F(ServiceList, ForgetsASilentShareInItsThirtiethTickOfATenthOfASecond) {
+  tWaitsInHand waits;
+  m_List.Add(Share("a:/x"));
+  m_List.Start();
+  ASSERT_TRUE(waits.AwaitWait()) << "the first tick is over";
+  for (int tick = 2; tick <= kTicksOfALife; ++tick) {
+    EXPECT_THAT(m_Recorder.Events(), ElementsAre("+a:/x")) << tick;
+    EXPECT_LE(waits.Asked(), std::chrono::milliseconds(100));
+    ASSERT_TRUE(waits.TimeOut());
+  }
+  EXPECT_THAT(m_Recorder.Events(), ElementsAre("+a:/x", "-a:/x"));
+}
+
 TEST_F(ServiceList, KeepsAShareThatIsAnnouncedAgain) {
-  constexpr int kTicksOfALife = 30;
   tWaitsInHand waits;
   m_List.Add(Share("silent"));
   m_List.Add(Share("lively"));

@@ -22,12 +22,16 @@ std::atomic<bool> gInHand = false;
 std::atomic<pthread_mutex_t*> gMutex = nullptr;
 std::atomic<pthread_cond_t*> gCondition = nullptr;
 std::atomic<int> gWaits = 0;
+std::atomic<int64_t> gAsked = 0;  ///< nanoseconds that the last wait was to last
 bool gWaiting = false;
 bool gTimeOut = false;
 
+int64_t Nanoseconds(const timespec& time) {
+  return time.tv_sec * kNanosecondsPerSecond + static_cast<int64_t>(time.tv_nsec);
+}
+
 timespec Moved(const timespec& time, int64_t nanoseconds) {
-  const int64_t sum =
-      time.tv_sec * kNanosecondsPerSecond + static_cast<int64_t>(time.tv_nsec) + nanoseconds;
+  const int64_t sum = Nanoseconds(time) + nanoseconds;
   timespec moved{};
   moved.tv_sec = static_cast<time_t>(sum / kNanosecondsPerSecond);
   moved.tv_nsec = static_cast<long>(sum % kNanosecondsPerSecond);
@@ -39,7 +43,10 @@ tFunction* Next(const char* name) {
   return reinterpret_cast<tFunction*>(dlsym(RTLD_NEXT, name));
 }
 
-int WaitInHand(pthread_cond_t* condition, pthread_mutex_t* mutex) {
+int WaitInHand(pthread_cond_t* condition, pthread_mutex_t* mutex, const timespec& deadline) {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  gAsked = Nanoseconds(deadline) - Nanoseconds(now);
   gCondition = condition;
   gMutex = mutex;
   gWaiting = true;
@@ -76,7 +83,7 @@ extern "C" int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t
                                       const timespec* deadline) {
   static auto* const next =
       Next<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)>("pthread_cond_timedwait");
-  if (gInHand) return WaitInHand(condition, mutex);
+  if (gInHand) return WaitInHand(condition, mutex, *deadline);
   const timespec real = Moved(*deadline, -gPassed);
   return next(condition, mutex, &real);
 }
@@ -105,4 +112,8 @@ bool tWaitsInHand::TimeOut() {
            return SeeWait(true);
          }) &&
          Eventually([&] { return gWaits > before; });
+}
+
+std::chrono::nanoseconds tWaitsInHand::Asked() const {
+  return std::chrono::nanoseconds(gAsked);
 }

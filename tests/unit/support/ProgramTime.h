@@ -25,4 +25,8 @@ class tWaitsInHand {
   /// Lets the time-out of the present or next wait come, and returns once the thread waits anew:
   /// what it does between two waits is done. False as for `AwaitWait`.
   [[nodiscard]] bool TimeOut();
+
+  /// How long the present wait was to last by the program's clock, counted from its beginning: no
+  /// more than what the program has asked for. Requires: a thread waits.
+  [[nodiscard]] std::chrono::nanoseconds Asked() const;
 };
