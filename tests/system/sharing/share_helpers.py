@@ -104,12 +104,12 @@ def open_descriptors(unit: Unit) -> int:
 
 def processor_share(unit: Unit, seconds: float) -> float:
     """The share of one core that the daemon takes during that time from now on."""
-    before, began = _processor_seconds(unit), time.monotonic()
+    before, began = processor_seconds(unit), time.monotonic()
     time.sleep(seconds)
-    return (_processor_seconds(unit) - before) / (time.monotonic() - began)
+    return (processor_seconds(unit) - before) / (time.monotonic() - began)
 
 
-def _processor_seconds(unit: Unit) -> float:
+def processor_seconds(unit: Unit) -> float:
     """User and system time; what the commands that it runs take does not count."""
     stat = Path(f"/proc/{unit.daemon.process.pid}/stat").read_text()
     user, system = stat.rpartition(")")[2].split()[11:13]
