@@ -1,6 +1,7 @@
 """What several tests of sharing need: command lines as the tools see them, and waiting."""
 
 import os
+import re
 import time
 from pathlib import Path
 
@@ -51,6 +52,13 @@ def network_table(unit: Unit, name: str) -> str:
 def listens(unit: Unit) -> bool:
     """True while a program of the unit is a member of the announcements' group."""
     return _GROUP_IN_KERNEL_TABLE in network_table(unit, "igmp")
+
+
+def nothing_waits(unit) -> bool:
+    """True when the daemon has taken every datagram from its socket."""
+    waiting = re.search(r":2710 \S+ \S+ \w+:(\w+)", network_table(unit, "udp"))
+    assert waiting
+    return int(waiting[1], 16) == 0
 
 
 def skip_where_senders_are_not_looked_up() -> None:

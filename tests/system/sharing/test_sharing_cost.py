@@ -5,7 +5,7 @@ import time
 
 import pytest
 
-from share_helpers import (add_quick_tools, network_table, processor_seconds, reading_thread,
+from share_helpers import (add_quick_tools, nothing_waits, processor_seconds, reading_thread,
                            start_listening)
 from testbed import timeouts
 from testbed.peer import Announcement
@@ -74,10 +74,3 @@ def announce(unit, peer, shares: list[bytes], seconds: float) -> None:
         wait_until(lambda: nothing_waits(unit), "the daemon has read the announcements")
         due += seconds * AT_ONCE / len(shares)
         time.sleep(max(0.0, due - time.monotonic()))
-
-
-def nothing_waits(unit) -> bool:
-    """True when the daemon has taken every datagram from its socket."""
-    waiting = re.search(r":2710 \S+ \S+ \w+:(\w+)", network_table(unit, "udp"))
-    assert waiting
-    return int(waiting[1], 16) == 0
