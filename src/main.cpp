@@ -1,6 +1,6 @@
 // Builds the daemon's objects in order, runs the main loop and tears down. After start-up
 // everything here runs on the main thread; SIGUSR1 and SIGUSR2 are ignored until their sources
-// stand, SIGTERM and SIGHUP keep their default action until then.
+// stand, SIGTERM and SIGHUP keep their default action until then. SIGPIPE never has an effect.
 
 #include <glib-unix.h>
 #include <glib.h>
@@ -91,6 +91,9 @@ void ShutDown() {
 int main(int argc, char* argv[]) {
   signal(SIGUSR1, SIG_IGN);
   signal(SIGUSR2, SIG_IGN);
+  // A log or standard error whose reader has gone must not end the daemon. What is ignored stays
+  // ignored in the commands that it runs; what is handled is the default again there.
+  signal(SIGPIPE, [](int) {});
   // Whoever starts the daemon may have SIGCHLD ignored, which would hide how commands end.
   signal(SIGCHLD, SIG_DFL);
   OpenSysLog();
