@@ -4,6 +4,7 @@ import json
 import os
 import re
 import signal
+from pathlib import Path
 
 import pytest
 
@@ -202,3 +203,25 @@ def test_a_device_that_comes_during_the_start_up_scan_is_not_lost(unit: Unit) ->
     unit.settle()
     assert [call.member for call in unit.hal.calls()].count("Mount") == 1
     assert len(unit.application.frames()) == 1
+
+
+_STREAMS = ("<&-", ">&-", "2>&-")
+
+
+@pytest.mark.parametrize("closed", [{0}, {1}, {2}, {0, 1}, {0, 2}, {1, 2}, {0, 1, 2}],
+                         ids=lambda closed: " and ".join(map(str, sorted(closed))))
+@pytest.mark.native("the descriptors would be seen")
+def test_standard_streams_that_are_closed_are_opened_on_the_null_device(unit: Unit,
+                                                                        closed: set[int]) -> None:
+    """Nothing else gets their descriptors: not the log, the bus or a tool's standard error."""
+    script = " ".join(['exec "$@"', *(_STREAMS[number] for number in sorted(closed))])
+    unit.daemon.start(launcher=["sh", "-c", script, "sh"])
+    unit.hal.expect_call("FindDeviceByCapability")
+    unit.settle()
+    descriptors = Path(f"/proc/{unit.daemon.process.pid}/fd")
+    opened = {number for number in range(3)
+              if os.readlink(descriptors / str(number)) == "/dev/null"}
+    assert opened == closed | {0}, "standard input is empty anyway"
+    flags = (descriptors.parent / "fdinfo" / str(max(closed))).read_text()
+    assert int(flags.split("flags:")[1].split()[0], 8) & os.O_ACCMODE == os.O_RDWR
+    assert unit.daemon.terminate() == 0
