@@ -10,9 +10,9 @@ import pytest
 
 from bus_observer import BusObserver
 from observations import signal_set
-from testbed import target
-from testbed.daemon import DEBUG, INFO
-from testbed.strace import Strace
+from testbed import target, timeouts
+from testbed.daemon import DEBUG, ERROR, INFO
+from testbed.strace import Strace, Trace
 from testbed.unit import Unit
 
 HAL = "org.freedesktop.Hal"
@@ -224,4 +224,22 @@ def test_standard_streams_that_are_closed_are_opened_on_the_null_device(unit: Un
     assert opened == closed | {0}, "standard input is empty anyway"
     flags = (descriptors.parent / "fdinfo" / str(max(closed))).read_text()
     assert int(flags.split("flags:")[1].split()[0], 8) & os.O_ACCMODE == os.O_RDWR
+    assert unit.daemon.terminate() == 0
+
+
+@pytest.mark.native("its own threads would be made")
+@pytest.mark.parametrize("which", [1, 2, 3, 4],
+                         ids=["the message client", "the publisher", "the service list",
+                              "the browser"])
+def test_without_one_of_its_threads_the_daemon_goes_on(unit: Unit, which: int) -> None:
+    unit.daemon.start(launcher=Trace.launcher("/var/log/strace", "-e", "trace=clone3", "-e",
+                                              f"inject=clone3:error=EAGAIN:when={which}"))
+    unit.daemon.expect_log(ERROR, "tThread::Start: creating a thread failed:"
+                                  " Resource temporarily unavailable", timeouts.START)
+    unit.hal.expect_call("FindDeviceByCapability", timeout=timeouts.START)
+    unit.settle()
+    unit.hal.plug("usb stick")
+    unit.daemon.expect_log(INFO, "symlink: /media/USB Memory Card A1 -> sda1")
+    if which != 1:
+        unit.application.expect_message("dataarrival", path="/media/sda1")
     assert unit.daemon.terminate() == 0
