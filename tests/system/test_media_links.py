@@ -157,9 +157,13 @@ def test_a_mount_point_below_a_disks_directory_gets_no_link_outside_media(
     """The link would stand inside the volume that "USB Memory Card A1" leads to."""
     unit = running_unit
     unit.hal.plug(STICK)
+    since = mark(unit)
     unit.settle()
     unit.hal.plug("usb inner mounted=/media/sda1/x")
     told(unit, 2)
+    assert link_lines(unit, since) == [
+        (ERROR, "symlink refused: /media/USB Memory Card A1/X -> sda1/x"),
+        (ERROR, "symlink error: a link whose name has a slash would not stand in /media itself")]
     unit.settle()
     assert unit.links() == {"USB Memory Card A1": "sda1"}
     assert unit.entries("/media/sda1") == ["x"]
