@@ -105,6 +105,11 @@ void tVoldrake::_FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatc
 }
 
 void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const UsbMapMatch* match) {
+  // Between two queries a volume may be unmounted; it then has no mount point to export or report.
+  if (!info.IsMounted || info.MountPoint.empty()) {
+    Log("_AddMountPoint: Volume not mounted: " + Printable(info.VolumeId), kLogDebug);
+    return;
+  }
   _RefreshContentId();
   _RefreshSerialNumber();
   const bool registered = std::any_of(
