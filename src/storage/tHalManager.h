@@ -90,7 +90,11 @@ class tHalManager {
   tDBusMessage _QueryProperty(const char* udi, const char* key, const char* method, int type,
                               const char* operation, void* value);
 
-  bool _Mount(const char* udi, const std::string& mountPoint, const std::string& fsType,
+  /// A call that asks for a mount, still without arguments. Null, logged, on failure.
+  tDBusMessage _NewMountCall(const char* udi);
+
+  /// Completes and makes such a call. True when the service agreed.
+  bool _Mount(DBusMessage* call, const std::string& mountPoint, const std::string& fsType,
               const std::vector<std::string>& options);
 
   /// True when the service itself sent this signal. A broadcast comes only through the match rules,
