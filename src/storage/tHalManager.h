@@ -68,6 +68,11 @@ class tHalManager {
   /// first.
   [[nodiscard]] bool GetVolumeInfo(HalVolumeInfo& info);
 
+  /// Makes the kernel remove and add again the devices of the card at `backingDevice`, so that a
+  /// service that could not identify the card sees it afresh. Blocks for one second. Files that
+  /// cannot be written are passed over.
+  static void _RebuildCardReaderTree(const std::string& backingDevice);
+
   /// The bus library's message filter; leaves every message to other handlers too.
   static DBusHandlerResult dBusHandler(DBusConnection* connection, DBusMessage* message,
                                        void* userData);
@@ -108,7 +113,6 @@ class tHalManager {
   bool _GetMmcHost(HalVolumeInfo& info);
   bool _GetUsbHub(HalVolumeInfo& info);
   bool _GetScsiAddress(HalVolumeInfo& info);
-  void _RebuildUnknownDisk(const std::string& storageDeviceId);
 
   DBusConnection* m_pConnection = nullptr;
   IHalManagerCallback* m_pCallback = nullptr;
