@@ -46,8 +46,8 @@ bool CServicePublisher::AddServiceNFS(const std::string& path, MEDIA_TYPE_T medi
   }
   {
     const tMutexLock lock(m_Exports.mutex);
-    m_Exports.services.insert(service);
-    _ExportService(service);
+    const auto [entry, added] = m_Exports.services.insert(service);
+    _ExportService(*entry);
     if (m_NetworkReady) Wake();
   }
   Log("AddServiceNFS: " + Printable(path), kLogDebug);

@@ -46,6 +46,20 @@ def test_a_read_only_volume_is_not_exported_writable_when_it_comes(unit, tools, 
     assert exports == [export("ro", "*", "/media/sda1")]
 
 
+def test_the_mode_of_a_path_that_is_shared_already_stays(unit, tools, peer) -> None:
+    """A writable stick comes to the place of the internal share, which nobody may write to."""
+    start_with_peer(unit, peer, "--internal-share-path", "/media/sda1")
+    tools.expect(export("rw", PEER, "/media/sda1"))
+    unit.daemon.expect_log(INFO, f"_Export: exporting '{PEER}:/media/sda1' PASS")
+    since = unit.mark()
+    unit.hal.plug(STICK)
+    unit.daemon.expect_log(DEBUG, "AddServiceNFS: /media/sda1")
+    unit.application.expect_message("dataarrival")
+    assert peer.expect_announcement("/media/sda1").read_only == 1
+    exports = [call for call in tools.calls(since) if call != FLUSH_EXPORTS]
+    assert exports == [export("ro", "*", "/media/sda1")]
+
+
 def test_a_volume_that_goes_is_withdrawn_then_unexported(unit, tools, peer) -> None:
     start_with_peer(unit, peer)
     unit.hal.plug(STICK)
