@@ -100,7 +100,6 @@ void CServicePublisher::RestartNfsServer() {
 }
 
 void CServicePublisher::StartPublishing() {
-  const tMutexLock lock(m_Exports.mutex);
   m_Publishing = true;
   Wake();
 }

@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -45,8 +46,8 @@ class CServicePublisher : public tThread {
   /// Clears all exports and makes them again.
   void RestartNfsServer() EXCLUDES(m_Exports.mutex);
 
-  /// Begins to announce.
-  void StartPublishing() EXCLUDES(m_Exports.mutex);
+  /// Begins to announce. Does not block, whatever the exports take.
+  void StartPublishing();
 
   /// Withdraws every volume, stops the thread, and gives the NFS clients time to let go: at least
   /// three seconds, at most about seven, for as long as the table of remote mounts keeps changing.
@@ -73,9 +74,10 @@ class CServicePublisher : public tThread {
 
   tExportTable& m_Exports;
   std::unique_ptr<CUdpTxSocket> m_pTxSocket GUARDED_BY(m_Exports.mutex);
-  bool m_Publishing GUARDED_BY(m_Exports.mutex) = false;
   bool m_NetworkReady GUARDED_BY(m_Exports.mutex) = false;
   in_addr_t m_LastAddress GUARDED_BY(m_Exports.mutex) = 0;
   std::string m_PeerAddress GUARDED_BY(m_Exports.mutex);  ///< dotted; empty while unknown
   int m_PassesWithPeer GUARDED_BY(m_Exports.mutex) = 0;   ///< counted up to three
+
+  std::atomic<bool> m_Publishing = false;  ///< set without the mutex, looked at and cleared with it
 };
