@@ -23,6 +23,12 @@ bool CommandFailed(int waitStatus) {
   return (waitStatus & 0xFF00) != 0;
 }
 
+std::string Dotted(in_addr_t address) {
+  char text[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &address, text, sizeof text);
+  return text;
+}
+
 }  // namespace
 
 CServicePublisher::CServicePublisher(tExportTable& exports) : m_Exports(exports) {}
@@ -63,7 +69,7 @@ void CServicePublisher::RemoveServiceNFS(const std::string& path) {
     message.Set(kServiceWithdrawn, *service);
     m_pTxSocket->TxPacket(message.Datagram());
   }
-  if (!m_PeerAddress.empty()) _Unexport(m_PeerAddress, path);
+  if (m_PeerAddress != 0) _Unexport(Dotted(m_PeerAddress), path);
   _Unexport(kEverybody, path);
   m_Exports.services.erase(service);
   Log("RemoveServiceNFS: " + Printable(path), kLogDebug);
@@ -75,18 +81,19 @@ void CServicePublisher::SetPeerIpAddress(const std::string& address) {
     Log("Invalid ip address: " + Printable(address), kLogError);
     return;
   }
-  const tMutexLock lock(m_Exports.mutex);
-  if (address == m_PeerAddress) return;
+  // Asked with every datagram of the peer, so exports that take their time must not hold it up.
+  if (parsed.s_addr == m_PeerAddress) return;
   Log("CServicePublisher::SetPeerIpAddress Discovered peer IP address: " + address, kLogInfo);
+  const tMutexLock lock(m_Exports.mutex);
   if (m_Publishing) {
     // A peer that changes its address gets even the read-only volumes writable, unlike one that was
     // known when they were added.
     for (const NFS_DATA_T& service : m_Exports.services) {
-      if (!m_PeerAddress.empty()) _Unexport(m_PeerAddress, service.path);
+      if (m_PeerAddress != 0) _Unexport(Dotted(m_PeerAddress), service.path);
       _Export("rw", address, service.path);
     }
   }
-  m_PeerAddress = address;
+  m_PeerAddress = parsed.s_addr;
 }
 
 void CServicePublisher::RestartNfsServer() {
@@ -126,9 +133,9 @@ void CServicePublisher::run() {
       const tMutexLock lock(m_Exports.mutex);
       if (m_NetworkReady) {
         if (m_Publishing) _AnnounceAll(message);
-        if (m_Exports.services.empty() && !m_PeerAddress.empty()) _KeepPeerAlive();
+        if (m_Exports.services.empty() && m_PeerAddress != 0) _KeepPeerAlive();
       }
-      if (!m_PeerAddress.empty()) _FlushOnThirdPassWithPeer();
+      if (m_PeerAddress != 0) _FlushOnThirdPassWithPeer();
     }
     if (_IsNetWorkReConfigured()) {
       Log("CServicePublisher: Network Config Changed", kLogInfo);
@@ -148,7 +155,7 @@ void CServicePublisher::_AnnounceAll(CNfsServiceMessage& message) {
 
 void CServicePublisher::_KeepPeerAlive() {
   // The peer learns this unit's address from any datagram, and there is no announcement to send.
-  m_pTxSocket->SetAddress(m_PeerAddress, kAnnouncementPort);
+  m_pTxSocket->SetAddress(ntohl(m_PeerAddress), kAnnouncementPort);
   m_pTxSocket->TxPacket({});
   m_pTxSocket->SetAddress(kAnnouncementGroup, kAnnouncementPort);
 }
@@ -186,15 +193,15 @@ bool CServicePublisher::_OpenTransmitSocket(in_addr_t address) {
   if (!m_pTxSocket->Create(kAnnouncementTimeToLive)) return false;
   m_pTxSocket->SetAddress(kAnnouncementGroup, kAnnouncementPort);
   if (!m_pTxSocket->Bind(ntohl(address), 0)) return false;
-  char dotted[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &address, dotted, sizeof dotted);
-  Log(std::string("CServicePublisher::_IsNetWorkReConfigured ") + dotted, kLogDebug);
+  Log("CServicePublisher::_IsNetWorkReConfigured " + Dotted(address), kLogDebug);
   return true;
 }
 
 void CServicePublisher::_ExportService(const NFS_DATA_T& service) {
   if (!m_NetworkReady) return;
-  if (!m_PeerAddress.empty() && !service.readOnly) _Export("rw", m_PeerAddress, service.path);
+  if (m_PeerAddress != 0 && !service.readOnly) {
+    _Export("rw", Dotted(m_PeerAddress), service.path);
+  }
   _Export("ro", kEverybody, service.path);
 }
 

@@ -21,8 +21,8 @@ class CUdpTxSocket;
 /// as soon as an address comes. A new address redoes all exports.
 ///
 /// Threads: every operation may be called by any thread but `StartPublishing` and `StopAndWait`,
-/// which belong to the owner. The export table's mutex guards all that changes; the export commands
-/// run while it is held, so an operation may block for as long as they take.
+/// which belong to the owner. The export table's mutex guards what changes together; the export
+/// commands run while it is held, so an operation that needs it may block for as long as they take.
 class CServicePublisher : public tThread {
  public:
   /// `exports` is not owned and outlives this object.
@@ -40,7 +40,7 @@ class CServicePublisher : public tThread {
   void RemoveServiceNFS(const std::string& path) EXCLUDES(m_Exports.mutex);
 
   /// Moves the peer's writable exports to its address (dotted). An invalid address is logged and
-  /// ignored; the known one costs nothing.
+  /// ignored; the known one costs nothing and waits for nobody.
   void SetPeerIpAddress(const std::string& address) EXCLUDES(m_Exports.mutex);
 
   /// Clears all exports and makes them again.
@@ -76,8 +76,9 @@ class CServicePublisher : public tThread {
   std::unique_ptr<CUdpTxSocket> m_pTxSocket GUARDED_BY(m_Exports.mutex);
   bool m_NetworkReady GUARDED_BY(m_Exports.mutex) = false;
   in_addr_t m_LastAddress GUARDED_BY(m_Exports.mutex) = 0;
-  std::string m_PeerAddress GUARDED_BY(m_Exports.mutex);  ///< dotted; empty while unknown
-  int m_PassesWithPeer GUARDED_BY(m_Exports.mutex) = 0;   ///< counted up to three
+  int m_PassesWithPeer GUARDED_BY(m_Exports.mutex) = 0;  ///< counted up to three
 
-  std::atomic<bool> m_Publishing = false;  ///< set without the mutex, looked at and cleared with it
+  // Looked at without the mutex too. But for `StartPublishing` they are changed with it only.
+  std::atomic<bool> m_Publishing = false;
+  std::atomic<in_addr_t> m_PeerAddress = 0;  ///< in network order; 0 while unknown
 };
