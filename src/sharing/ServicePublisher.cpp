@@ -10,6 +10,7 @@
 #include "frame/Text.h"
 #include "sharing/LinkLocalAddress.h"
 #include "sharing/NfsServiceMessage.h"
+#include "sharing/ServiceBrowser.h"
 #include "sharing/SharingNames.h"
 #include "sharing/UdpTxSocket.h"
 
@@ -129,6 +130,7 @@ void CServicePublisher::StopAndWait() {
 void CServicePublisher::run() {
   CNfsServiceMessage message;
   while (!StopRequested()) {
+    if (CServiceBrowser* const browser = m_pBrowser) browser->CheckInterface();
     {
       const tMutexLock lock(m_Exports.mutex);
       if (m_NetworkReady) {
