@@ -1,7 +1,8 @@
 // Builds the daemon's objects in order, runs the main loop and tears down. After start-up
 // everything here runs on the main thread; SIGUSR1 and SIGUSR2 are ignored until their sources
-// stand, SIGTERM and SIGHUP keep their default action until then.
+// stand, SIGTERM and SIGHUP keep their default action until then. SIGPIPE never has an effect.
 
+#include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <unistd.h>
@@ -29,6 +30,16 @@ struct tMainLoopRelease {
 std::unique_ptr<GMainLoop, tMainLoopRelease> gMainLoop;
 std::unique_ptr<ConfigManager> gConfigManager;
 std::unique_ptr<tVoldrake> gVoldrake;
+
+/// Opens those of the standard streams that the daemon was started without, so that nothing else
+/// gets their descriptors and what is written to them by others does not end up in it.
+void OpenMissingStandardStreams() {
+  int descriptor = 0;
+  do {
+    descriptor = open("/dev/null", O_RDWR);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  if (descriptor >= 0) close(descriptor);
+}
 
 void LogVersion() {
   Log("Version - " VOLDRAKE_VERSION " Client port - " + std::to_string(gClientPort), kLogInfo);
@@ -89,8 +100,12 @@ void ShutDown() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  OpenMissingStandardStreams();
   signal(SIGUSR1, SIG_IGN);
   signal(SIGUSR2, SIG_IGN);
+  // A log or standard error whose reader has gone must not end the daemon. What is ignored stays
+  // ignored in the commands that it runs; what is handled is the default again there.
+  signal(SIGPIPE, [](int) {});
   // Whoever starts the daemon may have SIGCHLD ignored, which would hide how commands end.
   signal(SIGCHLD, SIG_DFL);
   OpenSysLog();

@@ -33,12 +33,15 @@ class Network(Lifespan):
             self._made = False
             _ip(f"link delete {self._bridge}")
 
-    def join(self, sandbox: Sandbox, address: str | None = None) -> "Interface":
+    def join(self, sandbox: Sandbox, address: str | None = None,
+             index: int | None = None) -> "Interface":
         """Give the sandbox an eth0 on this wire, up and with this address (such as
-        "169.254.1.1"); None leaves it down and without one."""
+        "169.254.1.1"); None leaves it down and without one. `index` is the number that the
+        kernel gives it, by default one that was not used yet."""
         self._ports += 1
         port = f"{self._bridge}p{self._ports}"
-        _ip(f"link add eth0 netns {sandbox.pid} type veth peer name {port}")
+        number = f"index {index} " if index else ""
+        _ip(f"link add eth0 {number}netns {sandbox.pid} type veth peer name {port}")
         _ip(f"link set {port} master {self._bridge} up")
         interface = Interface(sandbox, port)
         if address:

@@ -14,10 +14,10 @@
 #include <memory>
 #include <string_view>
 
-#include "frame/FileDescriptor.h"
 #include "frame/Log.h"
 #include "frame/SystemCall.h"
 #include "frame/Text.h"
+#include "frame/TreeRemoval.h"
 
 namespace {
 
@@ -38,9 +38,9 @@ int RemoveTreeEntry(const char* path, const struct stat*, int, FTW*) {
 }  // namespace
 
 int RemoveDirectory(const std::string& path, bool recursive, tLinkPolicy links) {
+  if (recursive && links == tLinkPolicy::kDoNotFollow) return RemoveTree(path);
   if (recursive) {
-    const int flags = FTW_DEPTH | FTW_MOUNT | (links == tLinkPolicy::kDoNotFollow ? FTW_PHYS : 0);
-    return nftw(path.c_str(), RemoveTreeEntry, kTreeWalkDescriptors, flags);
+    return nftw(path.c_str(), RemoveTreeEntry, kTreeWalkDescriptors, FTW_DEPTH | FTW_MOUNT);
   }
   if (rmdir(path.c_str()) == 0 || errno == ENOENT) return 0;
   const std::string reason = strerror(errno);
@@ -49,9 +49,15 @@ int RemoveDirectory(const std::string& path, bool recursive, tLinkPolicy links) 
 }
 
 std::vector<std::string> DirectoryEntries(const std::string& directory) {
+  return DirectoryEntries(tFileDescriptor(RetryInterrupted(
+      [&] { return open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); })));
+}
+
+std::vector<std::string> DirectoryEntries(tFileDescriptor directory) {
   std::vector<std::string> names;
-  const std::unique_ptr<DIR, tDirectoryCloser> stream(opendir(directory.c_str()));
+  const std::unique_ptr<DIR, tDirectoryCloser> stream(fdopendir(directory.Get()));
   if (!stream) return names;
+  directory.Release();
   while (const dirent* entry = readdir(stream.get())) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.emplace_back(name);

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "frame/FileDescriptor.h"
+
 // File-system helpers without state. Any thread may call them; all block on the file system.
 
 /// How a recursive removal treats symbolic links to directories.
@@ -17,15 +19,18 @@ enum class tLinkPolicy {
 ///
 /// Not recursive: 0 when it is gone (a missing one counts), -1 otherwise with the warning
 /// "Failed to remove PATH: REASON".
-/// Recursive: removes the tree, contents first, without crossing into another mounted file system.
-/// 0 when all is gone; otherwise non-zero at the first entry that cannot be removed, which is
-/// warned of by name. A missing path gives -1 without a message.
+/// Recursive: removes the tree, contents first, without crossing into another mounted file system;
+/// where links are not followed, without crossing any mount point, see `RemoveTree`. 0 when all is
+/// gone; otherwise non-zero at the first entry that cannot be removed, which is warned of by name.
+/// A missing path gives -1 without a message.
 int RemoveDirectory(const std::string& path, bool recursive,
                     tLinkPolicy links = tLinkPolicy::kFollow);
 
 /// The names of a directory's entries, "." and ".." not among them, in no order. Empty for one that
 /// cannot be read.
 [[nodiscard]] std::vector<std::string> DirectoryEntries(const std::string& directory);
+/// The same of an open directory, from where its descriptor stands; the descriptor is closed.
+[[nodiscard]] std::vector<std::string> DirectoryEntries(tFileDescriptor directory);
 
 /// True when both paths exist and lie on the same device. Links are followed.
 [[nodiscard]] bool IsSameDevice(const std::string& left, const std::string& right);

@@ -37,9 +37,9 @@ std::string LocalTimeText() {
 }
 
 void AppendToFile(const std::string& line) {
-  const tFileDescriptor file(RetryInterrupted([] {
-    return open(gLogFile.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, 0666);
-  }));
+  // A log that is a pipe must not hold up the thread: O_NONBLOCK drops what nobody takes.
+  constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+  const tFileDescriptor file(RetryInterrupted([] { return open(gLogFile.c_str(), kFlags, 0666); }));
   if (!file.IsOpen()) return;
   size_t written = 0;
   while (written < line.size()) {

@@ -5,7 +5,8 @@
 // The one way to the log: syslog (ident "Voldrake", facility daemon), or a file when a path was
 // set. Level and path are set once at start-up, before any other thread runs; after that every
 // thread may log without a lock. A file is opened, written with one call and closed for each line,
-// so a file that was rotated away or deleted is made again by the next line.
+// so a file that was rotated away or deleted is made again by the next line. A pipe that nobody
+// reads, or that is full, takes nothing, and logging does not wait for it.
 
 enum tLogLevel : int {
   kLogError = 1,
@@ -28,5 +29,5 @@ void SetLogFile(const std::string& path);
 
 /// Writes one entry. `message` has no prefix and no line end of its own. A level above the log
 /// level, or outside 1..4, writes nothing. Never fails: a file that cannot be opened or written
-/// drops the entry.
+/// drops the entry. Requires, where the file may be a pipe: SIGPIPE does not end the process.
 void Log(const std::string& message, int level);

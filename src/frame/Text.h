@@ -7,6 +7,9 @@
 /// from outside can neither start a log line of its own nor drive a terminal. Any thread.
 [[nodiscard]] std::string Printable(std::string_view text);
 
+/// The text without the white space at its end. It lasts as long as the text.
+[[nodiscard]] std::string_view WithoutTrailingSpace(std::string_view text);
+
 /// "true" or "false".
 [[nodiscard]] inline const char* BoolText(bool value) {
   return value ? "true" : "false";

@@ -1,6 +1,8 @@
 #include "frame/tThread.h"
 
-#include "frame/Assert.h"
+#include <cstring>
+
+#include "frame/Log.h"
 
 timespec Later(const timespec& time, std::chrono::milliseconds delay) {
   constexpr long kNanosecondsPerSecond = 1'000'000'000;
@@ -16,13 +18,15 @@ timespec Later(const timespec& time, std::chrono::milliseconds delay) {
 
 void tThread::Start() {
   if (m_Running) return;
-  m_Running = true;
   {
     const tMutexLock lock(m_Mutex);
     m_StopRequested = false;
   }
   const int error = pthread_create(&m_Thread, nullptr, _Body, this);
-  VOLDRAKE_ASSERT(error == 0);
+  if (error != 0) {
+    Log(std::string("tThread::Start: creating a thread failed: ") + strerror(error), kLogError);
+  }
+  m_Running = error == 0;
 }
 
 void tThread::Stop() {

@@ -23,7 +23,8 @@ class tThread {
   tThread(const tThread&) = delete;
   tThread& operator=(const tThread&) = delete;
 
-  /// Starts the thread. Does nothing while it runs. Requires: the system has room for a thread.
+  /// Starts the thread. Does nothing while it runs. When the system has no room for a thread that
+  /// is logged as an error, and the object is as if it had not been started.
   void Start();
 
   /// Asks the thread to end, ends its sleep and waits until `run` has returned. Does nothing when

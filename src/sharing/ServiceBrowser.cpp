@@ -4,7 +4,6 @@
 #include "frame/Log.h"
 #include "frame/Text.h"
 #include "sharing/IServiceBrowserCallback.h"
-#include "sharing/LinkLocalAddress.h"
 #include "sharing/SharingNames.h"
 #include "sharing/UdpRxSocket.h"
 
@@ -35,19 +34,44 @@ void CServiceBrowser::StopBrowsing() {
   Stop();
 }
 
-void CServiceBrowser::run() {
-  if (!_WaitForNetwork()) return;
-  const std::unique_ptr<CUdpRxSocket> socket = _OpenSocket();
-  if (!socket) return;
-  socket->SetPeerMac(m_PeerMac);
-  {
-    const tMutexLock lock(m_SocketLock);
-    m_pListening = socket.get();
-  }
-  // A stop that came before the socket could be shut down is seen here, a later one ends the read.
-  while (!StopRequested()) _ReceiveOne(*socket);
+void CServiceBrowser::CheckInterface() {
+  const tShareInterface present = GetShareInterface();
   const tMutexLock lock(m_SocketLock);
+  if (m_pListening == nullptr) return;
+  // One that comes back has lost the group, whichever number it then has.
+  if (present.index == 0) m_JoinedOn = {};
+  if (present.index == 0 || present.address == 0 || present == m_JoinedOn) return;
+  Log(std::string("CServiceBrowser: ") + kShareInterface +
+          " is another interface or has another address, joining " + kAnnouncementGroup + " again",
+      kLogInfo);
+  m_pListening->Shutdown();
   m_pListening = nullptr;
+  Wake();
+}
+
+void CServiceBrowser::run() {
+  while (_WaitForNetwork()) {
+    // Looked at before the group is joined, so that a change meanwhile is one.
+    const tShareInterface present = GetShareInterface();
+    const std::unique_ptr<CUdpRxSocket> socket = _OpenSocket();
+    if (!socket) return;
+    socket->SetPeerMac(m_PeerMac);
+    {
+      const tMutexLock lock(m_SocketLock);
+      m_JoinedOn = present;
+      m_pListening = socket.get();
+    }
+    // A stop that came before the socket could be shut down is seen here, a later one ends the
+    // read.
+    while (!StopRequested() && _IsListening()) _ReceiveOne(*socket);
+    const tMutexLock lock(m_SocketLock);
+    m_pListening = nullptr;
+  }
+}
+
+bool CServiceBrowser::_IsListening() {
+  const tMutexLock lock(m_SocketLock);
+  return m_pListening != nullptr;
 }
 
 bool CServiceBrowser::_WaitForNetwork() {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "frame/tThread.h"
+#include "sharing/LinkLocalAddress.h"
 #include "sharing/NfsServiceMessage.h"
 #include "sharing/ServiceList.h"
 
@@ -30,6 +31,11 @@ class CServiceBrowser : public tThread {
   /// on.
   void StopBrowsing() EXCLUDES(m_SocketLock);
 
+  /// Has the group joined again, on a new socket, when the interface is another than the one that
+  /// it was joined on (a driver loaded anew makes a new interface of the old name, on which nobody
+  /// has joined) or has another link-local address; logs that. Any thread; does not block.
+  void CheckInterface() EXCLUDES(m_SocketLock);
+
   /// The list of shares; lives as long as the browser.
   [[nodiscard]] CServiceList& ServiceList() { return m_ServiceList; }
 
@@ -37,7 +43,10 @@ class CServiceBrowser : public tThread {
   void run() override EXCLUDES(m_SocketLock);
 
  private:
+  /// False when stopped meanwhile.
   [[nodiscard]] bool _WaitForNetwork();
+  /// False once the socket was shut down in favour of a new one.
+  [[nodiscard]] bool _IsListening() EXCLUDES(m_SocketLock);
   /// A socket that has joined the group; null when stopped meanwhile.
   [[nodiscard]] std::unique_ptr<CUdpRxSocket> _OpenSocket();
   void _ReceiveOne(CUdpRxSocket& socket);
@@ -53,4 +62,5 @@ class CServiceBrowser : public tThread {
 
   tMutex m_SocketLock;
   CUdpRxSocket* m_pListening GUARDED_BY(m_SocketLock) = nullptr;  ///< while `run` reads from it
+  tShareInterface m_JoinedOn GUARDED_BY(m_SocketLock);            ///< forgotten once it has gone
 };

@@ -10,6 +10,7 @@
 #include "frame/Text.h"
 #include "sharing/LinkLocalAddress.h"
 #include "sharing/NfsServiceMessage.h"
+#include "sharing/ServiceBrowser.h"
 #include "sharing/SharingNames.h"
 #include "sharing/UdpTxSocket.h"
 
@@ -21,6 +22,12 @@ constexpr const char* kEverybody = "*";
 
 bool CommandFailed(int waitStatus) {
   return (waitStatus & 0xFF00) != 0;
+}
+
+std::string Dotted(in_addr_t address) {
+  char text[INET_ADDRSTRLEN] = "";
+  inet_ntop(AF_INET, &address, text, sizeof text);
+  return text;
 }
 
 }  // namespace
@@ -46,8 +53,8 @@ bool CServicePublisher::AddServiceNFS(const std::string& path, MEDIA_TYPE_T medi
   }
   {
     const tMutexLock lock(m_Exports.mutex);
-    m_Exports.services.insert(service);
-    _ExportService(service);
+    const auto [entry, added] = m_Exports.services.insert(service);
+    _ExportService(*entry);
     if (m_NetworkReady) Wake();
   }
   Log("AddServiceNFS: " + Printable(path), kLogDebug);
@@ -63,7 +70,7 @@ void CServicePublisher::RemoveServiceNFS(const std::string& path) {
     message.Set(kServiceWithdrawn, *service);
     m_pTxSocket->TxPacket(message.Datagram());
   }
-  if (!m_PeerAddress.empty()) _Unexport(m_PeerAddress, path);
+  if (m_PeerAddress != 0) _Unexport(Dotted(m_PeerAddress), path);
   _Unexport(kEverybody, path);
   m_Exports.services.erase(service);
   Log("RemoveServiceNFS: " + Printable(path), kLogDebug);
@@ -75,18 +82,19 @@ void CServicePublisher::SetPeerIpAddress(const std::string& address) {
     Log("Invalid ip address: " + Printable(address), kLogError);
     return;
   }
-  const tMutexLock lock(m_Exports.mutex);
-  if (address == m_PeerAddress) return;
+  // Asked with every datagram of the peer, so exports that take their time must not hold it up.
+  if (parsed.s_addr == m_PeerAddress) return;
   Log("CServicePublisher::SetPeerIpAddress Discovered peer IP address: " + address, kLogInfo);
+  const tMutexLock lock(m_Exports.mutex);
   if (m_Publishing) {
     // A peer that changes its address gets even the read-only volumes writable, unlike one that was
     // known when they were added.
     for (const NFS_DATA_T& service : m_Exports.services) {
-      if (!m_PeerAddress.empty()) _Unexport(m_PeerAddress, service.path);
+      if (m_PeerAddress != 0) _Unexport(Dotted(m_PeerAddress), service.path);
       _Export("rw", address, service.path);
     }
   }
-  m_PeerAddress = address;
+  m_PeerAddress = parsed.s_addr;
 }
 
 void CServicePublisher::RestartNfsServer() {
@@ -100,7 +108,6 @@ void CServicePublisher::RestartNfsServer() {
 }
 
 void CServicePublisher::StartPublishing() {
-  const tMutexLock lock(m_Exports.mutex);
   m_Publishing = true;
   Wake();
 }
@@ -123,13 +130,14 @@ void CServicePublisher::StopAndWait() {
 void CServicePublisher::run() {
   CNfsServiceMessage message;
   while (!StopRequested()) {
+    if (CServiceBrowser* const browser = m_pBrowser) browser->CheckInterface();
     {
       const tMutexLock lock(m_Exports.mutex);
       if (m_NetworkReady) {
         if (m_Publishing) _AnnounceAll(message);
-        if (m_Exports.services.empty() && !m_PeerAddress.empty()) _KeepPeerAlive();
+        if (m_Exports.services.empty() && m_PeerAddress != 0) _KeepPeerAlive();
       }
-      if (!m_PeerAddress.empty()) _FlushOnThirdPassWithPeer();
+      if (m_PeerAddress != 0) _FlushOnThirdPassWithPeer();
     }
     if (_IsNetWorkReConfigured()) {
       Log("CServicePublisher: Network Config Changed", kLogInfo);
@@ -149,7 +157,7 @@ void CServicePublisher::_AnnounceAll(CNfsServiceMessage& message) {
 
 void CServicePublisher::_KeepPeerAlive() {
   // The peer learns this unit's address from any datagram, and there is no announcement to send.
-  m_pTxSocket->SetAddress(m_PeerAddress, kAnnouncementPort);
+  m_pTxSocket->SetAddress(ntohl(m_PeerAddress), kAnnouncementPort);
   m_pTxSocket->TxPacket({});
   m_pTxSocket->SetAddress(kAnnouncementGroup, kAnnouncementPort);
 }
@@ -187,15 +195,15 @@ bool CServicePublisher::_OpenTransmitSocket(in_addr_t address) {
   if (!m_pTxSocket->Create(kAnnouncementTimeToLive)) return false;
   m_pTxSocket->SetAddress(kAnnouncementGroup, kAnnouncementPort);
   if (!m_pTxSocket->Bind(ntohl(address), 0)) return false;
-  char dotted[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &address, dotted, sizeof dotted);
-  Log(std::string("CServicePublisher::_IsNetWorkReConfigured ") + dotted, kLogDebug);
+  Log("CServicePublisher::_IsNetWorkReConfigured " + Dotted(address), kLogDebug);
   return true;
 }
 
 void CServicePublisher::_ExportService(const NFS_DATA_T& service) {
   if (!m_NetworkReady) return;
-  if (!m_PeerAddress.empty() && !service.readOnly) _Export("rw", m_PeerAddress, service.path);
+  if (m_PeerAddress != 0 && !service.readOnly) {
+    _Export("rw", Dotted(m_PeerAddress), service.path);
+  }
   _Export("ro", kEverybody, service.path);
 }
 

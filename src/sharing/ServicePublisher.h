@@ -2,6 +2,7 @@
 
 #include <netinet/in.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 
@@ -9,6 +10,7 @@
 #include "sharing/ExportTable.h"
 
 class CNfsServiceMessage;
+class CServiceBrowser;
 class CUdpTxSocket;
 
 /// Shares the unit's volumes: exports each over NFS with the system's exportfs, read-only to
@@ -19,9 +21,10 @@ class CUdpTxSocket;
 /// for it; without that nothing is exported or announced, and what is added meanwhile is exported
 /// as soon as an address comes. A new address redoes all exports.
 ///
-/// Threads: every operation may be called by any thread but `StartPublishing` and `StopAndWait`,
-/// which belong to the owner. The export table's mutex guards all that changes; the export commands
-/// run while it is held, so an operation may block for as long as they take.
+/// Threads: every operation may be called by any thread but `StartPublishing`, `SetBrowser` and
+/// `StopAndWait`, which belong to the owner. The export table's mutex guards what changes together;
+/// the export commands run while it is held, so an operation that needs it may block for as long as
+/// they take.
 class CServicePublisher : public tThread {
  public:
   /// `exports` is not owned and outlives this object.
@@ -39,14 +42,18 @@ class CServicePublisher : public tThread {
   void RemoveServiceNFS(const std::string& path) EXCLUDES(m_Exports.mutex);
 
   /// Moves the peer's writable exports to its address (dotted). An invalid address is logged and
-  /// ignored; the known one costs nothing.
+  /// ignored; the known one costs nothing and waits for nobody.
   void SetPeerIpAddress(const std::string& address) EXCLUDES(m_Exports.mutex);
 
   /// Clears all exports and makes them again.
   void RestartNfsServer() EXCLUDES(m_Exports.mutex);
 
-  /// Begins to announce.
-  void StartPublishing() EXCLUDES(m_Exports.mutex);
+  /// Begins to announce. Does not block, whatever the exports take.
+  void StartPublishing();
+
+  /// Has the browser look at its interface once a pass, which this thread makes anyway. Not owned;
+  /// outlives this thread.
+  void SetBrowser(CServiceBrowser* pBrowser) { m_pBrowser = pBrowser; }
 
   /// Withdraws every volume, stops the thread, and gives the NFS clients time to let go: at least
   /// three seconds, at most about seven, for as long as the table of remote mounts keeps changing.
@@ -73,9 +80,13 @@ class CServicePublisher : public tThread {
 
   tExportTable& m_Exports;
   std::unique_ptr<CUdpTxSocket> m_pTxSocket GUARDED_BY(m_Exports.mutex);
-  bool m_Publishing GUARDED_BY(m_Exports.mutex) = false;
   bool m_NetworkReady GUARDED_BY(m_Exports.mutex) = false;
   in_addr_t m_LastAddress GUARDED_BY(m_Exports.mutex) = 0;
-  std::string m_PeerAddress GUARDED_BY(m_Exports.mutex);  ///< dotted; empty while unknown
-  int m_PassesWithPeer GUARDED_BY(m_Exports.mutex) = 0;   ///< counted up to three
+  int m_PassesWithPeer GUARDED_BY(m_Exports.mutex) = 0;  ///< counted up to three
+
+  // Looked at without the mutex too. But for `StartPublishing` they are changed with it only.
+  std::atomic<bool> m_Publishing = false;
+  std::atomic<in_addr_t> m_PeerAddress = 0;  ///< in network order; 0 while unknown
+
+  std::atomic<CServiceBrowser*> m_pBrowser = nullptr;
 };

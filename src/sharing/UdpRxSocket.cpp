@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <string_view>
 #include <thread>
@@ -212,12 +211,16 @@ bool CUdpRxSocket::_QueryHardwareAddress(const sockaddr_in& sender, tHardwareAdd
 }
 
 void CUdpRxSocket::_NudgeSender(const sockaddr_in& sender) {
+  using std::chrono::steady_clock;
+  // Senders can be made up, and each would take a place in the kernel's table of neighbours.
+  if (steady_clock::now() < m_NextNudge) return;
   sockaddr_in destination = sender;
   destination.sin_port = kNudgePortAsStored;
   const uint8_t zero = 0;
   // A datagram that cannot be sent shows as an address that stays unknown.
   sendto(m_Socket.Get(), &zero, sizeof zero, MSG_NOSIGNAL,
          reinterpret_cast<const sockaddr*>(&destination), sizeof destination);
+  m_NextNudge = steady_clock::now() + kResolvePause;
 }
 
 bool CUdpRxSocket::SetPeerMac(const std::string& mac) {

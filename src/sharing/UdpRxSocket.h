@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -75,6 +76,7 @@ class CUdpRxSocket {
   bool _IsOwnAddress(in_addr_t address);
   [[nodiscard]] bool _QueryHardwareAddress(const sockaddr_in& sender, tHardwareAddress& address);
   [[nodiscard]] bool _ResolveSender(const sockaddr_in& sender, tHardwareAddress& address);
+  /// Has the kernel resolve the sender, unless another was nudged within the last 250 ms.
   void _NudgeSender(const sockaddr_in& sender);
 
   tFileDescriptor m_Socket;
@@ -86,5 +88,6 @@ class CUdpRxSocket {
   /// A sender could not be resolved; what is queued is worked off without waiting for anybody.
   bool m_CatchingUp = false;
   unsigned m_DroppedCatchingUp = 0;
+  std::chrono::steady_clock::time_point m_NextNudge;
   std::vector<in_addr_t> m_OwnAddresses;  ///< kept between reads for its memory only
 };

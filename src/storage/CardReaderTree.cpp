@@ -10,6 +10,7 @@
 #include "frame/FileDescriptor.h"
 #include "frame/Log.h"
 #include "frame/SystemCall.h"
+#include "storage/tHalManager.h"
 
 namespace {
 
@@ -40,7 +41,7 @@ tUeventFiles UeventFilesOf(const std::string& backingDevice) {
   return {"/dev/null", "/dev/null", false};
 }
 
-void RebuildCardReaderTree(const std::string& backingDevice) {
+void tHalManager::_RebuildCardReaderTree(const std::string& backingDevice) {
   const tUeventFiles files = UeventFilesOf(backingDevice);
   if (!files.known) {
     Log("GetVolumeInfo() WEIRD:  Not mmcblk0, mmcblk1 or mmcblk2.  Please report this.", kLogDebug);

@@ -11,8 +11,3 @@ struct tUeventFiles {
 
 /// The files of the card at `backingDevice` ("/dev/mmcblk0" to "/dev/mmcblk2").
 [[nodiscard]] tUeventFiles UeventFilesOf(const std::string& backingDevice);
-
-/// Makes the kernel remove and add again the devices of the card at `backingDevice`, so that a
-/// hardware service that could not identify the card sees it afresh. Blocks for one second. Files
-/// that cannot be written are passed over.
-void RebuildCardReaderTree(const std::string& backingDevice);

@@ -11,6 +11,9 @@ namespace {
 /// Every real chain of devices is far shorter; only a chain that runs in a circle is not.
 constexpr int kMaxAncestors = 32;
 
+/// A remount goes by the same name in the log.
+constexpr const char* kMountOperation = "mountVolume()";
+
 /// Appends a text. False when it is not UTF-8, which the bus does not carry and the bus library
 /// would abort over.
 bool AppendText(DBusMessageIter* arguments, const std::string& text) {
@@ -151,39 +154,42 @@ std::vector<std::string> tHalManager::findDeviceByCapability(const char* capabil
 
 bool tHalManager::mountVolume(const char* udi, const std::string& mountPoint,
                               const std::string& fsType) {
+  const tDBusMessage call = _NewMountCall(udi);
+  if (!call) return false;
   std::vector<std::string> options;
   if (fsType.starts_with("vfat") && gVfatMountOpts != nullptr) {
     options.emplace_back(gVfatMountOpts);
     Log(options.front(), kLogDebug);
   }
-  return _Mount(udi, mountPoint, fsType, options);
+  return _Mount(call.get(), mountPoint, fsType, options);
 }
 
 bool tHalManager::remountVolume(const char* udi, const std::string& mountPoint,
                                 const std::string& fsType, bool readWrite) {
-  return _Mount(udi, mountPoint, fsType, {"remount", readWrite ? "rw" : "ro"});
+  const tDBusMessage call = _NewMountCall(udi);
+  return call && _Mount(call.get(), mountPoint, fsType, {"remount", readWrite ? "rw" : "ro"});
 }
 
-bool tHalManager::_Mount(const char* udi, const std::string& mountPoint, const std::string& fsType,
-                         const std::vector<std::string>& options) {
+tDBusMessage tHalManager::_NewMountCall(const char* udi) {
   if (m_pConnection == nullptr) {
     Log("HAL: Connection - closed", kLogWarning);
-    return false;
+    return nullptr;
   }
-  const char* operation = "mountVolume()";
-  const tDBusMessage call = _NewCall(udi, kHalVolumeInterface, "Mount");
-  if (!call) {
-    Log(LogText(operation, "could not create DBus message"), kLogWarning);
-    return false;
-  }
+  tDBusMessage call = _NewCall(udi, kHalVolumeInterface, "Mount");
+  if (!call) Log(LogText(kMountOperation, "could not create DBus message"), kLogWarning);
+  return call;
+}
+
+bool tHalManager::_Mount(DBusMessage* call, const std::string& mountPoint,
+                         const std::string& fsType, const std::vector<std::string>& options) {
   DBusMessageIter arguments;
-  dbus_message_iter_init_append(call.get(), &arguments);
+  dbus_message_iter_init_append(call, &arguments);
   if (!AppendText(&arguments, mountPoint) || !AppendText(&arguments, fsType) ||
       !AppendTextList(&arguments, options)) {
-    Log(LogText(operation, "could not append arguments"), kLogWarning);
+    Log(LogText(kMountOperation, "could not append arguments"), kLogWarning);
     return false;
   }
-  return _CallHal(call.get(), operation) != nullptr;
+  return _CallHal(call, kMountOperation) != nullptr;
 }
 
 bool tHalManager::isVolumeUdi(const std::string& udi) const {

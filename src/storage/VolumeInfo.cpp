@@ -3,7 +3,6 @@
 
 #include "frame/Log.h"
 #include "frame/Text.h"
-#include "storage/CardReaderTree.h"
 #include "storage/HalNames.h"
 #include "storage/HalVolumeInfo.h"
 #include "storage/UsbHub.h"
@@ -23,7 +22,13 @@ bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
 
   info.StorageDeviceId = propertyString(volume, kHalParent, ok);
   if (!ok) return false;
-  if (info.StorageDeviceId == kHalUnknownDisk) _RebuildUnknownDisk(info.StorageDeviceId);
+  if (info.StorageDeviceId == kHalUnknownDisk) {
+    Log("GetVolumeInfo() Found computer_storage_unknown_disk.", kLogDebug);
+    // Without an answer the device is as unknown as any other that is none of the unit's slots.
+    const std::string backing = propertyString(kHalUnknownDisk, kHalBlockDevice, ok);
+    Log("GetVolumeInfo() Backing device is " + Printable(backing), kLogDebug);
+    _RebuildCardReaderTree(backing);
+  }
   info.ControllerId = propertyString(info.StorageDeviceId.c_str(), kHalParent, ok);
   if (!ok) return false;
   info.HostID = propertyString(info.ControllerId.c_str(), kHalParent, ok);
@@ -98,12 +103,4 @@ bool tHalManager::_GetScsiAddress(HalVolumeInfo& info) {
   if (ok) info.SCSITarget = propertyIntInherited(controller, "scsi.target", ok);
   if (ok) info.SCSILun = propertyIntInherited(controller, "scsi.lun", ok);
   return ok;
-}
-
-void tHalManager::_RebuildUnknownDisk(const std::string& storageDeviceId) {
-  Log("GetVolumeInfo() Found computer_storage_unknown_disk.", kLogDebug);
-  bool ignored = false;
-  const std::string backing = propertyString(storageDeviceId.c_str(), kHalBlockDevice, ignored);
-  Log("GetVolumeInfo() Backing device is " + Printable(backing), kLogDebug);
-  RebuildCardReaderTree(backing);
 }

@@ -20,7 +20,8 @@ tHalManager* tHalManager::getInstance() {
 
 bool tHalManager::_CheckDBusError(const tDBusError& error) {
   if (!error.IsSet()) return false;
-  Log(Printable(std::string(error.Name()) + ": " + error.Message()), kLogError);
+  const std::string_view message = WithoutTrailingSpace(error.Message());
+  Log(Printable(std::string(error.Name()).append(": ").append(message)), kLogError);
   return true;
 }
 

@@ -68,6 +68,11 @@ class tHalManager {
   /// first.
   [[nodiscard]] bool GetVolumeInfo(HalVolumeInfo& info);
 
+  /// Makes the kernel remove and add again the devices of the card at `backingDevice`, so that a
+  /// service that could not identify the card sees it afresh. Blocks for one second. Files that
+  /// cannot be written are passed over.
+  static void _RebuildCardReaderTree(const std::string& backingDevice);
+
   /// The bus library's message filter; leaves every message to other handlers too.
   static DBusHandlerResult dBusHandler(DBusConnection* connection, DBusMessage* message,
                                        void* userData);
@@ -90,7 +95,11 @@ class tHalManager {
   tDBusMessage _QueryProperty(const char* udi, const char* key, const char* method, int type,
                               const char* operation, void* value);
 
-  bool _Mount(const char* udi, const std::string& mountPoint, const std::string& fsType,
+  /// A call that asks for a mount, still without arguments. Null, logged, on failure.
+  tDBusMessage _NewMountCall(const char* udi);
+
+  /// Completes and makes such a call. True when the service agreed.
+  bool _Mount(DBusMessage* call, const std::string& mountPoint, const std::string& fsType,
               const std::vector<std::string>& options);
 
   /// True when the service itself sent this signal. A broadcast comes only through the match rules,
@@ -104,7 +113,6 @@ class tHalManager {
   bool _GetMmcHost(HalVolumeInfo& info);
   bool _GetUsbHub(HalVolumeInfo& info);
   bool _GetScsiAddress(HalVolumeInfo& info);
-  void _RebuildUnknownDisk(const std::string& storageDeviceId);
 
   DBusConnection* m_pConnection = nullptr;
   IHalManagerCallback* m_pCallback = nullptr;

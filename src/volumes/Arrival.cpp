@@ -105,6 +105,11 @@ void tVoldrake::_FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatc
 }
 
 void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const UsbMapMatch* match) {
+  // Between two queries a volume may be unmounted; it then has no mount point to export or report.
+  if (!info.IsMounted || info.MountPoint.empty()) {
+    Log("_AddMountPoint: Volume not mounted: " + Printable(info.VolumeId), kLogDebug);
+    return;
+  }
   _RefreshContentId();
   _RefreshSerialNumber();
   const bool registered = std::any_of(
@@ -140,17 +145,20 @@ void tVoldrake::_CreateMediaLink(HalVolumeInfo& info, const std::string& mountPo
   const std::string path = kMediaPrefix + name;
   const std::string target = MediaLinkTarget(mountPoint);
   const std::string link = Printable(path + " -> " + target);
-  // A mount point below a disk's own directory would put the link outside "/media".
-  const bool staysInside = name.find('/') == std::string::npos;
-  int error = ENOENT;
-  if (staysInside) error = symlink(target.c_str(), path.c_str()) == 0 ? 0 : errno;
-  if (error == 0) {
-    Log("symlink: " + link, kLogInfo);
-    info.LinkPath = path;
+  if (name.find('/') != std::string::npos) {
+    // It comes from a mount point below a disk's own directory.
+    Log("symlink refused: " + link, kLogError);
+    Log("symlink error: a link whose name has a slash would not stand in /media itself", kLogError);
     return;
   }
-  Log("symlink failed: " + link, kLogError);
-  Log(std::string("symlink error: ") + strerror(error), kLogError);
+  if (symlink(target.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    Log("symlink failed: " + link, kLogError);
+    Log(std::string("symlink error: ") + strerror(error), kLogError);
+    return;
+  }
+  Log("symlink: " + link, kLogInfo);
+  info.LinkPath = path;
 }
 
 void tVoldrake::_PrintHalVolumeInfo(const HalVolumeInfo& info) {

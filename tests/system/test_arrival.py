@@ -276,3 +276,40 @@ def test_every_partition_is_a_volume_of_its_own(running_unit: Unit) -> None:
     unit.hal.command("pull stick:volume2")
     unit.settle()
     assert unit.links() == {f"USB Memory Card A{n}": f"sda{n}" for n in (1, 3)}
+
+
+#: The properties that tell of a mount, and how the service tells of it anew.
+_MOUNTED, _READ_ONLY = "volume.is_mounted", "volume.is_mounted_read_only"
+#: Answers of the service from before the volume was unmounted.
+_UNMOUNTED_MEANWHILE = {
+    "after the change was looked at": (_MOUNTED, ["GetPropertyBoolean:volume.is_mounted"]),
+    "while it is described": (_MOUNTED, ["GetPropertyBoolean:volume.is_mounted"] * 2),
+    "before it turns read-only": (_READ_ONLY, ["GetPropertyBoolean:volume.is_mounted_read_only"]),
+}
+
+
+@pytest.mark.parametrize("changed, mounted_still", _UNMOUNTED_MEANWHILE.values(),
+                         ids=_UNMOUNTED_MEANWHILE)
+def test_a_volume_that_is_unmounted_between_two_queries_is_left_alone(
+        running_unit: Unit, changed: str, mounted_still: list[str]) -> None:
+    unit = running_unit
+    unit.hal.command(f"quiet plug {STICK}")
+    for query in mounted_still:
+        unit.hal.command(f"answer {query} (true,)")
+    unit.hal.command(f"emit {STICK_VOLUME} org.freedesktop.Hal.Device PropertyModified"
+                     f" (1, [('{changed}', false, false)])")
+    unit.daemon.expect_log(DEBUG, f"_AddMountPoint: Volume not mounted: {STICK_VOLUME}")
+    unit.settle()
+    assert unit.media() == []
+    unit.hal.command("mount stick")
+    assert unit.application.next_text() == arrival("/media/sda1"), "the first message"
+
+
+def test_a_volume_that_is_unmounted_while_the_scan_describes_it_is_left_alone(unit: Unit) -> None:
+    unit.hal.plug(STICK)
+    unit.hal.command("answer GetPropertyBoolean:volume.is_mounted (true,)")
+    unit.start_daemon()
+    unit.daemon.expect_log(DEBUG, f"_AddMountPoint: Volume not mounted: {STICK_VOLUME}")
+    assert unit.media() == []
+    unit.hal.command("mount stick")
+    assert unit.application.next_text() == arrival("/media/sda1"), "the first message"

@@ -130,6 +130,17 @@ def test_a_missing_property_is_one_error_line_with_name_and_message(running_unit
     assert "Mount" not in [call.member for call in running_unit.hal.calls(since)]
 
 
+@pytest.mark.parametrize("text, shown", [
+    (r"gone\n", "gone"), (r"gone \t\r\n\n", "gone"), (r"go\nne\n", "go?ne"), (r"\n", ""),
+    ("gone", "gone"), (r" gone\x07\n", " gone?")])
+def test_the_white_space_at_the_end_of_an_error_is_not_logged(running_unit: Unit, text: str,
+                                                              shown: str) -> None:
+    running_unit.hal.command(
+        f'fail GetPropertyString:volume.fstype org.freedesktop.Hal.Error "{text}"')
+    running_unit.hal.plug("usb stick")
+    running_unit.daemon.expect_log(ERROR, f"org.freedesktop.Hal.Error: {shown}")
+
+
 def test_a_device_that_comes_and_goes_shows_in_the_debug_lines(running_unit: Unit) -> None:
     disk = f"{PREFIX}storage_x"
     since = mark_behind_log(running_unit)

@@ -1,10 +1,16 @@
 """What an earlier run left at a new mount point: it is cleared away, and nothing else ever is."""
 
+import os
+from pathlib import Path
+
 import pytest
 
 from local_volumes import DEVICES, STICK, STICK_VOLUME, arrival, mark, said
+from testbed import timeouts
 from testbed.daemon import ERROR, INFO, WARNING
+from testbed.strace import Strace
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 #: How the volume comes: it is plugged, or found when the daemon starts.
 ARRIVAL, SCAN = "DeviceAdded", "ManualScan"
@@ -141,6 +147,104 @@ def test_a_leftover_that_cannot_be_deleted_is_told_and_the_mount_is_tried(
     assert unit.content("/media/sda1/inner/charts") == "charts"
 
 
+def mount_over(unit: Unit, source: str, place: str) -> None:
+    """Mount a file or directory of the same file system on another."""
+    done = unit.sandbox.run(["mount", "--bind", source, place])
+    assert done.returncode == 0, done.stderr
+
+
+#: What becomes a mount point in a leftover, and the path of the first thing that cannot be removed.
+_MOUNT_POINTS = {
+    "the leftover itself": ("", "sda1"),
+    "a directory inside": ("/inner", "sda1"),
+    "a directory further inside": ("/a/b/inner", "sda1/a/b"),
+}
+
+
+@_both
+@pytest.mark.parametrize("inside, stays", _MOUNT_POINTS.values(), ids=_MOUNT_POINTS)
+def test_a_directory_of_the_same_file_system_that_is_mounted_in_a_leftover_is_not_emptied(
+        unit: Unit, way: str, inside: str, stays: str) -> None:
+    fill(unit, "charts/coast/file", f"sda1{inside}/", "sda1/left")
+    mount_over(unit, "/media/charts", f"/media/sda1{inside}")
+    since = bring(unit, way)
+    assert warnings(unit, since) == [f"Failed to remove /media/{stays}",
+                                     f"{way}: failed to remove /media/sda1"]
+    assert unit.sandbox.path("/media/charts/coast/file").exists()
+    assert mount_calls(unit) == ["'sda1', 'vfat', []"]
+
+
+@_both
+def test_a_file_that_is_mounted_in_a_leftover_is_not_removed(unit: Unit, way: str) -> None:
+    fill(unit, "charts", "sda1/file")
+    mount_over(unit, "/media/charts", "/media/sda1/file")
+    since = bring(unit, way)
+    assert warnings(unit, since) == ["Failed to remove /media/sda1",
+                                     f"{way}: failed to remove /media/sda1"]
+    assert unit.sandbox.path("/media/charts").exists()
+
+
+def bring_without(unit: Unit, log_directory: Path, error: str) -> int:
+    """Let STICK come while the kernel refuses openat2; the mark from before."""
+    since = mark(unit)
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=openat2",
+                "-e", f"inject=openat2:error={error}") as strace:
+        unit.hal.plug(STICK)
+        unit.settle()
+    assert "openat2" in strace.calls()
+    return since
+
+
+@pytest.mark.parametrize("error", ["ENOSYS", "EPERM"])
+@pytest.mark.native("another call would be seen")
+def test_a_kernel_without_openat2_makes_no_difference(running_unit: Unit, log_directory: Path,
+                                                      error: str) -> None:
+    unit = running_unit
+    fill(unit, "charts/coast/file", "sda1/a/b/inner/", "sda1/left/file", "sda1/link -> ../charts")
+    mount_over(unit, "/media/charts", "/media/sda1/a/b/inner")
+    since = bring_without(unit, log_directory, error)
+    assert warnings(unit, since) == ["Failed to remove /media/sda1/a/b",
+                                     "DeviceAdded: failed to remove /media/sda1"]
+    assert unit.sandbox.path("/media/charts/coast/file").exists()
+    unit.hal.pull("stick")
+    assert unit.sandbox.run(["umount", "/media/sda1/a/b/inner"]).returncode == 0
+    bring_without(unit, log_directory, error)
+    assert unit.application.next_text() == arrival("/media/sda1")
+    assert unit.sandbox.path("/media/charts/coast/file").exists()
+
+
+@pytest.mark.native("another call would be seen")
+def test_where_mounts_cannot_be_told_apart_nothing_is_entered(running_unit: Unit,
+                                                              log_directory: Path) -> None:
+    fill(running_unit, "sda1/inner/file")
+    running_unit.sandbox.path("/proc/self").unlink()
+    since = bring_without(running_unit, log_directory, "ENOSYS")
+    assert warnings(running_unit, since) == ["Failed to remove /media/sda1",
+                                             "DeviceAdded: failed to remove /media/sda1"]
+    assert running_unit.sandbox.path("/media/sda1/inner/file").exists()
+
+
+@pytest.mark.parametrize("happens", ["something is mounted on it", "it is moved away"])
+@pytest.mark.native("another call would be seen")
+def test_what_happens_to_a_leftover_while_it_is_cleared_empties_nothing_else(
+        running_unit: Unit, log_directory: Path, happens: str) -> None:
+    """The walk is stopped at the first of two files, for which it tries three entries."""
+    unit = running_unit
+    fill(unit, "charts/x/a", "charts/x/b", "sda1/x/a", "sda1/x/b")
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=unlinkat",
+                "-e", "inject=unlinkat:signal=SIGSTOP:when=3") as strace:
+        unit.hal.plug(STICK)
+        wait_until(lambda: "stopped by SIGSTOP" in strace.output.read_text(), "the walk is stopped")
+        if happens == "it is moved away":
+            unit.sandbox.path("/media/sda1/x").rename(unit.sandbox.path("/media/charts/moved"))
+        else:
+            mount_over(unit, "/media/charts", "/media/sda1")
+        unit.daemon.process.resume()
+        unit.daemon.expect_log(WARNING, "DeviceAdded: failed to remove /media/sda1")
+        unit.settle()
+    assert {"a", "b"} == set(os.listdir(unit.sandbox.path("/media/charts/x")))
+
+
 @_both
 @pytest.mark.parametrize("device", ["/dev/", "/dev/.", "/dev/..", "/dev//", "/dev/../outside",
                                     "/dev/sda1/../neighbour"],
@@ -180,6 +284,27 @@ def test_a_deep_leftover_is_cleared_away(running_unit: Unit) -> None:
     fill(running_unit, "sda1/" + "d/" * 60 + "file")
     running_unit.hal.plug(STICK)
     assert running_unit.application.next_text() == arrival("/media/sda1")
+
+
+def test_a_leftover_may_be_deeper_than_a_path_can_be_long(running_unit: Unit) -> None:
+    """And than a process may have descriptors, or its stack room for calls."""
+    fill(running_unit, "sda1/")
+    here = os.open(running_unit.sandbox.path("/media/sda1"), os.O_RDONLY)
+    for _ in range(20_000):
+        os.mkdir("d", dir_fd=here)
+        inner = os.open("d", os.O_RDONLY, dir_fd=here)
+        os.close(here)
+        here = inner
+    os.close(here)
+    running_unit.hal.plug(STICK)
+    assert running_unit.application.next_text(timeouts.RUN) == arrival("/media/sda1")
+
+
+def test_a_leftover_may_have_very_many_entries(running_unit: Unit) -> None:
+    fill(running_unit, *(f"sda1/{number}" for number in range(3000)),
+         *(f"sda1/d{number}/file" for number in range(300)))
+    running_unit.hal.plug(STICK)
+    assert running_unit.application.next_text(timeouts.RUN) == arrival("/media/sda1")
 
 
 def test_a_leftover_under_an_unwritable_media_directory_is_told(running_unit: Unit) -> None:

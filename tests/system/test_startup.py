@@ -4,14 +4,15 @@ import json
 import os
 import re
 import signal
+from pathlib import Path
 
 import pytest
 
 from bus_observer import BusObserver
 from observations import signal_set
-from testbed import target
-from testbed.daemon import DEBUG, INFO
-from testbed.strace import Strace
+from testbed import target, timeouts
+from testbed.daemon import DEBUG, ERROR, INFO
+from testbed.strace import Strace, Trace
 from testbed.unit import Unit
 
 HAL = "org.freedesktop.Hal"
@@ -202,3 +203,43 @@ def test_a_device_that_comes_during_the_start_up_scan_is_not_lost(unit: Unit) ->
     unit.settle()
     assert [call.member for call in unit.hal.calls()].count("Mount") == 1
     assert len(unit.application.frames()) == 1
+
+
+_STREAMS = ("<&-", ">&-", "2>&-")
+
+
+@pytest.mark.parametrize("closed", [{0}, {1}, {2}, {0, 1}, {0, 2}, {1, 2}, {0, 1, 2}],
+                         ids=lambda closed: " and ".join(map(str, sorted(closed))))
+@pytest.mark.native("the descriptors would be seen")
+def test_standard_streams_that_are_closed_are_opened_on_the_null_device(unit: Unit,
+                                                                        closed: set[int]) -> None:
+    """Nothing else gets their descriptors: not the log, the bus or a tool's standard error."""
+    script = " ".join(['exec "$@"', *(_STREAMS[number] for number in sorted(closed))])
+    unit.daemon.start(launcher=["sh", "-c", script, "sh"])
+    unit.hal.expect_call("FindDeviceByCapability")
+    unit.settle()
+    descriptors = Path(f"/proc/{unit.daemon.process.pid}/fd")
+    opened = {number for number in range(3)
+              if os.readlink(descriptors / str(number)) == "/dev/null"}
+    assert opened == closed | {0}, "standard input is empty anyway"
+    flags = (descriptors.parent / "fdinfo" / str(max(closed))).read_text()
+    assert int(flags.split("flags:")[1].split()[0], 8) & os.O_ACCMODE == os.O_RDWR
+    assert unit.daemon.terminate() == 0
+
+
+@pytest.mark.native("its own threads would be made")
+@pytest.mark.parametrize("which", [1, 2, 3, 4],
+                         ids=["the message client", "the publisher", "the service list",
+                              "the browser"])
+def test_without_one_of_its_threads_the_daemon_goes_on(unit: Unit, which: int) -> None:
+    unit.daemon.start(launcher=Trace.launcher("/var/log/strace", "-e", "trace=clone3", "-e",
+                                              f"inject=clone3:error=EAGAIN:when={which}"))
+    unit.daemon.expect_log(ERROR, "tThread::Start: creating a thread failed:"
+                                  " Resource temporarily unavailable", timeouts.START)
+    unit.hal.expect_call("FindDeviceByCapability", timeout=timeouts.START)
+    unit.settle()
+    unit.hal.plug("usb stick")
+    unit.daemon.expect_log(INFO, "symlink: /media/USB Memory Card A1 -> sda1")
+    if which != 1:
+        unit.application.expect_message("dataarrival", path="/media/sda1")
+    assert unit.daemon.terminate() == 0

@@ -228,6 +228,25 @@ def test_any_datagram_tells_the_address_of_the_peer(unit, tools, peer, datagram:
     tools.expect(export("rw", "169.254.3.7", "/srv/charts"))
 
 
+def test_exports_that_take_long_hold_up_no_announcement(unit, tools, make_peer) -> None:
+    """What a silent unit shared goes after three seconds; what the peer announces stays."""
+    peer, other = make_peer("169.254.3.7"), make_peer("169.254.3.8")
+    start_listening(unit, "--peer-mac", peer.eth0.hardware_address())
+    peer.announce(STICK, period=0.5)
+    unit.application.expect_message("dataarrival", path=DIRECTORY)
+    since = unit.mark()
+    tools.hold("exportfs -o")
+    unit.hal.plug("usb stick")
+    tools.expect(export("rw", "169.254.3.7", "/media/sda1"))
+    other.send(STICK)
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.8:-media-sda1")
+    unit.application.expect_message("dataremoval", path="/mnt/169.254.3.8:-media-sda1")
+    tools.obey()
+    unit.application.expect_message("dataarrival", path="/media/sda1")
+    assert tools.calls(since, "umount", until=export("ro", "*", "/media/sda1")) == [
+        unmount("/mnt/169.254.3.8:-media-sda1")]
+
+
 @pytest.mark.parametrize("form", [
     pytest.param(str.upper, id="in capitals"),
     pytest.param(lambda mac: ":".join(f"{int(byte, 16):x}" for byte in mac.split(":")),

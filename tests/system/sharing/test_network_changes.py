@@ -220,3 +220,115 @@ def test_shares_come_back_with_the_interface(unit, tools, peer) -> None:
     unit.eth0.set_address("169.254.1.1")
     unit.application.expect_message("dataarrival")
     peer.expect_announcement("/srv/charts")
+
+
+JOINING_AGAIN = ("CServiceBrowser: eth0 is another interface or has another address, joining"
+                 " 224.1.1.1 again")
+
+
+def delete_eth0(unit) -> None:
+    """The interface goes as an object, as when its driver is unloaded."""
+    done = unit.sandbox.run(["ip", "link", "delete", "eth0"])
+    assert done.returncode == 0, done.stderr
+
+
+def index_of_eth0(unit) -> int:
+    """The kernel's number of it."""
+    return unit.sandbox.in_network(lambda: socket.if_nametoindex("eth0"))
+
+
+def have_a_share_come(unit, peer) -> None:
+    """Start the daemon with a share of its own and have one of the peer's reported."""
+    start_listening(unit, "--internal-share-path", "/srv/charts")
+    peer.announce(Announcement("/media/sda1"))
+    unit.application.expect_message("dataarrival")
+
+
+def expect_sharing_both_ways(unit, peer, sender: str) -> None:
+    """The peer's share comes again, and the own one is announced from this address."""
+    since = unit.mark()
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-sda1")
+    peer.events.seek(since)
+    peer.expect(f"{sender} announces /srv/charts")
+
+
+@pytest.mark.parametrize("same_index", [False, True], ids=["another number", "the same number"])
+@pytest.mark.parametrize("address", ["169.254.1.1", "169.254.1.99"])
+def test_shares_come_back_with_an_interface_that_is_made_anew(
+        unit, tools, peer, network, address: str, same_index: bool) -> None:
+    have_a_share_come(unit, peer)
+    index = index_of_eth0(unit)
+    delete_eth0(unit)
+    unit.application.expect_message("dataremoval")
+    network.join(unit.sandbox, address, index if same_index else None)
+    assert (index_of_eth0(unit) == index) == same_index
+    expect_sharing_both_ways(unit, peer, address)
+    assert unit.daemon.logged(INFO, JOINING_AGAIN) == 1
+
+
+def test_an_interface_that_takes_over_the_name_is_joined(unit, tools, peer, network) -> None:
+    have_a_share_come(unit, peer)
+    unit.eth0.clear_address()
+    unit.eth0.down()
+    unit.sandbox.run(["ip", "link", "set", "eth0", "name", "old0"])
+    network.join(unit.sandbox, "169.254.1.1")
+    joined = unit.mark()
+    peer.announce(Announcement("/media/later"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-later")
+    assert unit.daemon.logged(INFO, JOINING_AGAIN) == 1
+    peer.events.seek(joined)
+    peer.expect("169.254.1.1 announces /srv/charts")
+
+
+def test_the_group_is_joined_again_with_a_new_address(unit, tools, peer) -> None:
+    have_a_share_come(unit, peer)
+    unit.eth0.set_address("169.254.1.99")
+    unit.daemon.expect_log(INFO, JOINING_AGAIN)
+    peer.expect("169.254.1.99 announces /srv/charts")
+    peer.announce(Announcement("/media/later"))
+    unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-later")
+    assert unit.daemon.logged(INFO, JOINING_AGAIN) == 1
+
+
+def test_joining_an_interface_that_is_made_anew_waits_for_a_route(unit, tools, peer,
+                                                                  network) -> None:
+    have_a_share_come(unit, peer)
+    delete_eth0(unit)
+    unit.application.expect_message("dataremoval")
+    interface = network.join(unit.sandbox)
+    interface.up()
+    unit.sandbox.run(["ip", "address", "add", "169.254.1.1/16", "dev", "eth0"])
+    unit.daemon.expect_log(INFO, JOINING_AGAIN)
+    for _ in range(3):
+        unit.daemon.expect_log(INFO, NOT_JOINED)
+    descriptors = open_descriptors(unit)
+    for _ in range(5):
+        unit.daemon.expect_log(INFO, NOT_JOINED)
+    assert open_descriptors(unit) < descriptors + 4, "a few may be open just now"
+    interface.set_address("169.254.1.1")
+    expect_sharing_both_ways(unit, peer, "169.254.1.1")
+
+
+def test_the_daemon_ends_while_it_waits_for_an_interface_to_come_back(unit, tools, peer) -> None:
+    have_a_share_come(unit, peer)
+    delete_eth0(unit)
+    unit.application.expect_message("dataremoval")
+    assert unit.daemon.terminate() == 0
+
+
+@pytest.mark.parametrize("gone", ["the cable", "the interface", "the address"])
+def test_an_interface_that_only_was_away_is_not_joined_again(unit, tools, peer,
+                                                             gone: str) -> None:
+    have_a_share_come(unit, peer)
+    if gone == "the cable":
+        unit.eth0.pull_cable()
+    elif gone == "the interface":
+        unit.eth0.down()
+    else:
+        unit.eth0.clear_address()
+    unit.application.expect_message("dataremoval")
+    unit.eth0.plug_cable()
+    unit.eth0.up()
+    unit.eth0.set_address("169.254.1.1")
+    expect_sharing_both_ways(unit, peer, "169.254.1.1")
+    assert unit.daemon.logged(INFO, JOINING_AGAIN) == 0

@@ -129,6 +129,7 @@ def test_the_shell_gets_exactly_these_command_lines(unit, tools, peer, log_direc
         peer.expect_announcement("/media/sda1")
         unit.hal.pull("stick")
         peer.expect_announcement("/media/sda1", WITHDRAWN)
+        unit.daemon.expect_log(DEBUG, "RemoveServiceNFS: /media/sda1")
         peer.share(SHARE)
         unit.application.expect_message("dataarrival", path=DIRECTORY)
         unit.daemon.signal(10)

@@ -6,9 +6,10 @@ import pytest
 
 from share_helpers import (CLEAR_EXPORTS, FLUSH_EXPORTS, PASS, TO_GROUP, export, gaps,
                            start_listening, start_with_peer)
+from testbed import timeouts
 from testbed.daemon import DEBUG, ERROR, INFO
 from testbed.peer import PORT, WITHDRAWN, Announcement
-from testbed.strace import Strace
+from testbed.strace import Strace, Trace
 
 STICK = "usb stick"
 CID = "1b534d303030303010206bb243009a33"
@@ -44,6 +45,35 @@ def test_a_read_only_volume_is_not_exported_writable_when_it_comes(unit, tools, 
     assert peer.expect_announcement("/media/sda1").read_only == 1
     exports = [call for call in tools.calls(since) if call != FLUSH_EXPORTS]
     assert exports == [export("ro", "*", "/media/sda1")]
+
+
+def test_the_mode_of_a_path_that_is_shared_already_stays(unit, tools, peer) -> None:
+    """A writable stick comes to the place of the internal share, which nobody may write to."""
+    start_with_peer(unit, peer, "--internal-share-path", "/media/sda1")
+    tools.expect(export("rw", PEER, "/media/sda1"))
+    unit.daemon.expect_log(INFO, f"_Export: exporting '{PEER}:/media/sda1' PASS")
+    since = unit.mark()
+    unit.hal.plug(STICK)
+    unit.application.expect_message("dataarrival")
+    unit.hal.pull("stick")
+    exports = [call for call in tools.calls(since, until=f"exportfs -u {PEER}:/media/sda1")
+               if call != FLUSH_EXPORTS]
+    assert exports == [export("ro", "*", "/media/sda1")]
+
+
+@pytest.mark.parametrize("command", [CLEAR_EXPORTS, "exportfs"])
+@pytest.mark.native("its own threads would be made")
+def test_a_stick_that_is_in_at_boot_is_mounted_before_the_nfs_server_answers(
+        unit, tools, command: str) -> None:
+    """The main thread is held up until the publisher has begun with its first exports."""
+    unit.hal.plug(STICK)
+    tools.hold(command)
+    unit.daemon.start(launcher=Trace.launcher("/var/log/strace", "-e", "trace=clone3", "-e",
+                                              "inject=clone3:delay_exit=1000000:when=2"))
+    tools.expect(CLEAR_EXPORTS, timeouts.START)
+    unit.hal.expect_call("Mount", timeout=timeouts.START)
+    tools.obey()
+    unit.application.expect_message("dataarrival", path="/media/sda1")
 
 
 def test_a_volume_that_goes_is_withdrawn_then_unexported(unit, tools, peer) -> None:

@@ -7,7 +7,7 @@ import pytest
 from share_helpers import (TO_GROUP, gaps, listens, mount, open_descriptors, processor_share,
                            reading_thread, start_listening, unmount)
 from testbed import timeouts
-from testbed.daemon import ERROR, INFO
+from testbed.daemon import ERROR, INFO, WARNING
 from testbed.peer import NUDGE_PORT, Announcement
 from testbed.strace import Strace
 from testbed.waiting import wait_until
@@ -17,6 +17,8 @@ SHARE = Announcement("/media/sda1")
 #: clock of a trace may be off.
 ASKED_AGAIN, READ_AGAIN = 0.249, 0.99
 DIRECTORY = "/mnt/169.254.3.7:-media-sda1"
+DROPPED = re.compile(r"CUdpRxSocket::FilteredRead: dropped \d+ datagrams of senders without known"
+                     r" hardware address")
 NO_ANSWER = "attempt 4 to obtain MAC for {} failed with error 6"
 NOT_JOINED = "CUdpRxSocket::_AddMultiCast: setsockopt(IP_ADD_MEMBERSHIP) failed! Error: 19"
 
@@ -78,6 +80,25 @@ def test_those_who_answer_do_not_wait_for_those_who_do_not(unit, tools, make_pee
     unit.application.expect_message("dataremoval")
     assert [frame.message()["path"] for frame in unit.application.frames(since)] == [
         "/mnt/169.254.3.8:-media-second"]
+
+
+@pytest.mark.native("no question for hardware addresses comes through")
+def test_senders_that_nobody_has_are_woken_up_four_times_a_second_at_most(
+        unit, tools, peer, log_directory) -> None:
+    """The forged ones come while the daemon waits for the answer of the first."""
+    start_listening(unit)
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=sendto",
+                thread=reading_thread(unit)) as strace:
+        for _ in range(2):
+            for number in range(200):
+                peer.send_from(f"10.9.9.{number}", SHARE)
+            unit.daemon.expect_log(WARNING, DROPPED)
+        peer.announce(Announcement("/media/real"))
+        unit.application.expect_message("dataarrival", path="/mnt/169.254.3.7:-media-real")
+    times = strace.times(rf"htons\({NUDGE_PORT}\)")
+    assert len(times) >= 8, "four for the first of each two hundred"
+    spans = [later - earlier for earlier, later in zip(times, times[4:])]
+    assert min(spans) > 0.999, times
 
 
 @pytest.mark.parametrize("source", [

@@ -17,6 +17,19 @@ TEST(Printable, KeepsTheLength) {
   EXPECT_EQ(Printable(std::string("a\0b\nc\x1B[31m", 10)), "a?b?c?[31m");
 }
 
+TEST(WithoutTrailingSpace, CutsWhiteSpaceAtTheEndOnly) {
+  const struct {
+    const char* text;
+    const char* cut;
+  } cases[] = {
+      {"", ""},           {"a", "a"},     {" a b ", " a b"},
+      {"a\n", "a"},       {"a\r\n", "a"}, {"a \t\n\v\f\r", "a"},
+      {"\n", ""},         {" \n ", ""},   {"a\nb\n", "a\nb"},
+      {"a\x7F", "a\x7F"},
+  };
+  for (const auto& [text, cut] : cases) EXPECT_EQ(WithoutTrailingSpace(text), cut);
+}
+
 TEST(FlagWords, AreTheOnesThatMessagesAndLogShow) {
   EXPECT_STREQ(BoolText(true), "true");
   EXPECT_STREQ(BoolText(false), "false");

@@ -1,11 +1,13 @@
 #include "frame/tThread.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <atomic>
 #include <functional>
+#include <limits>
 #include <thread>
 
+#include "support/CapturedLog.h"
 #include "support/Deadline.h"
 
 using std::chrono::hours;
@@ -99,6 +101,47 @@ TEST(Thread, ThatWasNeverStartedMayBeStopped) {
   worker.Stop();
   EXPECT_EQ(worker.runs, 0);
   EXPECT_FALSE(worker.StopRequested());
+}
+
+/// While it lives, stacks of new threads are larger than any address space.
+class tNoRoomForThreads {
+ public:
+  tNoRoomForThreads() {
+    pthread_getattr_default_np(&m_Before);
+    pthread_attr_t huge;
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, std::numeric_limits<size_t>::max() / 2);
+    pthread_setattr_default_np(&huge);
+    pthread_attr_destroy(&huge);
+  }
+  ~tNoRoomForThreads() {
+    pthread_setattr_default_np(&m_Before);
+    pthread_attr_destroy(&m_Before);
+  }
+  tNoRoomForThreads(const tNoRoomForThreads&) = delete;
+  tNoRoomForThreads& operator=(const tNoRoomForThreads&) = delete;
+
+ private:
+  pthread_attr_t m_Before;
+};
+
+TEST(Thread, ThatTheSystemHasNoRoomForIsLoggedAndMayBeStopped) {
+  const tCapturedLog log;
+  tWorker worker(WaitUntilStopped);
+  {
+    const tNoRoomForThreads full;
+    worker.Start();
+    worker.Wake();
+    worker.Stop();
+    worker.Start();
+  }
+  const tLogLine line{kLogError,
+                      "tThread::Start: creating a thread failed: Resource temporarily unavailable"};
+  EXPECT_THAT(log.Lines(), testing::ElementsAre(line, line));
+  EXPECT_EQ(worker.runs, 0);
+  worker.Start();
+  EXPECT_TRUE(Eventually([&] { return worker.runs == 1; })) << "there is room again";
+  worker.Stop();
 }
 
 TEST(Thread, MayBeStoppedTwice) {

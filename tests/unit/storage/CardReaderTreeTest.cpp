@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 
+#include "storage/tHalManager.h"
 #include "support/CapturedLog.h"
 
 using testing::ElementsAre;
@@ -38,7 +39,7 @@ TEST(UeventFiles, OfAnyOtherDeviceAreHarmless) {
 
 TEST(RebuildCardReaderTree, ReportsAnUnknownDeviceAndItsSteps) {
   const tCapturedLog log;
-  RebuildCardReaderTree("/dev/sda");
+  tHalManager::_RebuildCardReaderTree("/dev/sda");
   EXPECT_THAT(log.Lines(),
               ElementsAre(tLogLine{kLogDebug,
                                    "GetVolumeInfo() WEIRD:  Not mmcblk0, mmcblk1 or mmcblk2.  "

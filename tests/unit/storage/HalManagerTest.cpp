@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "frame/Settings.h"
 #include "storage/HalVolumeInfo.h"
 #include "support/CapturedLog.h"
 
@@ -65,6 +66,14 @@ TEST(HalManagerWithoutConnection, AnswersEveryQueryWithNothing) {
   info.VolumeId = "/d";
   EXPECT_FALSE(manager->GetVolumeInfo(info));
   EXPECT_THAT(log.Lines(), Contains(kClosed));
+}
+
+TEST(HalManagerWithoutConnection, ShowsMountOptionsOnlyOfACallThatWasMade) {
+  gVfatMountOpts = "utf8";
+  const tCapturedLog log;
+  EXPECT_FALSE(tHalManager::getInstance()->mountVolume("/d", "sda1", "vfat"));
+  gVfatMountOpts = nullptr;
+  EXPECT_THAT(log.Lines(), ElementsAre(kClosed));
 }
 
 TEST(HalManagerWithoutConnection, HasNothingToFree) {
