@@ -69,7 +69,7 @@ def memory(logs: Path, few: int, many: int) -> list[Figure]:
         ours, empty = (resident(place.pid_of(program))
                        for program in (stage.DAEMON, stage.BARE_LOOP))
     per_volume = (heaps[many] - heaps[few]) / (many - few)
-    return [Figure("memory at rest: PSS", ours, empty, 1.5, "KB"),
+    return [Figure("memory at rest: PSS", ours, empty, 1.3, "KB"),
             Figure("memory at rest: heap", heaps[1] / 1024, empty_heap / 1024, 1.5, "KB"),
             Figure("memory: heap a volume", per_volume, None, 1024, "bytes")]
 

@@ -19,7 +19,7 @@ def arrivals(logs: Path, rounds: int, count: int) -> list[Figure]:
                 found += _run(place, "arrivals", count, who)
     halves = {who: [median(half) for half in zip(*found)] for who, found in samples.items()}
     names = ("arrival: DeviceAdded to Mount call", "arrival: is_mounted to first byte")
-    figures = [Figure(name, halves["ours"][half], halves["floor"][half], 1.10, "us")
+    figures = [Figure(name, halves["ours"][half], halves["floor"][half], 1.03, "us")
                for half, name in enumerate(names)]
     return figures + [Figure(f"{name}, logging as by default", halves["logging"][half],
                              halves["floor"][half], None, "us")
@@ -36,7 +36,7 @@ def start_up(logs: Path, rounds: int, sizes: tuple[int, ...]) -> tuple[list[Figu
                 with Stage(logs) as place:
                     found += _run(place, "startup", size, who)[0]
         plot.append((size, *(median(found) / 1000 for found in samples.values())))
-    figures = [Figure(f"start-up: {size:,} volumes", ours, floor, 1.15, "ms")
+    figures = [Figure(f"start-up: {size:,} volumes", ours, floor, 1.15 if size else 1.4, "ms")
                for size, ours, floor in plot]
     (nothing, *base), (some, *few), (more, *many) = plot[0], plot[-2], plot[-1]
     growth = [(many[who] - base[who]) / (few[who] - base[who]) * (some - nothing) / (more - nothing)

@@ -9,7 +9,7 @@ import sys
 import tempfile
 from pathlib import Path
 
-# What the files of each layer may include. main.cpp, the only file above the folders, may include
+# What the files of each layer may include. Those above the folders, main.cpp for one, may include
 # everything.
 LAYERS = {
     "frame": {"frame"},

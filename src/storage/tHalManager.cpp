@@ -3,13 +3,12 @@
 
 #include "storage/tHalManager.h"
 
-#include <dbus/dbus-glib-lowlevel.h>
-
 #include <string_view>
 
 #include "frame/Assert.h"
 #include "frame/Log.h"
 #include "frame/Text.h"
+#include "storage/BusSource.h"
 #include "storage/HalNames.h"
 #include "storage/IHalManagerCallback.h"
 
@@ -39,7 +38,10 @@ bool tHalManager::initHal() {
   }
   // A shared connection ends the process by default when the bus goes away.
   dbus_connection_set_exit_on_disconnect(m_pConnection, FALSE);
-  dbus_connection_setup_with_g_main(m_pConnection, nullptr);
+  if (!AttachToMainContext(m_pConnection)) {
+    Log("HAL: Could not attach the connection", kLogError);
+    return false;
+  }
 
   const bool hasOwner = dbus_bus_name_has_owner(m_pConnection, kHalService, error.Get());
   if (_CheckDBusError(error)) return false;
@@ -70,6 +72,7 @@ bool tHalManager::freeHal() {
   dbus_bus_remove_match(m_pConnection, kHalDeviceMatch, error.Get());
   if (_CheckDBusError(error)) return false;
   dbus_connection_remove_filter(m_pConnection, dBusHandler, nullptr);
+  DetachFromMainContext(m_pConnection);
   dbus_connection_unref(m_pConnection);
   m_pConnection = nullptr;
   return true;

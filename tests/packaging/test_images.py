@@ -131,7 +131,7 @@ def test_recipe_keeps_the_settings_of_an_upgraded_image(recipe: dict[str, str], 
 def test_recipe_needs_what_the_build_needs(recipe: dict[str, str]) -> None:
     modules = re.findall(r"pkg_check_modules\(\w+ REQUIRED IMPORTED_TARGET ([\w.-]+)",
                          (target.REPOSITORY / "src/CMakeLists.txt").read_text())
-    providers = {"dbus-1": "dbus", "dbus-glib-1": "dbus-glib", "glib-2.0": "glib-2.0"}
+    providers = {"dbus-1": "dbus", "glib-2.0": "glib-2.0"}
     assert {providers[module] for module in modules} == set(recipe["DEPENDS"].split())
     assert {"cmake", "pkgconfig", "systemd", "update-rc.d"} <= set(recipe["inherit"].split())
 
@@ -198,7 +198,6 @@ BUILDROOT_TOOLCHAIN = [
 BUILDROOT_PACKAGES = {
     "BR2_HOST_CMAKE_AT_LEAST_3_24": "y",
     "BR2_PACKAGE_DBUS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU",
-    "BR2_PACKAGE_DBUS_GLIB": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
     "BR2_PACKAGE_LIBGLIB2": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
     "BR2_PACKAGE_NFS_UTILS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && !BR2_STATIC_LIBS",
     "BR2_PACKAGE_NFS_UTILS_RPC_NFSD": "BR2_PACKAGE_NFS_UTILS"}

@@ -122,6 +122,24 @@ def test_without_its_bus_the_daemon_keeps_telling_what_it_knows(running_unit: Un
     running_unit.daemon.expect_log(DEBUG, "freeHal()")
 
 
+def test_what_fills_the_bus_during_a_call_is_dealt_with_afterwards(running_unit: Unit) -> None:
+    """Three megabytes, more than the daemon's socket holds."""
+    since = running_unit.mark()
+    running_unit.hal.command("ignore Mount")
+    running_unit.hal.plug("usb stick")
+    running_unit.hal.expect_call("Mount")
+    for number in range(300):
+        running_unit.hal.command(
+            f"emit {MANAGER_SIGNAL} DeviceRemoved ('{PREFIX}{number}{'x' * 10_000}',)")
+    running_unit.hal.command("drop")
+    running_unit.hal.command("return")
+    running_unit.hal.command("forget")
+    running_unit.hal.plug("usb afterwards volume-block=/dev/sdz9")
+    running_unit.application.expect_message("dataarrival", path="/media/sdz9")
+    assert running_unit.daemon.logged(
+        DEBUG, "dBusHandler: DeviceRemoved: calling _DeviceRemoved", since) == 300
+
+
 def test_the_loss_of_the_bus_is_told_at_once_and_once(running_unit: Unit) -> None:
     mark_in_the_log(running_unit)  # and no query is under way any more
     since = running_unit.tape.mark()

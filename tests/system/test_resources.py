@@ -12,7 +12,7 @@ import pytest
 from observations import processor_seconds
 from testbed import timeouts
 from testbed.application import Mode
-from testbed.daemon import WARNING
+from testbed.daemon import INFO, WARNING
 from testbed.network import Network
 from testbed.strace import Call, Strace
 from testbed.tape import Wanted
@@ -102,6 +102,23 @@ def test_without_the_application_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.hal.plug("usb stick")
     running_unit.settle()
     expect_rest(running_unit, AT_REST)
+
+
+@pytest.mark.native("its poll would be seen")
+def test_no_deadline_of_an_answered_call_keeps_the_main_loop_awake(running_unit: Unit,
+                                                                   log_directory: Path) -> None:
+    running_unit.hal.command("delay Mount 300")
+    running_unit.hal.plug("usb stick")
+    running_unit.application.expect_message("dataarrival")
+    running_unit.settle()
+    pid = running_unit.daemon.process.pid
+    with Strace(running_unit.daemon.process, log_directory / "strace", "-e", "trace=poll,ppoll",
+                thread=pid) as strace:
+        for _ in range(3):
+            running_unit.daemon.signal(signal.SIGHUP)
+            running_unit.daemon.expect_log(INFO, "Starting new log file")
+        strace.expect(r"\], \d+, -1\)", 2)
+    assert strace.times(r"\], \d+, [1-9]") == []
 
 
 def inherited_by_a_tool(unit: Unit) -> set[str]:

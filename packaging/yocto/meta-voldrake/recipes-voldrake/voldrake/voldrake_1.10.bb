@@ -11,7 +11,7 @@ EXTERNALSRC = "${VOLDRAKE_SOURCE}"
 EXTERNALSRC_BUILD = "${WORKDIR}/build"
 EXTERNALSRC_SYMLINKS = ""
 
-DEPENDS = "dbus dbus-glib glib-2.0"
+DEPENDS = "dbus glib-2.0"
 
 inherit cmake pkgconfig systemd update-rc.d
 
