@@ -28,6 +28,8 @@ def image(tree, sandbox: Sandbox) -> Sandbox:
     # The script reads the options below the prefix's etc, which the build directory names.
     options = Path(tree.prefix, "etc") if tree.prefix != "/usr" else Path("/etc")
     text = script.read_text().replace(f"{options}/default/", "/etc/default/")
+    # The script's own path comes first in the image, so BusyBox's commands are put before it.
+    text = text.replace("\nPATH=", f"\nPATH={TOOLS}:")
     script.write_text(text)
     set_options(sandbox, f"--log {LOG}")
     return sandbox
@@ -110,6 +112,18 @@ def test_tells_when_the_daemon_ends_at_once(image: Sandbox) -> None:
                         done.stderr)
     assert call(image, "status") == (3, "voldrake is not running\n")
     assert not image.path(PID_FILE).exists()
+
+
+def test_gives_the_daemon_a_path_of_its_own(image: Sandbox) -> None:
+    """Whoever calls the script: mount and exportfs are found in the system's directories."""
+    done = image.run(["env", "PATH=/nonexistent", "/usr/bin/busybox", "sh", SCRIPT, "start"],
+                     timeout=4 * timeouts.RUN)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    (daemon,) = (pid for pid, line in image.processes().items() if "/voldrake" in line)
+    environment = Path(f"/proc/{daemon}/environ").read_text().split("\0")
+    (path,) = (entry.removeprefix("PATH=") for entry in environment if entry.startswith("PATH="))
+    assert {"/usr/sbin", "/usr/bin", "/sbin", "/bin"} <= set(path.split(":"))
+    call(image, "stop")
 
 
 def test_tells_its_usage(image: Sandbox) -> None:
