@@ -24,6 +24,11 @@ HIDING = {
     "ReadOnlyPaths", "ReadWritePaths", "RootDirectory", "RootImage", "TemporaryFileSystem"}
 
 
+#: Seconds. A mount from a silent server is tried for two minutes, nfs(5), and its last try takes
+#: half a minute; a bus that hangs takes 25 s, and NFS clients get ten to let go.
+LONGEST_END = 120 + 30 + 25 + 10
+
+
 @pytest.fixture
 def service(tree) -> Path:
     return tree.path("lib/systemd/system/voldrake.service")
@@ -87,6 +92,12 @@ def test_returns_after_every_failure_at_a_limited_rate(settings: list[tuple[str,
     assert interval > 0
     # Failures alone never reach the limit, at which it would stay down.
     assert interval / pause + 1 < burst
+
+
+def test_gives_an_end_the_time_of_all_that_it_waits_for(settings: list[tuple[str, str]]) -> None:
+    assert int(values(settings, "TimeoutStopSec")[0]) > LONGEST_END
+    # The mount that is waited for is not told to end.
+    assert values(settings, "KillMode") == ["mixed"]
 
 
 def test_leaves_a_working_daemon_what_it_needs(

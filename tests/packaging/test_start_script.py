@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import signal
 import time
 from pathlib import Path
 
@@ -124,6 +125,23 @@ def test_gives_the_daemon_a_path_of_its_own(image: Sandbox) -> None:
     (path,) = (entry.removeprefix("PATH=") for entry in environment if entry.startswith("PATH="))
     assert {"/usr/sbin", "/usr/bin", "/sbin", "/bin"} <= set(path.split(":"))
     call(image, "stop")
+
+
+def test_waits_for_an_end_as_long_as_systemd_does(image: Sandbox, tree) -> None:
+    """A second passes at once here; the daemon is held and does not end."""
+    call(image, "start")
+    expect_line(image, "_ManualScan()")
+    (daemon,) = (pid for pid, line in image.processes().items() if "/voldrake" in line)
+    os.kill(daemon, signal.SIGSTOP)
+    image.path(f"{TOOLS}/sleep").unlink()
+    image.write(f"{TOOLS}/sleep", "#!/bin/sh\necho $1 >> /run/seconds\n")
+    image.path(f"{TOOLS}/sleep").chmod(0o755)
+    done = image.run(["busybox", "sh", SCRIPT, "stop"], timeout=4 * timeouts.RUN)
+    assert (done.returncode, done.stderr) == (1, "voldrake does not end\n")
+    waited = sum(map(int, image.path("/run/seconds").read_text().split()))
+    unit = tree.path("lib/systemd/system/voldrake.service").read_text()
+    assert f"\nTimeoutStopSec={waited}\n" in unit
+    os.kill(daemon, signal.SIGCONT)
 
 
 def test_tells_its_usage(image: Sandbox) -> None:
