@@ -53,14 +53,20 @@ def exposure(service: Path, *options: str) -> float:
     return float(found[1])
 
 
-def test_is_accepted_by_systemd(tree, service: Path, tmp_path: Path) -> None:
-    # The program is where the installed tree has it, not where the unit will.
-    text = service.read_text().replace(tree.prefix + "/sbin", str(tree.path("sbin")))
-    copy = tmp_path / "voldrake.service"
-    copy.write_text(text)
-    done = subprocess.run(["systemd-analyze", "verify", "--man=no", str(copy)],
+def verified(tree, service: Path, directory: Path) -> tuple[int, str, str]:
+    """What systemd says of a unit. The programs are where the installed tree has them, not where
+    the unit will."""
+    for unit in service.parent.glob("*.service"):
+        text = unit.read_text().replace(tree.prefix + "/sbin", str(tree.path("sbin")))
+        (directory / unit.name).write_text(text)
+    done = subprocess.run(["systemd-analyze", "verify", "--man=no", str(directory / service.name)],
                           capture_output=True, text=True, check=False)
-    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    return done.returncode, done.stdout, done.stderr
+
+
+@pytest.mark.parametrize("name", ["voldrake", "voldrake-stop"])
+def test_is_accepted_by_systemd(tree, service: Path, tmp_path: Path, name: str) -> None:
+    assert verified(tree, service.with_name(f"{name}.service"), tmp_path) == (0, "", "")
 
 
 def test_is_hardened_as_far_as_shared_mounts_allow(service: Path) -> None:
@@ -79,9 +85,19 @@ def test_security_policy_leaves_out_only_what_hides_mounts() -> None:
     assert set(policy) - {"RootDirectoryOrRootImage"} <= HIDING
 
 
-def test_comes_after_bus_hardware_service_and_network(settings: list[tuple[str, str]]) -> None:
+def test_comes_after_bus_and_hardware_service(settings: list[tuple[str, str]]) -> None:
     after = values(settings, "After")
-    assert {"dbus.service", "dbus-org.freedesktop.Hal.service", "network.target"} <= set(after)
+    assert {"dbus.service", "dbus-org.freedesktop.Hal.service"} <= set(after)
+
+
+def test_waits_for_no_network_at_its_start_but_ends_before_it(
+        tree, settings: list[tuple[str, str]]) -> None:
+    assert {"network.target", "network-online.target", "nfs-server.service"}.isdisjoint(
+        values(settings, "After"))
+    assert "voldrake-stop.service" in values(settings, "Wants")
+    stop = tree.path("lib/systemd/system/voldrake-stop.service").read_text()
+    assert "\nAfter=network.target nfs-server.service\n" in stop
+    assert "\nExecStop=systemctl stop voldrake.service\n" in stop
 
 
 def test_returns_after_every_failure_at_a_limited_rate(settings: list[tuple[str, str]]) -> None:
