@@ -47,6 +47,15 @@ RemainAfterExit=yes
 ExecStart=sh -c "until [ -e /run/cable ]; do sleep 0.1; done"
 """
 
+#: Where there is no kernel module to load, notes its name.
+MODPROBE = """[Unit]
+ConditionCapability=
+[Service]
+RemainAfterExit=yes
+ExecStart=
+ExecStart=sh -c "echo %i >> /run/modules"
+"""
+
 #: Of the NFS server all but what takes a kernel with one: its unit without the services that it
 #: requires and with nothing in place of rpc.nfsd. At its end it notes how the daemon is.
 WITHOUT_KERNEL = (
@@ -83,6 +92,8 @@ def install_units(root: Root) -> None:
             wants.mkdir(exist_ok=True)
             (wants / f"{name}.service").symlink_to(f"../{name}.service")
     (units / "dbus-org.freedesktop.Hal.service").symlink_to("hal.service")
+    (units / "modprobe@.service.d").mkdir()
+    (units / "modprobe@.service.d/note.conf").write_text(MODPROBE)
     (root.directory / "sbin/mount.nfs").write_text(MOUNT_NFS)
 
 
@@ -132,6 +143,13 @@ def test_does_not_wait_for_the_network_at_boot(system: BootedRoot) -> None:
     assert shown(system, "Job", "nfs-server") != ""  # it waits
     system.wait_for(lambda: shown(system, "ActiveState") == "active")
     assert shown(system, "ActiveState", "nfs-server") == "inactive"
+
+
+def test_comes_after_the_card_readers_driver(system: BootedRoot) -> None:
+    """systemd looks the driver's device numbers up when it starts the daemon."""
+    assert "sd_mod" in system.run("cat /run/modules").split()
+    loaded = int(shown(system, "ExecMainExitTimestampMonotonic", "modprobe@sd_mod"))
+    assert 0 < loaded < started(system)
 
 
 def test_is_started_at_boot_when_the_hardware_service_is_up(system: BootedRoot) -> None:
