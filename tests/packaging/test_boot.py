@@ -213,6 +213,27 @@ def test_mounts_and_unmounts_the_share_of_another_unit(system: BootedRoot) -> No
     assert f" {share[1]} " not in system.run("cat /proc/1/mountinfo")
 
 
+@pytest.mark.parametrize("end", ["kill --signal=KILL", "kill --signal=TERM", "restart"])
+def test_is_started_anew_when_the_bus_has_ended(system: BootedRoot, end: str) -> None:
+    system.run("echo 'pull stick' > /run/hal.commands")
+    system.wait_for(lambda: messages(system)[-1] == ("removal", "/media/sda1"))
+    first, before = started(system), len(messages(system))
+    system.run(f"systemctl {end} dbus.service")
+    system.wait_for(lambda: started(system) > first
+                    and shown(system, "ActiveState") == "active")
+    system.run("echo 'plug usb stick label=CHARTS' > /run/hal.commands")
+    system.wait_for(lambda: messages(system)[before:] == [("arrival", "/media/sda1")])
+
+
+def test_starts_a_bus_that_has_crashed_if_nobody_else_does(system: BootedRoot) -> None:
+    system.run("systemctl stop hal")
+    first = started(system)
+    system.run("systemctl kill --signal=KILL dbus.service")
+    system.wait_for(lambda: started(system) > first
+                    and shown(system, "ActiveState") == "active")
+    assert shown(system, "ActiveState", "dbus") == "active"
+
+
 def test_ends_in_order_when_it_is_stopped(system: BootedRoot) -> None:
     system.run("systemctl stop voldrake")
     assert shown(system, "ActiveState") == "inactive"
