@@ -7,6 +7,7 @@ import pytest
 
 from readiness import expect_handler, expect_line
 from testbed.sandbox import TOOLS, Sandbox
+from testbed.waiting import wait_until
 
 LOG = "/var/log/voldrake.log"
 CLOCK = r"\d\d:\d\d:\d\d: Voldrake: Log:    "
@@ -34,22 +35,16 @@ def rotate(unit: Sandbox) -> None:
 
 
 def test_with_systemd(unit: Sandbox, tree) -> None:
-    """systemctl is a stand-in here, which carries out what it is asked."""
+    """systemctl is a stand-in here, which answers what it is asked."""
     daemon = start(unit, tree)
     inside = unit.run(["pidof", "voldrake"]).stdout.strip()
     unit.path("/run/systemd/system").mkdir(parents=True)
     unit.write(f"{TOOLS}/systemctl", f"""#!/bin/sh
-echo "$*" >> /var/log/systemctl
-case $* in
-  *is-active*) exit 0 ;;
-  *--signal=HUP*) kill -HUP {inside} ;;
-esac
+[ "$*" = "show --property=MainPID --value voldrake.service" ] && echo {inside}
 """)
     unit.path(f"{TOOLS}/systemctl").chmod(0o755)
     rotate(unit)
     expect_line(unit, LOG, "Version - 1.10")
-    assert "--kill-who=main --signal=HUP voldrake.service" in unit.path(
-        "/var/log/systemctl").read_text()
     assert_head(unit)
     assert daemon.terminate() == 0
 
@@ -62,6 +57,33 @@ def test_with_the_start_script(unit: Sandbox, tree) -> None:
     expect_line(unit, LOG, "Version - 1.10")
     assert_head(unit)
     assert daemon.terminate() == 0
+
+
+def test_leaves_a_daemon_that_waits_for_its_identity_alone(unit: Sandbox, tree) -> None:
+    """Until its start-up is done the signal would end the daemon."""
+    identity = "/srv/content-id"
+    daemon = unit.spawn([f"{tree.prefix}/sbin/voldrake", "--log", LOG, "--content-id-file",
+                         identity, "--file-timeout", "1000"], "voldrake")
+    expect_line(unit, LOG, "Voldrake waiting for files to appear")
+    unit.write("/run/voldrake.pid", unit.run(["pidof", "voldrake"]).stdout)
+    rotate(unit)
+    unit.write(identity, "7\n")
+    expect_line(unit, LOG, f"Found: {identity}")
+    expect_line(unit, LOG, "_ManualScan()")
+    assert "Starting new log file" not in unit.path(LOG).read_text()
+    assert daemon.terminate() == 0
+
+
+def test_leaves_a_stranger_with_the_daemons_number_alone(unit: Sandbox) -> None:
+    stranger = unit.spawn(
+        ["sh", "-c", "trap 'echo told' HUP; trap 'echo ended; exit' TERM;"
+         " echo $$ > /run/new.pid; mv /run/new.pid /run/voldrake.pid; while :; do sleep 0.1; done"],
+        "stranger")
+    wait_until(unit.path("/run/voldrake.pid").exists, "the stranger's number")
+    unit.write(LOG, "an old line\n")
+    rotate(unit)
+    assert stranger.terminate() == 0
+    assert stranger.stdout() == "ended\n"
 
 
 def test_with_no_daemon_running(unit: Sandbox) -> None:
