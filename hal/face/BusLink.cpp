@@ -28,6 +28,12 @@ struct BusLink::Delivery {
   glib::ObjectPointer<GDBusMessage> call;
 };
 
+/// Outlives the link if need be.
+struct BusLink::UserQuestion {
+  std::shared_ptr<Inbox> inbox;
+  UserHandler handler;
+};
+
 BusLink::BusLink(std::string address, CallHandler onCall, LossHandler onLoss)
     : address_(std::move(address)), onCall_(std::move(onCall)), onLoss_(std::move(onLoss)) {}
 
@@ -124,6 +130,24 @@ void BusLink::Send(GDBusMessage* message) {
   if (!connection_) return;
   g_dbus_connection_send_message(connection_.get(), message, G_DBUS_SEND_MESSAGE_FLAGS_NONE,
                                  nullptr, nullptr);
+}
+
+void BusLink::AskUser(const std::string& client, UserHandler handler) {
+  if (!connection_) return;
+  g_dbus_connection_call(connection_.get(), kBus, kBusPath, kBus, "GetConnectionUnixUser",
+                         g_variant_new("(s)", client.c_str()), G_VARIANT_TYPE("(u)"),
+                         G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &BusLink::OnUser,
+                         new UserQuestion{inbox_, std::move(handler)});
+}
+
+void BusLink::OnUser(GObject* connection, GAsyncResult* result, gpointer data) {
+  const std::unique_ptr<UserQuestion> question(static_cast<UserQuestion*>(data));
+  const glib::VariantPointer reply(
+      g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, nullptr));
+  if (question->inbox->link == nullptr) return;
+  guint uid = 0;
+  if (reply) g_variant_get(reply.get(), "(u)", &uid);
+  question->handler(reply ? std::optional<unsigned>(uid) : std::nullopt);
 }
 
 /// On the reading thread. Takes every method call but those that GLib answers well itself.

@@ -16,6 +16,7 @@ class BusLink {
  public:
   using CallHandler = std::function<void(GDBusMessage* call)>;
   using LossHandler = std::function<void()>;
+  using UserHandler = std::function<void(std::optional<unsigned> uid)>;
 
   /// An empty address is the system bus.
   BusLink(std::string address, CallHandler onCall, LossHandler onLoss);
@@ -41,14 +42,19 @@ class BusLink {
   bool Emit(const std::string& destination, const std::string& path, const std::string& interface,
             const std::string& member, GVariant* body);
   void Send(GDBusMessage* message);
+  /// Asks the bus which user a client is; nullopt: the bus does not know, or not any more. The
+  /// handler runs later, on the main loop, and not at all when this object is gone by then.
+  void AskUser(const std::string& client, UserHandler handler);
 
  private:
   struct Inbox;
   struct Delivery;
+  struct UserQuestion;
 
   static GDBusMessage* Filter(GDBusConnection* connection, GDBusMessage* message, gboolean incoming,
                               gpointer data);
   static gboolean Deliver(gpointer data);
+  static void OnUser(GObject* connection, GAsyncResult* result, gpointer data);
   static void OnClosed(GDBusConnection* connection, gboolean remotely, GError* error,
                        gpointer data);
   std::optional<std::string> CallBus(const char* method, GVariant* arguments, guint* result);

@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hal/face/BusLink.h"
@@ -37,6 +38,11 @@ class HalService : public IDeviceTreeObserver {
 
   std::string UniqueName() const { return bus_.UniqueName(); }
   bool OwnsName() const { return bus_.OwnsName(); }
+
+  /// See BusLink::AskUser.
+  void AskUser(const std::string& client, BusLink::UserHandler handler) {
+    bus_.AskUser(client, std::move(handler));
+  }
 
   /// Carries a call out that the observer took over, and answers it.
   void Serve(GDBusMessage* call);
