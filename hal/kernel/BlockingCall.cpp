@@ -7,7 +7,7 @@
 
 #include "glib/Handles.h"
 
-namespace hald {
+namespace halkernel {
 namespace {
 
 struct Call {
@@ -34,4 +34,4 @@ void CallInThread(std::function<int()> work, std::function<void(int)> done) {
   g_task_run_in_thread(task.get(), &Run);
 }
 
-}  // namespace hald
+}  // namespace halkernel

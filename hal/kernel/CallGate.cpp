@@ -7,7 +7,7 @@
 #include "hal/face/VolumeError.h"
 #include "hal/kernel/Log.h"
 
-namespace hald {
+namespace halkernel {
 namespace {
 
 std::string OrEmpty(const char* text) {
@@ -59,4 +59,4 @@ void CallGate::Sent(const hal::Signal& signal) {
   Log(LOG_DEBUG, "signal " + signal.member + " " + signal.path + OrEmpty(body.get()));
 }
 
-}  // namespace hald
+}  // namespace halkernel

@@ -3,7 +3,7 @@
 #include "hal/face/HalService.h"
 #include "hal/face/ICallObserver.h"
 
-namespace hald {
+namespace halkernel {
 
 /// Lets nobody but root mount, unmount or eject, whatever the bus's own policy says, and shows what
 /// goes over the bus in the debug log. Who a client is, is asked of the bus; other calls are served
@@ -22,4 +22,4 @@ class CallGate : public hal::ICallObserver {
   hal::HalService* service_ = nullptr;
 };
 
-}  // namespace hald
+}  // namespace halkernel

@@ -12,7 +12,7 @@
 
 #include "glib/Handles.h"
 
-namespace hald {
+namespace halkernel {
 namespace {
 
 constexpr std::size_t kKeptBytes = 4096;
@@ -124,4 +124,4 @@ void RunChild(const std::vector<std::string>& words, std::chrono::milliseconds l
       new Child{output, std::move(ended), StartLimit(limit, std::move(late))});
 }
 
-}  // namespace hald
+}  // namespace halkernel

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace hald {
+namespace halkernel {
 
 struct ChildResult {
   bool succeeded = false;  // it ended by itself with status 0
@@ -21,4 +21,4 @@ struct ChildResult {
 void RunChild(const std::vector<std::string>& words, std::chrono::milliseconds limit,
               std::function<void()> late, std::function<void(const ChildResult&)> ended);
 
-}  // namespace hald
+}  // namespace halkernel

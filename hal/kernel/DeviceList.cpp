@@ -10,7 +10,7 @@
 #include "hal/face/HalNames.h"
 #include "program/Printable.h"
 
-namespace hald {
+namespace halkernel {
 namespace {
 
 constexpr std::uint64_t kMebibyte = 1024 * 1024;
@@ -99,4 +99,4 @@ std::string ListJson(const hal::DeviceTree& tree) {
   return text;
 }
 
-}  // namespace hald
+}  // namespace halkernel

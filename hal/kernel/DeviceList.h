@@ -6,7 +6,7 @@
 
 // What `voldrake-hald --list` shows.
 
-namespace hald {
+namespace halkernel {
 
 /// A line for each device, indented below its parent: its name, and of disks and volumes what
 /// people look for. Nothing in it can drive a terminal.
@@ -15,4 +15,4 @@ std::string ListText(const hal::DeviceTree& tree);
 /// A JSON object a line for each device, parents first: {"udi":"...","properties":{...}}.
 std::string ListJson(const hal::DeviceTree& tree);
 
-}  // namespace hald
+}  // namespace halkernel

@@ -25,7 +25,7 @@
 #include "hal/kernel/Log.h"
 #include "hal/kernel/MountCommand.h"
 
-namespace hald {
+namespace halkernel {
 namespace {
 
 using hal::Device;
@@ -330,4 +330,4 @@ void KernelMounter::Reopen(const std::string& node) {
   CallInThread(work, [](int) {});
 }
 
-}  // namespace hald
+}  // namespace halkernel

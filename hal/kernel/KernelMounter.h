@@ -12,7 +12,7 @@
 #include "hal/kernel/BlockDevices.h"
 #include "hal/kernel/Mounts.h"
 
-namespace hald {
+namespace halkernel {
 
 /// Mounts and unmounts in earnest: directories under /media, mount(8) as a child, umount2(2) in a
 /// thread. Whether a volume is mounted is never concluded from what was asked for: the mount table
@@ -82,4 +82,4 @@ class KernelMounter : public hal::IVolumeActions, public IMediumActions {
   std::set<std::string> directoriesUnderWay_;  // names under /media
 };
 
-}  // namespace hald
+}  // namespace halkernel

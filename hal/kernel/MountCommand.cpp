@@ -2,7 +2,7 @@
 
 #include "hal/face/Text.h"
 
-namespace hald {
+namespace halkernel {
 namespace {
 
 /// A line is "nodev\tproc" or "\text4".
@@ -40,4 +40,4 @@ std::vector<std::string> RemountWords(bool readOnly, const std::string& director
           directory};
 }
 
-}  // namespace hald
+}  // namespace halkernel

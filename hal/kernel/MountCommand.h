@@ -8,7 +8,7 @@
 
 // The words of the commands that mount; decided from values alone.
 
-namespace hald {
+namespace halkernel {
 
 /// What "ntfs" is called on this system: "ntfs3" if the kernel knows that type or there is no
 /// helper for "ntfs", else "ntfs". Every other type stays as it is.
@@ -25,4 +25,4 @@ std::vector<std::string> MountWords(const hal::MountRequest& request, const std:
 /// mount(8) that changes nothing but whether the file system is read-only.
 std::vector<std::string> RemountWords(bool readOnly, const std::string& directory);
 
-}  // namespace hald
+}  // namespace halkernel

@@ -27,7 +27,7 @@
 
 namespace {
 
-using namespace hald;
+using namespace halkernel;
 
 constexpr const char* kSummary =
     "Serves org.freedesktop.Hal with the USB sticks, memory cards and card readers of this "
@@ -140,8 +140,8 @@ int List(const Options& options) {
 int Serve(const Options& options) {
   program::MainLoop loop;
   StateFile file(kStateFile);
-  std::unique_ptr<hal::HalService> service;
   std::unique_ptr<Machine> machine;
+  std::unique_ptr<hal::HalService> service;
   // A service that does not own the name must not touch what the owner keeps.
   const auto keep = [&] {
     if (service != nullptr && service->OwnsName()) file.Write(machine->ToKeep());
