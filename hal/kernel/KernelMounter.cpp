@@ -133,7 +133,9 @@ void KernelMounter::RemoveUnused() {
       unused.push_back(name);
     }
   }
+  const std::size_t before = directories_.size();
   for (const std::string& name : unused) RemoveDirectory(name);
+  if (directories_.size() != before) onChange_();
 }
 
 void KernelMounter::RemoveDirectory(const std::string& name) {
@@ -143,7 +145,6 @@ void KernelMounter::RemoveDirectory(const std::string& name) {
     Log(LOG_WARNING, "cannot remove " + InMedia(name) + ": " + std::strerror(errno));
   }
   directories_.erase(name);
-  onChange_();
 }
 
 void KernelMounter::Mount(const std::string& udi, const hal::MountRequest& request, Done done) {
@@ -318,7 +319,9 @@ void KernelMounter::Detach(const std::string& mountPoint) {
     return;
   }
   const std::string name = IsOwn(mountPoint) ? mountPoint.substr(kMedia.size()) : "";
-  if (!name.empty() && !directoriesUnderWay_.contains(name)) RemoveDirectory(name);
+  if (name.empty() || directoriesUnderWay_.contains(name)) return;
+  RemoveDirectory(name);
+  onChange_();
 }
 
 void KernelMounter::Reopen(const std::string& node) {

@@ -91,8 +91,8 @@ class Machine {
         mounter_(
             tree_, mounts_, [this] { devices_.RefreshMounts(); }, onChange),
         reconciler_(tree_, onChange),
-        watch_(devices_),
-        devices_(tree_, reconciler_, mounts_, mounter_, [this] { return watch_.Enumerate(); }) {}
+        devices_(tree_, reconciler_, mounts_, mounter_, [this] { return watch_.Enumerate(); }),
+        watch_(devices_) {}
 
   /// Looks at everything, silently. Gives the reason of a failure.
   std::optional<std::string> Start(const std::optional<State>& before) {
@@ -104,10 +104,7 @@ class Machine {
   }
 
   /// Once clients can be told: what has changed since the service ran last.
-  void Announce() {
-    devices_.Announce();
-    mounter_.RemoveUnused();
-  }
+  void Announce() { devices_.Announce(); }
 
   [[nodiscard]] State ToKeep() const { return {reconciler_.Kept(), mounter_.Directories()}; }
 
@@ -124,8 +121,8 @@ class Machine {
   MountTable mounts_;
   KernelMounter mounter_;
   Reconciler reconciler_;
-  UdevWatch watch_;
   BlockDevices devices_;
+  UdevWatch watch_;
 };
 
 int List(const Options& options) {
@@ -144,7 +141,9 @@ int Serve(const Options& options) {
   std::unique_ptr<hal::HalService> service;
   // A service that does not own the name must not touch what the owner keeps.
   const auto keep = [&] {
-    if (service != nullptr && service->OwnsName()) file.Write(machine->ToKeep());
+    if (service == nullptr || !service->OwnsName()) return;
+    machine->Mounter().RemoveUnused();
+    file.Write(machine->ToKeep());
   };
   machine = std::make_unique<Machine>(keep);
   CallGate gate;
@@ -160,8 +159,8 @@ int Serve(const Options& options) {
   mkdir(kStateDirectory, 0755);
   if (const auto failure = machine->Start(file.Read())) return Fail(options, *failure);
   if (const auto failure = service->Return()) return Fail(options, *failure);
-  keep();
   machine->Announce();
+  keep();
   Log(LOG_INFO, "serving " + std::to_string(machine->Tree().Devices().size() - 1) + " devices");
   loop.Run();
   return lost ? Fail(options, "the bus has closed the connection") : EXIT_SUCCESS;
