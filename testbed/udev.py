@@ -232,7 +232,7 @@ class Udev:
 
     def flood(self, device: Device, count: int) -> None:
         """So many changes as fast as they can be sent; they change nothing."""
-        self._steps([["event", device.path, "change", {}]] * count)
+        self._steps([["flood", device.path, count]])
 
     def fence(self) -> str:
         """An event that changes nothing and comes after all before; the path that it is about."""
