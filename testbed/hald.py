@@ -137,7 +137,7 @@ class HaldMachine(Lifespan):
         path = self.udev.fence()
         reader = Channel(self.tape, "syslog")
         reader.seek(since)
-        reader.expect(re.compile(f"udev: change {path}$"), timeouts.EVENT)
+        reader.expect(re.compile(f"udev: change {path}$"), timeouts.RUN)
         self._fence_bus()
 
     def told(self, since: Mark = Mark(0)) -> list[str]:

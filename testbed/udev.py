@@ -249,7 +249,7 @@ class Udev:
         assert answer == "ok", answer
 
     def _answer(self) -> str:
-        return self._answers.get(timeout=timeouts.START)
+        return self._answers.get(timeout=timeouts.RUN)
 
 
 def _numbers(name: str) -> tuple[int, int]:
