@@ -172,9 +172,11 @@ class HaldMachine(Lifespan):
         return self.call(PREFIX + name, f"org.freedesktop.Hal.Device.GetProperty{kind}", key)
 
     def mount(self, name: str, directory: str, fstype: str = "vfat", options: str = "[]") -> str:
-        """Ask for a mount."""
-        return self.call(PREFIX + name, "org.freedesktop.Hal.Device.Volume.Mount", directory,
-                         fstype, options)
+        """Ask for a mount; what the service sends of it is on the tape on return."""
+        answer = self.call(PREFIX + name, "org.freedesktop.Hal.Device.Volume.Mount", directory,
+                           fstype, options)
+        self._fence_bus()
+        return answer
 
     def objects(self) -> list[str]:
         """The names of all objects but the root, sorted."""
