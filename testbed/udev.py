@@ -148,6 +148,7 @@ class Udev:
 
     def __init__(self, sandbox: Sandbox) -> None:
         self.root = ""  # of the mocked files, inside
+        self.sent = 0.0  # when the last event was sent, as time.time()
         self._sandbox = sandbox
         self._answers: queue.Queue[str] = queue.Queue()
         self._process: Process | None = None
@@ -245,8 +246,9 @@ class Udev:
     def _steps(self, steps: list[list[object]]) -> None:
         assert self._process
         self._process.write_line(json.dumps(steps))
-        answer = self._answer()
-        assert answer == "ok", answer
+        answer, _, rest = self._answer().partition(" ")
+        assert answer == "ok", rest
+        self.sent = float(rest)
 
     def _answer(self) -> str:
         return self._answers.get(timeout=timeouts.RUN)
