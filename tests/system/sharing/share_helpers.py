@@ -1,6 +1,7 @@
 """What several tests of sharing need: command lines as the tools see them, and waiting."""
 
 import os
+import re
 import time
 from pathlib import Path
 
@@ -51,6 +52,13 @@ def network_table(unit: Unit, name: str) -> str:
 def listens(unit: Unit) -> bool:
     """True while a program of the unit is a member of the announcements' group."""
     return _GROUP_IN_KERNEL_TABLE in network_table(unit, "igmp")
+
+
+def nothing_waits(unit) -> bool:
+    """True when the daemon has taken every datagram from its socket."""
+    waiting = re.search(r":2710 \S+ \S+ \w+:(\w+)", network_table(unit, "udp"))
+    assert waiting
+    return int(waiting[1], 16) == 0
 
 
 def skip_where_senders_are_not_looked_up() -> None:
@@ -104,12 +112,12 @@ def open_descriptors(unit: Unit) -> int:
 
 def processor_share(unit: Unit, seconds: float) -> float:
     """The share of one core that the daemon takes during that time from now on."""
-    before, began = _processor_seconds(unit), time.monotonic()
+    before, began = processor_seconds(unit), time.monotonic()
     time.sleep(seconds)
-    return (_processor_seconds(unit) - before) / (time.monotonic() - began)
+    return (processor_seconds(unit) - before) / (time.monotonic() - began)
 
 
-def _processor_seconds(unit: Unit) -> float:
+def processor_seconds(unit: Unit) -> float:
     """User and system time; what the commands that it runs take does not count."""
     stat = Path(f"/proc/{unit.daemon.process.pid}/stat").read_text()
     user, system = stat.rpartition(")")[2].split()[11:13]

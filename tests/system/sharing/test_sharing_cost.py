@@ -1,12 +1,12 @@
 """What sharing costs: system calls for one announcement, processor time for a thousand shares."""
 
 import re
-import threading
 import time
 
 import pytest
 
-from share_helpers import add_quick_tools, processor_share, reading_thread, start_listening
+from share_helpers import (add_quick_tools, nothing_waits, processor_seconds, reading_thread,
+                           start_listening)
 from testbed import timeouts
 from testbed.peer import Announcement
 from testbed.strace import Strace
@@ -14,6 +14,9 @@ from testbed.waiting import wait_until
 
 SHARE = Announcement("/media/sda1", name="A stick")
 MANY = 1000
+#: So many are announced before the daemon is waited for, and so many new ones in each round.
+AT_ONCE, NEW_AT_ONCE = 20, 25
+SECONDS = 3
 
 
 @pytest.mark.undelayed("its calls are counted")
@@ -45,25 +48,29 @@ def test_a_thousand_shares_take_less_than_a_tenth_of_a_core(unit, peer) -> None:
     add_quick_tools(unit)
     start_listening(unit, "--debuglevel", "3")
     shares = [Announcement(f"/media/share{number}").encode() for number in range(MANY)]
-    stopping = threading.Event()
+    mounted = unit.sandbox.path("/mnt")
 
-    def announce() -> None:
-        due = time.monotonic()
-        while not stopping.is_set():
-            for number, share in enumerate(shares):
-                peer.send(share)
-                if number % 20 == 19:  # evenly over the second
-                    due += 20 / MANY
-                    stopping.wait(max(0.0, due - time.monotonic()))
+    def all_mounted() -> bool:
+        announce(unit, peer, shares, 0.0)
+        return len(list(mounted.iterdir())) == MANY
 
-    announcing = threading.Thread(target=announce)
-    announcing.start()
-    try:
-        mounted = unit.sandbox.path("/mnt")
-        wait_until(lambda: len(list(mounted.iterdir())) == MANY, "all are mounted", timeouts.RUN)
-        used = processor_share(unit, 3.0)
-        wait_until(lambda: len(list(mounted.iterdir())) == MANY, "all are mounted still")
-    finally:
-        stopping.set()
-        announcing.join()
+    for number in range(NEW_AT_ONCE, MANY, NEW_AT_ONCE):  # so that the known ones stay known
+        announce(unit, peer, shares[:number], 0.0)
+    wait_until(all_mounted, "all are mounted", timeouts.RUN)
+    before = processor_seconds(unit)
+    for _ in range(SECONDS):
+        announce(unit, peer, shares, 1.0)
+    used = (processor_seconds(unit) - before) / SECONDS
+    wait_until(all_mounted, "all are mounted still")
     assert used < 0.1 * timeouts.SCALE
+
+
+def announce(unit, peer, shares: list[bytes], seconds: float) -> None:
+    """Announce the shares, evenly over that time or as fast as the daemon reads them."""
+    due = time.monotonic()
+    for first in range(0, len(shares), AT_ONCE):
+        for share in shares[first:first + AT_ONCE]:
+            peer.send(share)
+        wait_until(lambda: nothing_waits(unit), "the daemon has read the announcements")
+        due += seconds * AT_ONCE / len(shares)
+        time.sleep(max(0.0, due - time.monotonic()))
