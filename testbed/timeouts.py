@@ -12,8 +12,9 @@ SCALE = float(os.environ.get("VOLDRAKE_TIME_SCALE", "1"))
 START = 10 * SCALE
 #: An event follows from what was just done.
 EVENT = 5 * SCALE
-#: The application is told after it was away: a retry comes every 10 s.
-RETRY = 15 * SCALE
+#: The application is told after it was away: a retry comes after 20 waits of half a second, each
+#: of which a busy machine can make longer.
+RETRY = 30 * SCALE
 #: A program ends after it was told to.
 STOP = 8 * SCALE
 #: A small helper program runs to its end.

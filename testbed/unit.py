@@ -33,9 +33,10 @@ class Unit(Lifespan):
 
     Nothing is read without waiting for it. What lists events (`hal.calls`, `daemon.log_lines`,
     `application.frames`, `syslog.records`, `uevents.writes`) or shows a state (`links`, `media`,
-    `mounts`, `content`, `entries`, `exists`) makes a fence first: it has something happen that comes after everything that the
-    daemon was caused to do, waits until that is seen, and gives what came before it. Where a test
-    knows such an event itself it names it as `until`, and the list ends there.
+    `mounts`, `content`, `entries`, `exists`) makes a fence first: it has something happen that
+    comes after everything that the daemon was caused to do, waits until that is seen, and gives
+    what came before it. Where a test knows such an event itself it names it as `until`, and the
+    list ends there.
     """
 
     def __init__(self, log_directory: Path, *, mmc_hosts: int = 2, family: str | None = "3 hawk",

@@ -258,6 +258,7 @@ def test_a_message_whose_sending_fails_is_lost_and_the_next_waits_ten_seconds(
     with (traced(unit) as trace,
           ScriptedApplication(unit, read, read, close_early) as application):
         unit.hal.plug("usb fourth port=1-1.2")
+        application.wait_for(3, timeouts.EVENT)
         application.wait_for(4, timeouts.RETRY)
         unit.settle()
     assert application.texts == [long_arrival("a"), arrival("/media/sdb1"), None,

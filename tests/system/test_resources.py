@@ -30,7 +30,8 @@ AT_REST = [NEVER, NEVER, CLIENT, PUBLISHER, SERVICE_LIST, BROWSER]
 #: One that runs when it begins to be looked at, and one that begins at the end of that time.
 EDGES = 2
 AT_REST_SINCE = r"^write\(.*Version - "
-WAIT = re.compile(r"^(\w*poll|clock_nanosleep|restart_syscall|recvmsg)\w*\(|^futex.*FUTEX_WAIT_BITSET")
+WAIT = re.compile(r"^(\w*poll|clock_nanosleep|restart_syscall|recvmsg)\w*\("
+                  r"|^futex.*FUTEX_WAIT_BITSET")
 
 
 def expect_rest(unit: Unit, intervals: list[float]) -> None:
