@@ -255,7 +255,7 @@ TEST_F(BusSource, ACallThatIsNotAnsweredEndsAtItsDeadline) {
 
 TEST_F(BusSource, ADeadlineCountsFromTheCallAndNotFromTheIteration) {
   constexpr int kPauseMs = 30;
-  g_usleep(kPauseMs * 1000);  // as in a handler that blocks
+  g_usleep(gulong{kPauseMs} * 1000);  // as in a handler that blocks
   const gint64 begin = g_get_monotonic_time();
   const tPending call = CallThePeer(kPauseMs);
   g_main_context_iteration(Context(), TRUE);
