@@ -6,7 +6,7 @@ import subprocess
 import sys
 from pathlib import Path
 
-from bench import (announcements, instructions, micro, neighbours, report, rest, speed,
+from bench import (announcements, hardware, instructions, micro, neighbours, report, rest, speed,
                    stage)
 from bench.figures import CannotMeasure, Figure, table, write_json
 from testbed import target
@@ -26,6 +26,7 @@ class _Counts:
         self.benchmark_seconds = 0.02 if quick else 0.2
         self.idle_seconds = 5.0 if quick else 60.0
         self.few_volumes, self.many_volumes = (10, 50) if quick else (100, 1000)
+        self.hardware_cycles, self.hardware_disks = (10, 10) if quick else (200, 100)
         self.few_shares, self.many_shares = (10, 30) if quick else (20, 200)
 
 
@@ -64,6 +65,9 @@ def _measure(counts: _Counts, quick: bool) -> list[Figure]:
     add("memory", rest.memory(logs / "memory", counts.few_volumes, counts.many_volumes)
         + rest.share_memory(logs / "shares", counts.few_shares, counts.many_shares)
         + rest.size(logs / "size"))
+    with stage.one_processor():
+        add("hardware service", hardware.measure(logs / "hardware", counts.hardware_cycles,
+                                                 counts.idle_seconds, counts.hardware_disks))
     add("instructions", _instructions(logs / "instructions"))
     beside, remarks = neighbours.measure(logs / "neighbours",
                                          target.build_directory() / "neighbours",

@@ -20,9 +20,10 @@ MANAGER = "/org/freedesktop/Hal/Manager"
 NAME = "org.freedesktop.Hal"
 STATE_FILE = "/run/voldrake-hald/state"
 
+_SIGNALS = ("DeviceAdded ", "DeviceRemoved ", "PropertyModified ")
 SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
 
-_HEADER = re.compile(r"(signal|method call|method return|error) time=\S+ sender=(?P<sender>\S+)"
+_HEADER = re.compile(r"(signal|method call|method return|error) time=(?P<time>\S+) sender=(?P<sender>\S+)"
                      r" -> destination=(?P<destination>.*?) (error_name=\S+ )?"
                      r"(serial=(?P<serial>\d+) ?)?(path=(?P<path>\S+); interface=\S+;"
                      r" member=(?P<member>\w+))?(reply_serial=(?P<reply>\d+))?$")
@@ -31,13 +32,15 @@ _TEXT = re.compile(r' +string "(.*)"')
 
 class BusWatch:
     """What the service sends, on channel "hal": "DeviceAdded NAME", "DeviceRemoved NAME",
-    "PropertyModified NAME KEY KEY", and "answered TEXT" for `Manager.DeviceExists(TEXT)`."""
+    "PropertyModified NAME KEY KEY"; besides "answered TEXT" for `Manager.DeviceExists(TEXT)` and
+    "Mount NAME" when that is called. The data is the time at which the bus passed it on."""
 
     def __init__(self, sandbox: Sandbox, tape: Tape) -> None:
         self.events = Channel(tape, "hal")
         self._sandbox = sandbox
         self._ready = Channel(tape, "bus-watch")
         self._member = ""
+        self._time = 0.0
         self._texts: list[str] = []
         self._question = ("", "")
         self._asked: dict[tuple[str, str], str] = {}  # by sender and number of the call
@@ -63,20 +66,23 @@ class BusWatch:
 
     def _begin(self, header: re.Match[str]) -> None:
         self._member, self._texts = header["member"] or "", []
+        self._time = float(header["time"])
         if self._member == "NameLost":
             self._ready.record("listening")
         elif self._member == "PropertyModified":
             self._member += " " + header["path"].removeprefix(PREFIX)
+        elif self._member == "Mount":
+            self.events.record("Mount " + header["path"].removeprefix(PREFIX), self._time)
         elif self._member == "DeviceExists":
             self._question = (header["sender"], header["serial"])
         elif header["reply"]:
             text = self._asked.pop((header["destination"], header["reply"]), None)
             if text is not None:
-                self.events.record(f"answered {text}")
+                self.events.record(f"answered {text}", self._time)
 
     def _tell(self) -> None:
         texts = [text.removeprefix(PREFIX) for text in self._texts]
-        self.events.record(" ".join([self._member, *texts]))
+        self.events.record(" ".join([self._member, *texts]), self._time)
         self._member = ""
 
 
@@ -111,16 +117,19 @@ class HaldMachine(Lifespan):
         self.syslog.close()
         self.sandbox.close()
 
-    def start_service(self, *arguments: str, launcher: Sequence[str] = ()) -> None:
+    def start_service(self, *arguments: str, launcher: Sequence[str] = (),
+                      debug: bool = True) -> None:
         """Start the service; it owns its name and has announced what it had to on return."""
-        self.launch(*arguments, launcher=launcher)
+        self.launch(*arguments, launcher=launcher, debug=debug)
         self.syslog.events.expect(re.compile("serving [0-9]+ devices"), timeouts.START)
 
-    def launch(self, *arguments: str, launcher: Sequence[str] = ()) -> Process:
-        """Start the service without waiting for more."""
+    def launch(self, *arguments: str, launcher: Sequence[str] = (),
+               debug: bool = True) -> Process:
+        """Start the service without waiting for more. Without `debug` there is no `settle`."""
         self.syslog.events.seek(self.mark())
         self.process = self.sandbox.spawn(
-            [*launcher, target.program("voldrake-hald"), "--debug", *arguments], "hald",
+            [*launcher, target.program("voldrake-hald"), *(["--debug"] if debug else []),
+             *arguments], "hald",
             environment=self.udev.environment())
         return self.process
 
@@ -137,14 +146,14 @@ class HaldMachine(Lifespan):
         path = self.udev.fence()
         reader = Channel(self.tape, "syslog")
         reader.seek(since)
-        reader.expect(re.compile(f"udev: change {path}$"), timeouts.EVENT)
+        reader.expect(re.compile(f"udev: change {path}$"), timeouts.RUN)
         self._fence_bus()
 
     def told(self, since: Mark = Mark(0)) -> list[str]:
         """What the service has sent after the mark, everything until now being dealt with."""
         self.settle()
         return [event.text for event in self.hal.events.since(since)
-                if not event.text.startswith("answered ")]
+                if event.text.startswith(_SIGNALS)]
 
     def records(self, since: Mark = Mark(0)) -> list[Record]:
         """What the service has logged after the mark but for debug lines, everything until now

@@ -148,6 +148,7 @@ class Udev:
 
     def __init__(self, sandbox: Sandbox) -> None:
         self.root = ""  # of the mocked files, inside
+        self.sent = 0.0  # when the last event was sent, as time.time()
         self._sandbox = sandbox
         self._answers: queue.Queue[str] = queue.Queue()
         self._process: Process | None = None
@@ -232,7 +233,7 @@ class Udev:
 
     def flood(self, device: Device, count: int) -> None:
         """So many changes as fast as they can be sent; they change nothing."""
-        self._steps([["event", device.path, "change", {}]] * count)
+        self._steps([["flood", device.path, count]])
 
     def fence(self) -> str:
         """An event that changes nothing and comes after all before; the path that it is about."""
@@ -245,11 +246,12 @@ class Udev:
     def _steps(self, steps: list[list[object]]) -> None:
         assert self._process
         self._process.write_line(json.dumps(steps))
-        answer = self._answer()
-        assert answer == "ok", answer
+        answer, _, rest = self._answer().partition(" ")
+        assert answer == "ok", rest
+        self.sent = float(rest)
 
     def _answer(self) -> str:
-        return self._answers.get(timeout=timeouts.START)
+        return self._answers.get(timeout=timeouts.RUN)
 
 
 def _numbers(name: str) -> tuple[int, int]:

@@ -99,9 +99,13 @@ void BusLink::GiveUpName() {
   (void)CallBus("ReleaseName", g_variant_new("(s)", kService), &result);
 }
 
+void BusLink::Flush() {
+  if (connection_) g_dbus_connection_flush_sync(connection_.get(), nullptr, nullptr);
+}
+
 void BusLink::Close() {
   if (!connection_) return;
-  g_dbus_connection_flush_sync(connection_.get(), nullptr, nullptr);
+  Flush();
   g_signal_handler_disconnect(connection_.get(), closedHandler_);
   g_dbus_connection_close_sync(connection_.get(), nullptr, nullptr);
   Forget();

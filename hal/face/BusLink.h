@@ -29,6 +29,8 @@ class BusLink {
   /// Takes the service's name, without queueing for it. Requires: connected. Blocks.
   std::optional<std::string> TakeName();
   void GiveUpName();
+  /// Returns when what was sent has gone out to the bus. Blocks.
+  void Flush();
   /// Closes the connection after what was sent has gone out. Blocks.
   void Close();
 

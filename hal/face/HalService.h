@@ -35,6 +35,8 @@ class HalService : public IDeviceTreeObserver {
   /// Closes the connection; calls that have no answer yet get none.
   void Leave();
   void GiveUpName() { bus_.GiveUpName(); }
+  /// Returns when all signals and answers until now have gone out to the bus. Blocks.
+  void Flush() { bus_.Flush(); }
 
   std::string UniqueName() const { return bus_.UniqueName(); }
   bool OwnsName() const { return bus_.OwnsName(); }

@@ -143,6 +143,8 @@ int Serve(const Options& options) {
   const auto keep = [&] {
     if (service == nullptr || !service->OwnsName()) return;
     machine->Mounter().RemoveUnused();
+    // A removal that only waits to be sent must not be forgotten.
+    service->Flush();
     file.Write(machine->ToKeep());
   };
   machine = std::make_unique<Machine>(keep);
