@@ -2,6 +2,7 @@
 // hardware service, become a path, or bring a bus into an object's name.
 
 #include <glib.h>
+#include <syslog.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -138,6 +139,11 @@ void FuzzState(Source& source) {
 }
 
 }  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  setlogmask(LOG_MASK(LOG_EMERG));
+  return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Source source(data, size);
