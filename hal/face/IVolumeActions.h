@@ -13,8 +13,8 @@ namespace hal {
 /// other calls are served meanwhile.
 class IVolumeActions {
  public:
-  /// Called exactly once, on the main thread; nullopt is success. It outlives neither the service
-  /// nor its connection: called after either, it does nothing.
+  /// To be called exactly once, on the main thread; nullopt is success. Does nothing when the
+  /// service or its connection to the bus has gone meanwhile.
   using Done = std::function<void(const std::optional<VolumeError>&)>;
 
   virtual ~IVolumeActions() = default;

@@ -74,9 +74,10 @@ bool IsDirectoryName(const std::string& name) {
 }
 
 std::string DefaultName(const Device& volume, int number) {
-  const std::string label = volume.Text("volume.label");
-  const std::string base = IsDirectoryName(label) ? label : "disk";
-  return number == 0 ? base : base + "-" + std::to_string(number);
+  const std::string suffix = number == 0 ? "" : "-" + std::to_string(number);
+  const std::string name = volume.Text("volume.label") + suffix;
+  const bool canBeOne = IsDirectoryName(volume.Text("volume.label")) && IsDirectoryName(name);
+  return canBeOne ? name : "disk" + suffix;
 }
 
 }  // namespace hal

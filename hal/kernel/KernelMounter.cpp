@@ -242,6 +242,7 @@ KernelMounter::Outcome KernelMounter::MountOutcome(const Job& job, const std::st
   if (volume != nullptr && hal::IsMounted(*volume)) return std::nullopt;
   // The device vanished while it was being mounted.
   Detach(directory);
+  refresh_();
   return Failure("Volume " + job.udi + " has gone");
 }
 

@@ -119,6 +119,7 @@ TEST(MountRequest, TheLabelNamesTheDirectoryIfItCanBeOne) {
       {"a\x1b[2J", 0, "disk"},
       {"-x", 0, "-x"},
       {std::string(255, 'x'), 0, std::string(255, 'x')},
+      {std::string(255, 'x'), 1, "disk-1"},
       {std::string(256, 'x'), 0, "disk"},
   };
   hal::Device volume = Volume(false);
