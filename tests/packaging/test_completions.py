@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from testbed import target
+from testbed import target, timeouts
 
 PROGRAMS = ["voldrake", "voldrake-monitor", "voldrake-shares", "voldrake-halsim"]
 
@@ -28,13 +28,13 @@ printf '%s\\n' "${COMPREPLY[@]}"
 #: Types the words into an interactive zsh and lists what it offers.
 ZSH = """
 import os, pty, select, sys, time
-directory, line = sys.argv[1:]
+directory, line, timeout = sys.argv[1:]
 pid, terminal = pty.fork()
 if pid == 0:
     os.environ.update(TERM="dumb", PS1="", HOME="/nonexistent", LC_ALL="C.UTF-8")
     os.execvp("zsh", ["zsh", "-f", "-i"])
 def read_until(mark):
-    text, end = b"", time.monotonic() + 20
+    text, end = b"", time.monotonic() + float(timeout)
     while mark not in text:
         if not select.select([terminal], [], [], max(0, end - time.monotonic()))[0]:
             sys.exit(f"no {mark!r} in {text!r}")
@@ -66,8 +66,9 @@ def bash(tree, *words: str) -> list[str]:
 def zsh(tree, line: str) -> str:
     """What zsh shows after the line."""
     directory = tree.path("share/zsh/site-functions")
-    done = subprocess.run(["/usr/bin/python3", "-c", ZSH, str(directory), line], text=True,
-                          capture_output=True, check=False, timeout=60)
+    done = subprocess.run(
+        ["/usr/bin/python3", "-c", ZSH, str(directory), line, str(timeouts.RUN)], text=True,
+        capture_output=True, check=False, timeout=3 * timeouts.RUN)
     assert (done.returncode, done.stderr) == (0, ""), done.stderr
     return done.stdout
 

@@ -100,8 +100,9 @@ def test_tells_when_the_daemon_ends_at_once(image: Sandbox) -> None:
     set_options(image, "--no-such-option")
     # However long the daemon takes: the script's sleep lasts until it has ended.
     image.path(f"{TOOLS}/sleep").unlink()
-    image.write(f"{TOOLS}/sleep",
-                f'#!/bin/sh\nwhile kill -0 "$(cat {PID_FILE})" 2>&-; do /usr/bin/sleep 0.05; done\n')
+    image.write(f"{TOOLS}/sleep", f"""#!/bin/sh
+while kill -0 "$(cat {PID_FILE})" 2>&-; do /usr/bin/sleep 0.05; done
+""")
     image.path(f"{TOOLS}/sleep").chmod(0o755)
     done = image.run(["busybox", "sh", SCRIPT, "start"], timeout=4 * timeouts.RUN)
     assert done.returncode == 1

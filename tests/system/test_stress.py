@@ -46,7 +46,8 @@ def test_the_same_seed_disturbs_a_test_the_same_way() -> None:
 
 
 def test_another_seed_and_another_test_are_disturbed_another_way() -> None:
-    chosen = {str(Disturbance.of(seed, name)) for seed in range(20) for name in ("test_a", "test_b")}
+    chosen = {str(Disturbance.of(seed, name))
+              for seed in range(20) for name in ("test_a", "test_b")}
     assert len(chosen) > 30
 
 
@@ -69,7 +70,7 @@ def test_one_step_of_so_many_is_delayed_and_none_for_longer(delays: Delays) -> N
 
 
 def test_nothing_is_disturbed_unasked(unit: Unit) -> None:
-    """Neither the programs nor the testbed: this test has the unit as it is without tests/stress."""
+    """This test has the unit as it is without tests/stress."""
     if disturbance.active():
         pytest.skip("tests/stress runs this test")
     unit.start_daemon()
@@ -125,8 +126,8 @@ def test_another_program_is_not_delayed(tmp_path: Path, settings: str) -> None:
 
 
 def run(*arguments: object) -> "subprocess.CompletedProcess[str]":
-    return subprocess.run([SCRIPT, *map(str, arguments)], capture_output=True, text=True, check=False,
-                          timeout=10 * timeouts.RUN)
+    return subprocess.run([SCRIPT, *map(str, arguments)], capture_output=True, text=True,
+                          check=False, timeout=10 * timeouts.RUN)
 
 
 @pytest.fixture

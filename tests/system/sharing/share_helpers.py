@@ -83,7 +83,7 @@ def start_sharing(unit: Unit, *arguments: str) -> None:
     wait_until(lambda: listens(unit), "the daemon hears announcements")
     if "--debuglevel" not in arguments:
         wait_until(lambda: unit.daemon.logged(DEBUG, "CServicePublisher: Restarting nfsd done") > 0,
-                 "the exports are made")
+                   "the exports are made")
 
 
 def start_with_peer(unit: Unit, peer: Peer, *arguments: str) -> None:

@@ -59,7 +59,7 @@ def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
     friend.announce(Announcement("/media/after"))
     wait_until((mounted / "169.254.3.8:-media-after").is_dir, "a real share is mounted")
     wait_until(lambda: not any("flood" in path.name for path in mounted.iterdir()),
-             "the strange shares have gone", timeouts.RUN)
+               "the strange shares have gone", timeouts.RUN)
     wait_until((mounted / "169.254.3.8:-media-real").is_dir, "the real share is mounted")
     assert memory_megabytes(unit) - before < 40 * timeouts.SCALE
     unit.settle()
