@@ -45,6 +45,8 @@ def _events(logs: Path, cycles: int) -> list[Figure]:
     for who in ("ours", "floor"):
         with HaldMachine(logs / who) as machine:
             stick = usb_disk(partitions=[FileSystem("A")])
+            # A partition that udev has not dealt with is no volume yet.
+            initialised = stick.partitions[1].properties.pop("USEC_INITIALIZED")
             machine.udev.place(stick)
             if who == "ours":
                 machine.start_service(debug=False)
@@ -52,6 +54,7 @@ def _events(logs: Path, cycles: int) -> list[Figure]:
             else:
                 process = _spawn(machine, _BARE_UDEV)
                 wait_until(lambda: "ready" in process.stdout(), "bare-udev is ready")
+            machine.udev.set(stick.partitions[1], USEC_INITIALIZED=initialised)
             assert process
             before = processor_nanoseconds(process.pid)
             found = [_cycle(machine, stick, process if who == "floor" else None)
@@ -93,7 +96,9 @@ def _mounts(logs: Path, cycles: int) -> list[Figure]:
         machine.start_service(debug=False)
         walls = []
         for _ in range(cycles):
+            since = machine.mark()
             machine.mount(_VOLUME, "sda1")
+            machine.hal.events.seek(since)
             called = machine.hal.events.expect(f"Mount {_VOLUME}").data
             walls.append(machine.hal.events.expect(_MOUNTED).data - called)
             machine.run("umount", "/media/sda1")
