@@ -2,8 +2,8 @@
 
 #include <functional>
 
-#include "tools/Frame.h"
 #include "glib/Handles.h"
+#include "tools/Frame.h"
 
 namespace tools {
 

@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <string>
 
-#include "tools/AnnouncementListener.h"
 #include "glib/Handles.h"
 #include "program/MainLoop.h"
 #include "program/Output.h"
 #include "program/ProgramOptions.h"
+#include "tools/AnnouncementListener.h"
 #include "tools/ShareFormat.h"
 
 namespace tools {

@@ -44,7 +44,8 @@ std::string Attributes(const Message& message) {
 }
 
 std::string JsonAttributes(const Message& message) {
-  std::string text = R"(,"message":)" + program::JsonString(message.arrival ? "arrival" : "removal");
+  std::string text =
+      R"(,"message":)" + program::JsonString(message.arrival ? "arrival" : "removal");
   text += R"(,"path":)" + program::JsonString(message.path);
   if (!message.arrival) return text;
   text += R"(,"type":)" + program::JsonString(message.type);
@@ -67,8 +68,8 @@ std::string TableText(const Received& received) {
 }
 
 std::string JsonText(const Received& received) {
-  std::string line = R"({"time":)" + program::JsonString(IsoText(received.time)) + R"(,"well_formed":)" +
-                     BoolText(received.message.has_value());
+  std::string line = R"({"time":)" + program::JsonString(IsoText(received.time)) +
+                     R"(,"well_formed":)" + BoolText(received.message.has_value());
   if (received.message) {
     line += JsonAttributes(*received.message);
   } else {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "tools/Connection.h"
 #include "glib/Handles.h"
+#include "tools/Connection.h"
 
 namespace tools {
 

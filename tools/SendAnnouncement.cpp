@@ -3,12 +3,12 @@
 #include <cstdlib>
 #include <string>
 
-#include "tools/Announcement.h"
-#include "tools/AnnouncementSender.h"
 #include "glib/Handles.h"
 #include "program/MainLoop.h"
 #include "program/Output.h"
 #include "program/ProgramOptions.h"
+#include "tools/Announcement.h"
+#include "tools/AnnouncementSender.h"
 
 namespace tools {
 
@@ -93,7 +93,8 @@ int SendAnnouncement(std::uint16_t type, int argc, char* argv[]) {
   if (!ReadSendOptions(type, argc, argv, options)) return EXIT_FAILURE;
   const auto datagram = EncodeAnnouncement(options.announcement);
   if (!datagram) {
-    program::Complain("the texts do not fit into " + std::to_string(kMaxAnnouncementBytes) + " bytes");
+    program::Complain("the texts do not fit into " + std::to_string(kMaxAnnouncementBytes) +
+                      " bytes");
     return EXIT_FAILURE;
   }
   program::MainLoop loop;

@@ -33,8 +33,8 @@ std::string Head(const char* event, WallTime time) {
 }
 
 std::string JsonHead(const char* event, const std::string& sender, WallTime time) {
-  return R"({"time":)" + program::JsonString(IsoText(time)) + R"(,"event":)" + program::JsonString(event) +
-         R"(,"sender":)" + program::JsonString(sender);
+  return R"({"time":)" + program::JsonString(IsoText(time)) + R"(,"event":)" +
+         program::JsonString(event) + R"(,"sender":)" + program::JsonString(sender);
 }
 
 std::string JsonFields(const Announcement& announcement) {
@@ -49,11 +49,11 @@ std::string JsonFields(const Announcement& announcement) {
 
 std::string TableText(const Share& share) {
   const Announcement& announcement = share.announcement;
-  return program::Padded(program::Printable(share.sender + ":" + announcement.path), kSourceWidth) + ' ' +
-         program::Padded(program::Quoted(announcement.friendlyName), kNameWidth) + ' ' +
+  return program::Padded(program::Printable(share.sender + ":" + announcement.path), kSourceWidth) +
+         ' ' + program::Padded(program::Quoted(announcement.friendlyName), kNameWidth) + ' ' +
          (announcement.readOnly ? "read-only" : "writable ") +
-         "  media=" + std::to_string(announcement.mediaType) + " key=" + program::Quoted(announcement.key) +
-         "\n";
+         "  media=" + std::to_string(announcement.mediaType) +
+         " key=" + program::Quoted(announcement.key) + "\n";
 }
 
 std::string TableText(const ShareEvent& event, WallTime time) {
@@ -71,7 +71,8 @@ std::string JsonText(const Share& share, WallTime time) {
 
 std::string MalformedTableText(const std::string& sender, std::string_view datagram,
                                const std::string& fault, WallTime time) {
-  return Head("malformed", time) + "from " + program::Printable(sender) + ": " + program::Printable(fault) +
+  return Head("malformed", time) + "from " + program::Printable(sender) + ": " +
+         program::Printable(fault) +
          (IsTakenByUnits(datagram) ? "; units take it nevertheless\n" : "\n") +
          program::HexDump(datagram, kDumpRows);
 }

@@ -8,10 +8,10 @@
 #include <utility>
 
 #include "program/MainLoop.h"
-#include "tools/MessageFormat.h"
-#include "tools/MessageServer.h"
 #include "program/Output.h"
 #include "program/ProgramOptions.h"
+#include "tools/MessageFormat.h"
+#include "tools/MessageServer.h"
 
 namespace {
 

@@ -5,9 +5,9 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "program/Output.h"
 #include "tools/Announcement.h"
 #include "tools/ListShares.h"
-#include "program/Output.h"
 #include "tools/SendAnnouncement.h"
 
 int main(int argc, char* argv[]) {

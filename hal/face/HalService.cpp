@@ -42,7 +42,7 @@ HalService::~HalService() {
 
 std::optional<std::string> HalService::Connect() {
   const bool isNew = !bus_.IsConnected();
-  const auto failure = bus_.Connect();
+  auto failure = bus_.Connect();
   if (isNew || session_ == nullptr) session_ = std::make_shared<Session>();
   return failure;
 }

@@ -114,6 +114,7 @@ void RunChild(const std::vector<std::string>& words, std::chrono::milliseconds l
   g_subprocess_launcher_take_stderr_fd(launcher.get(), fcntl(ends[1], F_DUPFD_CLOEXEC, 0));
   g_subprocess_launcher_setenv(launcher.get(), "LC_ALL", "C", TRUE);
   std::vector<const char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) arguments.push_back(word.c_str());
   arguments.push_back(nullptr);
   glib::ErrorHolder error;

@@ -13,7 +13,7 @@
 namespace halkernel {
 namespace {
 
-constexpr std::uint64_t kMebibyte = 1024 * 1024;
+constexpr std::uint64_t kMebibyte = 1 << 20;
 
 /// Valid UTF-8 stays as it is.
 std::string JsonText(std::string_view text) {

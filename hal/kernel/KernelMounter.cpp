@@ -211,7 +211,7 @@ KernelMounter::Outcome KernelMounter::MakeDirectory(const Device& volume, const 
 }
 
 /// `outcome` is asked after the table has been read again.
-void KernelMounter::Start(const std::vector<std::string>& words, std::shared_ptr<Job> job,
+void KernelMounter::Start(const std::vector<std::string>& words, const std::shared_ptr<Job>& job,
                           std::function<Outcome(const std::string& output)> outcome) {
   volumesUnderWay_.insert(job->udi);
   const auto late = [job] {

@@ -64,7 +64,7 @@ class KernelMounter : public hal::IVolumeActions, public IMediumActions {
 
   void Remount(const hal::Device& volume, const hal::MountRequest& request, Done done);
   Outcome MakeDirectory(const hal::Device& volume, const std::string& wanted, std::string& name);
-  void Start(const std::vector<std::string>& words, std::shared_ptr<Job> job,
+  void Start(const std::vector<std::string>& words, const std::shared_ptr<Job>& job,
              std::function<Outcome(const std::string& output)> outcome);
   Outcome MountOutcome(const Job& job, const std::string& output);
   /// Why the volume cannot be unmounted; nullopt: it can, at `mountPoint`.

@@ -10,7 +10,7 @@
 namespace halkernel {
 namespace {
 
-constexpr std::uint64_t kMebibyte = 1024 * 1024;
+constexpr std::uint64_t kMebibyte = 1 << 20;
 
 /// Appends the object to a chain below its parent.
 struct Builder {

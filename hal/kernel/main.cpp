@@ -86,7 +86,7 @@ int Fail(const Options& options, const std::string& text) {
 class Machine {
  public:
   /// `onChange` runs when `ToKeep` has changed.
-  explicit Machine(std::function<void()> onChange)
+  explicit Machine(const std::function<void()>& onChange)
       : mounts_([this] { OnMountsChanged(); }),
         mounter_(
             tree_, mounts_, [this] { devices_.RefreshMounts(); }, onChange),

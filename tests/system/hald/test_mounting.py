@@ -370,8 +370,8 @@ def test_who_is_not_known_to_be_root_may_ask_and_nothing_else(machine: HaldMachi
     machine.bus.start("ANONYMOUS")  # it knows nobody's user
     machine.start_service()
     assert machine.get("volume_uuid_A", "volume.is_mounted", "Boolean") == "(false,)"
-    for answer in (machine.mount("volume_uuid_A", "sda1"), unmount(machine, "volume_uuid_A"),
-                   eject(machine, "volume_uuid_A")):
+    mounted = machine.call(f"{PREFIX}volume_uuid_A", f"{VOLUME}.Mount", "sda1", "vfat", "[]")
+    for answer in (mounted, unmount(machine, "volume_uuid_A"), eject(machine, "volume_uuid_A")):
         assert answer == error("PermissionDenied") + "Only root may mount, unmount and eject"
     assert not machine.sandbox.path("/srv/words").exists()
     assert entries(machine) == []

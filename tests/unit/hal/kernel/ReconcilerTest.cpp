@@ -124,6 +124,23 @@ TEST_F(ReconcilerTest, AnotherDeviceInThePortReplacesAllBelow) {
   EXPECT_EQ(lines.back(), "+ volume_uuid_0000_060C");
 }
 
+TEST_F(ReconcilerTest, WhatIsSharedMovesBelowTheNewDevice) {
+  reconciler_.Show("sda", Describe({Stick("sda", 0, 0)}));
+  reconciler_.Show("sdb", Describe({Stick("sdb", 0, 1)}));
+  // Events were lost: the other slot still speaks of the device before.
+  BlockFacts other = Stick("sda", 0, 0);
+  std::get<UsbChain>(other.chain).device.serial = "BB";
+  reconciler_.Show("sda", Describe({other}));
+  const hal::Device* device =
+      tree_.Find("/org/freedesktop/Hal/devices/storage_serial_Acme_Voyager_AA99_0_0");
+  ASSERT_NE(device, nullptr);
+  while (device->Text("info.parent") != hal::kRootDevice) {
+    device = tree_.Find(device->Text("info.parent"));
+    ASSERT_NE(device, nullptr);
+  }
+  EXPECT_EQ(device->udi, "/org/freedesktop/Hal/devices/usb_device_90c_1000_BB");
+}
+
 TEST_F(ReconcilerTest, NoTextOfTheHardwareBringsABusIntoAName) {
   BlockFacts disk = Stick();
   std::get<UsbChain>(disk.chain).device.serial = "mmc7/scsi";
