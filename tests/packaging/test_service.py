@@ -64,7 +64,7 @@ def verified(tree, service: Path, directory: Path) -> tuple[int, str, str]:
     return done.returncode, done.stdout, done.stderr
 
 
-@pytest.mark.parametrize("name", ["voldrake", "voldrake-stop"])
+@pytest.mark.parametrize("name", ["voldrake", "voldrake-bus", "voldrake-stop"])
 def test_is_accepted_by_systemd(tree, service: Path, tmp_path: Path, name: str) -> None:
     assert verified(tree, service.with_name(f"{name}.service"), tmp_path) == (0, "", "")
 
