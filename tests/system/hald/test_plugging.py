@@ -168,9 +168,11 @@ def test_emmc_other_buses_and_what_udev_says_to_ignore_are_left_out(machine: Hal
     partly = usb_disk("sdb", port="1-1.4", host=1, usb_serial="BB",
                       partitions=[FileSystem("P"), FileSystem("Q")])
     partly.partitions[1].properties["UDISKS_IGNORE"] = "1"
+    left = usb_disk("sdd", port="1-1.2", host=3, usb_serial="CC", partitions=[FileSystem("L")])
+    left.disk.properties["VOLDRAKE_IGNORE"] = "1"
     optical = usb_disk("sdc", port="1-1.1", host=2, whole=FileSystem("O", "iso9660"))
     optical.disk.properties["ID_CDROM"] = "1"
-    machine.udev.place(emmc, ignored, partly, optical)
+    machine.udev.place(emmc, ignored, partly, left, optical)
     machine.start_service()
     assert machine.volumes() == ["volume_uuid_Q"]
     assert not [name for name in machine.objects() if "mmc" in name or "AA99" in name]
