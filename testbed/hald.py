@@ -152,15 +152,19 @@ class HaldMachine(Lifespan):
     def told(self, since: Mark = Mark(0)) -> list[str]:
         """What the service has sent after the mark, everything until now being dealt with."""
         self.settle()
-        return [event.text for event in self.hal.events.since(since)
+        return [event.text for event in self.hal.events.up_to(self.mark(), since)
                 if event.text.startswith(_SIGNALS)]
 
     def records(self, since: Mark = Mark(0)) -> list[Record]:
         """What the service has logged after the mark but for debug lines, everything until now
         being dealt with."""
+        return [record for record in self.debug_records(since) if record.priority < 7]
+
+    def debug_records(self, since: Mark = Mark(0)) -> list[Record]:
+        """As `records`, the debug lines too."""
         self.settle()
-        return [event.data for event in self.syslog.events.since(since)
-                if event.data and event.data.ident == "voldrake-hald" and event.data.priority < 7]
+        return [event.data for event in self.syslog.events.up_to(self.mark(), since)
+                if event.data and event.data.ident == "voldrake-hald"]
 
     def mark(self) -> Mark:
         """The present end of the tape."""

@@ -135,8 +135,8 @@ def test_a_flood_of_events(running: HaldMachine, stick: Disk):
     since = running.mark()
     running.udev.flood(stick.partitions[1], 1000)
     assert running.told(since) == []
-    read = [event for event in running.syslog.events.since(since)
-            if "udev: change" in event.text and event.text.endswith("/sda1")]
+    read = [record for record in running.debug_records(since)
+            if "udev: change" in record.text and record.text.endswith("/sda1")]
     assert len(read) == 1000
     assert running.volumes() == ["volume_uuid_A", "volume_uuid_B"]
 

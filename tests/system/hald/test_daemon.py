@@ -109,7 +109,7 @@ class HaldStage:
 
     def close(self) -> None:
         """End what the machine does not."""
-        if self._daemon.running():
+        if self._daemon.process and not self._daemon.process.ended():
             assert self._daemon.terminate() == 0
         self._daemon.close()
         self.application.leave()

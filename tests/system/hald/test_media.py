@@ -206,7 +206,7 @@ def test_a_changed_card_is_one_line(plugged: HaldMachine, stick: Disk):
 def test_the_disk_of_a_changed_card_is_opened(plugged: HaldMachine, stick: Disk):
     """Only then does the kernel look at the new medium."""
     opened = Channel(plugged.tape, "node")
-    watch = FileWatch(lambda path, _: opened.record(f"opened {path.name}"))
+    watch = FileWatch(lambda path, *_: opened.record(f"opened {path.name}"))
     watch.add(plugged.sandbox.path(f"{plugged.udev.root}/dev/sda"), OPENED)
     watch.start()
     try:
