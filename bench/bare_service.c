@@ -1,4 +1,4 @@
-/* The floor for the hardware service at rest: a service on the bus, with GIO, that serves nothing. */
+/* The floor for the hardware service at rest: a GIO service on the bus that serves nothing. */
 
 #include <gio/gio.h>
 

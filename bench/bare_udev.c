@@ -1,7 +1,6 @@
 /* The floor for the hardware service: what hearing of a disk takes with libudev alone.
  *
- *   bare-udev            prints "ready", then a line for each event of a disk or partition: the time
- *                        in seconds; until it is killed
+ *   bare-udev            prints "ready", then for each event of a disk the time in seconds
  *   bare-udev enumerate  reads every disk and partition that is there, and ends
  */
 
@@ -14,8 +13,8 @@
 
 /* What a volume's object is made of. */
 static void read_device(struct udev_device* device) {
-  static const char* const properties[] = {"DEVNAME",    "MAJOR",      "MINOR",      "ID_FS_USAGE",
-                                           "ID_FS_TYPE", "ID_FS_UUID", "ID_FS_LABEL_ENC"};
+  static const char* const properties[] = {
+      "DEVNAME", "MAJOR", "MINOR", "ID_FS_USAGE", "ID_FS_TYPE", "ID_FS_UUID", "ID_FS_LABEL_ENC"};
   for (size_t at = 0; at < sizeof properties / sizeof *properties; ++at) {
     udev_device_get_property_value(device, properties[at]);
   }

@@ -93,7 +93,7 @@ def install_units(root: Root) -> None:
             wants = units / f"{wanted_by}.target.wants"
             wants.mkdir(exist_ok=True)
             (wants / f"{name}.service").symlink_to(f"../{name}.service")
-    # The stand-in for now.
+    # The stand-in takes the name of the real service, which a test of its own starts.
     (units / ALIAS).unlink(missing_ok=True)
     (units / ALIAS).symlink_to("hal.service")
     (units / "voldrake-hald.service").symlink_to("/dev/null")

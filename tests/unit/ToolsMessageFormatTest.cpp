@@ -4,8 +4,8 @@
 #include <limits>
 #include <string>
 
-#include "tools/MessageFormat.h"
 #include "program/Printable.h"
+#include "tools/MessageFormat.h"
 
 namespace {
 
