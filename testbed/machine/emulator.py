@@ -78,9 +78,9 @@ class Emulator(Lifespan):
                 time.sleep(deadlines.POLL)
         for slot, card in enumerate(self._cards):
             if card:
-                self.insert(slot, card)
+                self._insert(slot, card)
         for name, (image, port) in self._sticks.items():
-            self.plug(name, image, port)
+            self._plug(name, image, port)
         self.cable(self._cable_plugged)
         self.qmp.command("cont")
 
@@ -104,38 +104,49 @@ class Emulator(Lifespan):
         except subprocess.TimeoutExpired:
             raise AssertionError(f"{self.name} does not switch itself off") from None
 
+    # The hardware may also be changed while the machine is off.
+
     def plug(self, name: str, image: Path, port: str) -> None:
         """Plug a USB stick into a port behind the hub."""
-        self.qmp.command("blockdev-add", driver="raw", node_name=f"medium-{name}",
-                         file={"driver": "file", "filename": str(image)})
-        self.qmp.command("device_add", driver="usb-storage", id=name, drive=f"medium-{name}",
-                         bus="xhci.0", port=port, removable=True, serial=f"STICK{name.upper()}")
         self._sticks[name] = (image, port)
+        if self.running():
+            self._plug(name, image, port)
 
     def pull(self, name: str) -> None:
         """Tear a stick out."""
         del self._sticks[name]
-        self.qmp.command("device_del", id=name)
-        self.qmp.wait_until_deleted(name)
-        self.qmp.command("blockdev-del", node_name=f"medium-{name}")
+        if self.running():
+            self.qmp.command("device_del", id=name)
+            self.qmp.wait_until_deleted(name)
+            self.qmp.command("blockdev-del", node_name=f"medium-{name}")
 
     def insert(self, slot: int, image: Path) -> None:
         """Put a card into a slot of the unit."""
-        self.qmp.command("blockdev-change-medium", id=f"card{slot}", filename=str(image),
-                         format="raw")
         self._cards[slot] = image
+        if self.running():
+            self._insert(slot, image)
 
     def eject(self, slot: int) -> None:
         """Take the card out of a slot."""
-        self.qmp.command("eject", id=f"card{slot}", force=True)
-        self.qmp.command("blockdev-remove-medium", id=f"card{slot}")
         self._cards[slot] = None
+        if self.running():
+            self.qmp.command("eject", id=f"card{slot}", force=True)
 
     def cable(self, plugged: bool) -> None:
-        """Pull or plug the network cable, also of a machine that is off."""
+        """Pull or plug the network cable."""
         self._cable_plugged = plugged
         if self.running():
             self.qmp.command("set_link", name="eth0", up=plugged)
+
+    def _plug(self, name: str, image: Path, port: str) -> None:
+        self.qmp.command("blockdev-add", driver="raw", node_name=f"medium-{name}",
+                         file={"driver": "file", "filename": str(image)})
+        self.qmp.command("device_add", driver="usb-storage", id=name, drive=f"medium-{name}",
+                         bus="xhci.0", port=port, removable=True, serial=f"STICK{name.upper()}")
+
+    def _insert(self, slot: int, image: Path) -> None:
+        self.qmp.command("blockdev-change-medium", id=f"card{slot}", filename=str(image),
+                         format="raw")
 
     def _disk(self) -> Path:
         return self._directory / "overlay"
