@@ -1,5 +1,6 @@
 """The Yocto recipe and the Buildroot package, as far as they can be checked without either."""
 
+import os
 import re
 import subprocess
 from fnmatch import fnmatch
@@ -14,6 +15,8 @@ PACKAGING = target.REPOSITORY / "packaging"
 LAYER = PACKAGING / "yocto/meta-voldrake"
 RECIPE = LAYER / "recipes-voldrake/voldrake/voldrake_1.10.bb"
 BUILDROOT = PACKAGING / "buildroot"
+#: A shell function of a recipe: its name and its body.
+FUNCTION = re.compile(r"^([\w:${}-]+)\(\) \{\n(.*?)^\}\n", re.MULTILINE | re.DOTALL)
 
 #: bitbake.conf's own directories, and the packages that it fills by itself.
 DIRECTORIES = {
@@ -51,7 +54,7 @@ def project_version() -> str:
 def recipe() -> dict[str, str]:
     """The recipe's variables; "inherit" has the classes. Every line has to be understood."""
     variables: dict[str, str] = {"inherit": ""}
-    text = re.sub(r"\\\n", "", RECIPE.read_text())
+    text = re.sub(r"\\\n", "", FUNCTION.sub("", RECIPE.read_text()))
     for line in text.splitlines():
         if not line or line.startswith("#"):
             continue
@@ -134,6 +137,25 @@ def test_recipe_needs_what_the_build_needs(recipe: dict[str, str]) -> None:
     providers = {"dbus-1": "dbus", "dbus-glib-1": "dbus-glib", "glib-2.0": "glib-2.0"}
     assert {providers[module] for module in modules} == set(recipe["DEPENDS"].split())
     assert {"cmake", "pkgconfig", "systemd", "update-rc.d"} <= set(recipe["inherit"].split())
+
+
+def test_recipe_installs_what_nfs_version_3_needs(recipe: dict[str, str]) -> None:
+    assert {"kernel-module-nfs", "kernel-module-nfsv3", "kernel-module-nfsd", "nfs-utils",
+            "nfs-utils-client"} <= set(recipe["RRECOMMENDS:${PN}"].split())
+
+
+@pytest.mark.parametrize("there", [None, "/srv *(ro)\n"])
+def test_recipe_sees_to_a_list_of_exports(tmp_path: Path, there: str | None) -> None:
+    """Without the file the NFS server does not start and exportfs fails; an image's own stays."""
+    functions = dict(FUNCTION.findall(RECIPE.read_text()))
+    exports = tmp_path / "etc/exports"
+    exports.parent.mkdir()
+    if there:
+        exports.write_text(there)
+    body = functions["pkg_postinst:${PN}"].replace("${sysconfdir}", "/etc")
+    subprocess.run(["sh", "-eu", "-c", body], env={"D": str(tmp_path), "PATH": os.environ["PATH"]},
+                   check=True)
+    assert exports.read_text() == (there or "")
 
 
 def test_layer_finds_the_recipe() -> None:

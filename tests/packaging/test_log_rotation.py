@@ -2,6 +2,7 @@
 
 import re
 import time
+from typing import Callable
 
 import pytest
 
@@ -26,12 +27,16 @@ def start(unit: Sandbox, tree):
     return daemon
 
 
-def expect(unit: Sandbox, text: str) -> None:
+def wait_for(condition: Callable[[], bool], what: str) -> None:
     deadline = time.monotonic() + timeouts.START
-    log = unit.path(LOG)
-    while not log.exists() or text not in log.read_text():
-        assert time.monotonic() < deadline, f"not logged: {text}"
+    while not condition():
+        assert time.monotonic() < deadline, f"not seen: {what}"
         time.sleep(timeouts.POLL)
+
+
+def expect(unit: Sandbox, text: str) -> None:
+    log = unit.path(LOG)
+    wait_for(lambda: log.exists() and text in log.read_text(), text)
 
 
 def rotate(unit: Sandbox) -> None:
@@ -41,22 +46,16 @@ def rotate(unit: Sandbox) -> None:
 
 
 def test_with_systemd(unit: Sandbox, tree) -> None:
-    """systemctl is a stand-in here, which carries out what it is asked."""
+    """systemctl is a stand-in here, which answers what it is asked."""
     daemon = start(unit, tree)
     inside = unit.run(["pidof", "voldrake"]).stdout.strip()
     unit.path("/run/systemd/system").mkdir(parents=True)
     unit.write(f"{TOOLS}/systemctl", f"""#!/bin/sh
-echo "$*" >> /var/log/systemctl
-case $* in
-  *is-active*) exit 0 ;;
-  *--signal=HUP*) kill -HUP {inside} ;;
-esac
+[ "$*" = "show --property=MainPID --value voldrake.service" ] && echo {inside}
 """)
     unit.path(f"{TOOLS}/systemctl").chmod(0o755)
     rotate(unit)
     expect(unit, "Version - 1.10")
-    assert "--kill-who=main --signal=HUP voldrake.service" in unit.path(
-        "/var/log/systemctl").read_text()
     assert_head(unit)
     assert daemon.terminate() == 0
 
@@ -69,6 +68,33 @@ def test_with_the_start_script(unit: Sandbox, tree) -> None:
     expect(unit, "Version - 1.10")
     assert_head(unit)
     assert daemon.terminate() == 0
+
+
+def test_leaves_a_daemon_that_waits_for_its_identity_alone(unit: Sandbox, tree) -> None:
+    """Until its start-up is done the signal would end the daemon."""
+    identity = "/srv/content-id"
+    daemon = unit.spawn([f"{tree.prefix}/sbin/voldrake", "--log", LOG, "--content-id-file",
+                         identity, "--file-timeout", "1000"], "voldrake")
+    expect(unit, "Voldrake waiting for files to appear")
+    unit.write("/run/voldrake.pid", unit.run(["pidof", "voldrake"]).stdout)
+    rotate(unit)
+    unit.write(identity, "7\n")
+    expect(unit, f"Found: {identity}")
+    expect(unit, "_ManualScan()")
+    assert "Starting new log file" not in unit.path(LOG).read_text()
+    assert daemon.terminate() == 0
+
+
+def test_leaves_a_stranger_with_the_daemons_number_alone(unit: Sandbox) -> None:
+    stranger = unit.spawn(
+        ["sh", "-c", "trap 'echo told' HUP; trap 'echo ended; exit' TERM;"
+         " echo $$ > /run/new.pid; mv /run/new.pid /run/voldrake.pid; while :; do sleep 0.1; done"],
+        "stranger")
+    wait_for(unit.path("/run/voldrake.pid").exists, "the stranger's number")
+    unit.write(LOG, "an old line\n")
+    rotate(unit)
+    assert stranger.terminate() == 0
+    assert stranger.stdout() == "ended\n"
 
 
 def test_with_no_daemon_running(unit: Sandbox) -> None:

@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import signal
 import time
 from pathlib import Path
 
@@ -28,6 +29,8 @@ def image(tree, sandbox: Sandbox) -> Sandbox:
     # The script reads the options below the prefix's etc, which the build directory names.
     options = Path(tree.prefix, "etc") if tree.prefix != "/usr" else Path("/etc")
     text = script.read_text().replace(f"{options}/default/", "/etc/default/")
+    # The script's own path comes first in the image, so BusyBox's commands are put before it.
+    text = text.replace("\nPATH=", f"\nPATH={TOOLS}:")
     script.write_text(text)
     set_options(sandbox, f"--log {LOG}")
     return sandbox
@@ -110,6 +113,35 @@ def test_tells_when_the_daemon_ends_at_once(image: Sandbox) -> None:
                         done.stderr)
     assert call(image, "status") == (3, "voldrake is not running\n")
     assert not image.path(PID_FILE).exists()
+
+
+def test_gives_the_daemon_a_path_of_its_own(image: Sandbox) -> None:
+    """Whoever calls the script: mount and exportfs are found in the system's directories."""
+    done = image.run(["env", "PATH=/nonexistent", "/usr/bin/busybox", "sh", SCRIPT, "start"],
+                     timeout=4 * timeouts.RUN)
+    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    (daemon,) = (pid for pid, line in image.processes().items() if "/voldrake" in line)
+    environment = Path(f"/proc/{daemon}/environ").read_text().split("\0")
+    (path,) = (entry.removeprefix("PATH=") for entry in environment if entry.startswith("PATH="))
+    assert {"/usr/sbin", "/usr/bin", "/sbin", "/bin"} <= set(path.split(":"))
+    call(image, "stop")
+
+
+def test_waits_for_an_end_as_long_as_systemd_does(image: Sandbox, tree) -> None:
+    """A second passes at once here; the daemon is held and does not end."""
+    call(image, "start")
+    expect_line(image, "_ManualScan()")
+    (daemon,) = (pid for pid, line in image.processes().items() if "/voldrake" in line)
+    os.kill(daemon, signal.SIGSTOP)
+    image.path(f"{TOOLS}/sleep").unlink()
+    image.write(f"{TOOLS}/sleep", "#!/bin/sh\necho $1 >> /run/seconds\n")
+    image.path(f"{TOOLS}/sleep").chmod(0o755)
+    done = image.run(["busybox", "sh", SCRIPT, "stop"], timeout=4 * timeouts.RUN)
+    assert (done.returncode, done.stderr) == (1, "voldrake does not end\n")
+    waited = sum(map(int, image.path("/run/seconds").read_text().split()))
+    unit = tree.path("lib/systemd/system/voldrake.service").read_text()
+    assert f"\nTimeoutStopSec={waited}\n" in unit
+    os.kill(daemon, signal.SIGCONT)
 
 
 def test_tells_its_usage(image: Sandbox) -> None:

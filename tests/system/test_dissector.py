@@ -58,14 +58,14 @@ def write_capture(file: Path, payloads: Sequence[bytes]) -> None:
 
 @pytest.fixture
 def dissect(tmp_path: Path):
-    """Calls tshark on payloads; gives each packet's layers and fails on any Lua error."""
+    """Calls tshark on payloads; gives these layers of each packet and fails on any Lua error."""
 
-    def run(*payloads: bytes) -> list[dict]:
+    def run(*payloads: bytes, layers: str = "voldrake _ws.expert _ws.lua") -> list[dict]:
         capture = tmp_path / "capture.pcap"
         write_capture(capture, payloads)
         result = subprocess.run(
             ["tshark", "-n", "-r", capture, "-X", f"lua_script:{DISSECTOR}", "-T", "json"]
-            + ["-J", "voldrake _ws.expert _ws.lua", "--no-duplicate-keys"],
+            + ["-J", layers, "--no-duplicate-keys"],
             env={"HOME": str(tmp_path), "PATH": "/usr/sbin:/usr/bin:/sbin:/bin"},
             capture_output=True,
             text=True,
@@ -127,7 +127,6 @@ def test_a_withdrawal_and_empty_texts_are_sound(dissect) -> None:
 @pytest.mark.parametrize(
     ("datagram", "message"),
     [
-        (changed(0, b"\x12\x34\x56\x78"), "The magic is wrong"),
         (changed(4, b"\x02"), "2 instead of 1"),
         (changed(6, b"\x09"), "The message type is neither 1 nor 2"),
         (changed(8, b"\x00\x00"), "0 instead of 1000"),
@@ -144,6 +143,29 @@ def test_a_withdrawal_and_empty_texts_are_sound(dissect) -> None:
 def test_what_no_unit_sends_is_marked(dissect, datagram: bytes, message: str) -> None:
     (packet,) = dissect(datagram)
     assert message in experts(packet)
+
+
+@pytest.mark.parametrize(
+    "datagram",
+    [
+        changed(0, b"\x12\x34\x56\x78"),
+        changed(3, b"\x13"),
+        b"\x77",
+        b"\x78\x55",
+        b"\x78\x56\x34\x13",
+    ],
+    ids=lambda datagram: datagram[:4].hex(),
+)
+def test_a_datagram_without_the_magic_is_left_to_others(dissect, datagram: bytes) -> None:
+    (packet,) = dissect(datagram)
+    assert "voldrake" not in packet
+
+
+def test_another_protocol_on_the_port_is_dissected_as_what_it_is(dissect) -> None:
+    binding_request = struct.pack(">HHI", 0x0001, 0, 0x2112A442) + bytes(range(12))
+    (packet,) = dissect(binding_request, layers="stun voldrake")
+    assert "voldrake" not in packet
+    assert packet["stun"]["stun.type"] == "0x0001"
 
 
 def test_every_prefix_is_marked_as_truncated(dissect) -> None:

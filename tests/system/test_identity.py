@@ -5,6 +5,7 @@ import os
 import pytest
 
 from local_volumes import STICK, arrival, removal, told
+from testbed.daemon import WARNING
 from testbed.unit import Unit
 
 _CONTENT, _SERIAL = "/etc/content-id", "/etc/serial-number"
@@ -132,6 +133,19 @@ def test_an_unchanged_file_is_opened_once(unit: Unit) -> None:
     os.utime(file, (1, 2_000_000_000))
     assert told_identity(unit) == ("content", "")
     assert file.stat().st_atime == 1
+
+
+def test_a_file_that_the_daemon_may_not_read_is_told(unit: Unit) -> None:
+    """Root too may not, without the capability for it, as under the systemd unit."""
+    write(unit, _CONTENT, "C-1", 1000)
+    write(unit, _SERIAL, "S-1", 1000)
+    unit.sandbox.path(_CONTENT).chmod(0)
+    unit.daemon.start(*_OPTIONS, launcher=["setpriv", "--bounding-set", "-all"])
+    unit.daemon.expect_log(WARNING, f"Identity file {_CONTENT} cannot be read: Permission denied")
+    unit.hal.expect_call("FindDeviceByCapability")
+    unit.hal.plug(STICK)
+    assert unit.application.next_text() == arrival("/media/sda1", serial_number="S-1")
+    assert not [line for line in unit.daemon.log_lines() if _SERIAL in line.text]
 
 
 def test_the_texts_are_refreshed_by_the_scan(unit: Unit) -> None:

@@ -10,12 +10,13 @@
 --   10  2  media type             20     the three texts; nothing follows
 --
 -- "Malformed" marks what no unit sends; a unit that receives it may still take it, since it asks
--- for 21 bytes and the magic only.
+-- for 21 bytes and the magic only. The port is not reserved for units: a datagram without the magic
+-- is left to other dissectors.
 
 local UDP_PORT = 10000
 local HEADER_BYTES = 20
 local MAX_BYTES = 1500
-local MAGIC = 0x12345678
+local MAGIC = "\x78\x56\x34\x12"
 local VERSION = 1
 local CONSTANT = 1000
 local TYPE_NAMES = { [1] = "Announce", [2] = "Withdraw" }
@@ -133,19 +134,22 @@ local function add_texts(tree, buffer, lengths)
   return path, name
 end
 
+-- True when the datagram begins with the magic, or is shorter and begins like it.
+local function is_announcement(buffer)
+  local compared = math.min(#MAGIC, buffer:len())
+  return buffer:raw(0, compared) == MAGIC:sub(1, compared)
+end
+
 function voldrake.dissector(buffer, pinfo, tree)
+  if not is_announcement(buffer) then
+    return 0
+  end
   pinfo.cols.protocol = "VOLDRAKE"
   local length = buffer:len()
   local subtree = tree:add(voldrake, buffer())
   if length < HEADER_BYTES then
     pinfo.cols.info = "Truncated announcement"
     subtree:add_proto_expert_info(experts.truncated, "The header is cut off")
-    return length
-  end
-  if buffer(0, 4):le_uint() ~= MAGIC then
-    pinfo.cols.info = "No announcement"
-    local item = subtree:add_le(fields.magic, buffer(0, 4))
-    item:add_proto_expert_info(experts.malformed, "The magic is wrong")
     return length
   end
   local message_type, lengths = add_header(subtree, buffer)

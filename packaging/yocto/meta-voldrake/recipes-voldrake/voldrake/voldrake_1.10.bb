@@ -54,9 +54,15 @@ RDEPENDS:${PN} = "dbus"
 RRECOMMENDS:${PN} = "\
     kernel-module-nfs \
     kernel-module-nfsd \
+    kernel-module-nfsv3 \
     nfs-utils \
     nfs-utils-client \
     util-linux-mount \
     util-linux-mountpoint \
     util-linux-umount \
 "
+
+# nfs-utils has no list of its own; without one its server does not start and exportfs fails.
+pkg_postinst:${PN}() {
+    [ -e "$D${sysconfdir}/exports" ] || : > "$D${sysconfdir}/exports"
+}
