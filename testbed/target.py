@@ -18,7 +18,8 @@ _EMULATOR_INSIDE = INSIDE / "emulator"
 
 _PROGRAMS = {
     "voldrake": "src/voldrake",
-    "voldrake-halsim": "hal/voldrake-halsim",
+    "voldrake-halsim": "hal/sim/voldrake-halsim",
+    "voldrake-hald": "hal/kernel/voldrake-hald",
     "voldrake-monitor": "tools/voldrake-monitor",
     "voldrake-shares": "tools/voldrake-shares",
 }

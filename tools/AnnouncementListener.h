@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "tools/GLibHandles.h"
+#include "glib/Handles.h"
 
 namespace tools {
 

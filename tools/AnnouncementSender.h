@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "tools/GLibHandles.h"
+#include "glib/Handles.h"
 
 namespace tools {
 

@@ -3,7 +3,7 @@
 #include <functional>
 
 #include "tools/Frame.h"
-#include "tools/GLibHandles.h"
+#include "glib/Handles.h"
 
 namespace tools {
 

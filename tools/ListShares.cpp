@@ -5,10 +5,10 @@
 #include <string>
 
 #include "tools/AnnouncementListener.h"
-#include "tools/GLibHandles.h"
-#include "tools/MainLoop.h"
-#include "tools/Output.h"
-#include "tools/ProgramOptions.h"
+#include "glib/Handles.h"
+#include "program/MainLoop.h"
+#include "program/Output.h"
+#include "program/ProgramOptions.h"
 #include "tools/ShareFormat.h"
 
 namespace tools {
@@ -39,9 +39,9 @@ bool ReadListOptions(int argc, char* argv[], Options& options) {
       {"interface", 0, 0, G_OPTION_ARG_FILENAME, &options.interface,
        "Listen on this interface (default: as the routes say)", "NAME"},
       GOptionEntry{}};
-  if (!ReadOptions(argc, argv, kSummary, entries)) return false;
+  if (!program::ReadOptions(argc, argv, kSummary, entries)) return false;
   if (!(options.onceSeconds >= 0 && options.onceSeconds <= 86400)) {
-    Complain("the seconds must be 0 to 86400");
+    program::Complain("the seconds must be 0 to 86400");
     return false;
   }
   return true;
@@ -50,7 +50,7 @@ bool ReadListOptions(int argc, char* argv[], Options& options) {
 /// Follows the announcements and shows what changes.
 class Watcher {
  public:
-  Watcher(const Options& options, MainLoop& loop) : options_(options), loop_(loop) {}
+  Watcher(const Options& options, program::MainLoop& loop) : options_(options), loop_(loop) {}
 
   /// Takes one datagram. An empty one announces nothing and is passed over.
   void Hear(const std::string& sender, std::string_view datagram) {
@@ -78,8 +78,8 @@ class Watcher {
     for (const Share& share : table_.Present()) {
       text += options_.json ? JsonText(share, time) : TableText(share);
     }
-    failed_ = !Print(text);
-    if (malformed_ != 0) Complain(std::to_string(malformed_) + " malformed datagrams");
+    failed_ = !program::Print(text);
+    if (malformed_ != 0) program::Complain(std::to_string(malformed_) + " malformed datagrams");
   }
 
   [[nodiscard]] bool Failed() const { return failed_; }
@@ -92,12 +92,12 @@ class Watcher {
 
   void Show(const std::string& text) {
     if (options_.onceSeconds > 0 || failed_) return;
-    failed_ = !Print(text);
+    failed_ = !program::Print(text);
     if (failed_) loop_.Quit();
   }
 
   const Options options_;
-  MainLoop& loop_;
+  program::MainLoop& loop_;
   ShareTable table_{kMaxShares};
   std::size_t malformed_ = 0;
   bool failed_ = false;
@@ -109,7 +109,7 @@ gboolean OnTick(gpointer watcher) {
 }
 
 gboolean OnTimeIsUp(gpointer loop) {
-  static_cast<MainLoop*>(loop)->Quit();
+  static_cast<program::MainLoop*>(loop)->Quit();
   return G_SOURCE_CONTINUE;
 }
 
@@ -126,13 +126,13 @@ int ListShares(int argc, char* argv[]) {
   if (!ReadListOptions(argc, argv, options)) return EXIT_FAILURE;
   const glib::CharPointer interface(options.interface);
 
-  MainLoop loop;
+  program::MainLoop loop;
   Watcher watcher(options, loop);
   AnnouncementListener listener([&](const std::string& sender, std::string_view datagram) {
     watcher.Hear(sender, datagram);
   });
   if (std::string error; !listener.Join(interface.get(), error)) {
-    Complain(error);
+    program::Complain(error);
     return EXIT_FAILURE;
   }
   const glib::EventSource tick = Timer(kTickMs, OnTick, &watcher);
@@ -140,7 +140,7 @@ int ListShares(int argc, char* argv[]) {
   if (options.onceSeconds > 0) {
     end = Timer(static_cast<guint>(options.onceSeconds * 1000), OnTimeIsUp, &loop);
   } else {
-    Complain("listening");
+    program::Complain("listening");
   }
   loop.Run();
   if (options.onceSeconds > 0) watcher.ShowPresent();

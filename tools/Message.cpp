@@ -7,7 +7,7 @@
 #include <string_view>
 #include <utility>
 
-#include "tools/GLibHandles.h"
+#include "glib/Handles.h"
 
 namespace tools {
 

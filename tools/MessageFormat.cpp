@@ -2,7 +2,7 @@
 
 #include <limits>
 
-#include "tools/Printable.h"
+#include "program/Printable.h"
 #include "tools/TimeText.h"
 
 namespace tools {
@@ -22,7 +22,7 @@ const char* Kind(const Received& received) {
 }
 
 std::string Head(const Received& received) {
-  return ClockText(received.time) + "  " + Padded(Kind(received), kKindWidth);
+  return ClockText(received.time) + "  " + program::Padded(Kind(received), kKindWidth);
 }
 
 const char* BoolText(bool value) {
@@ -30,28 +30,28 @@ const char* BoolText(bool value) {
 }
 
 std::string Attributes(const Message& message) {
-  if (!message.arrival) return Printable(message.path);
-  std::string text = Padded(Printable(message.path), kPathWidth);
-  text += ' ' + Padded(Quoted(message.friendlyName), kNameWidth);
-  text += ' ' + Padded(message.type, kTypeWidth);
-  text += "readonly=" + Padded(BoolText(message.readOnly), kFlagWidth);
-  text += "remote=" + Padded(BoolText(message.remote), kFlagWidth);
-  text += "fixed=" + Padded(BoolText(message.fixed), kFlagWidth);
-  text += "key=" + Quoted(message.key);
-  text += " contentid=" + Quoted(message.contentId);
-  text += " serialnumber=" + Quoted(message.serialNumber);
+  if (!message.arrival) return program::Printable(message.path);
+  std::string text = program::Padded(program::Printable(message.path), kPathWidth);
+  text += ' ' + program::Padded(program::Quoted(message.friendlyName), kNameWidth);
+  text += ' ' + program::Padded(message.type, kTypeWidth);
+  text += "readonly=" + program::Padded(BoolText(message.readOnly), kFlagWidth);
+  text += "remote=" + program::Padded(BoolText(message.remote), kFlagWidth);
+  text += "fixed=" + program::Padded(BoolText(message.fixed), kFlagWidth);
+  text += "key=" + program::Quoted(message.key);
+  text += " contentid=" + program::Quoted(message.contentId);
+  text += " serialnumber=" + program::Quoted(message.serialNumber);
   return text;
 }
 
 std::string JsonAttributes(const Message& message) {
-  std::string text = R"(,"message":)" + JsonString(message.arrival ? "arrival" : "removal");
-  text += R"(,"path":)" + JsonString(message.path);
+  std::string text = R"(,"message":)" + program::JsonString(message.arrival ? "arrival" : "removal");
+  text += R"(,"path":)" + program::JsonString(message.path);
   if (!message.arrival) return text;
-  text += R"(,"type":)" + JsonString(message.type);
-  text += R"(,"key":)" + JsonString(message.key);
-  text += R"(,"contentid":)" + JsonString(message.contentId);
-  text += R"(,"serialnumber":)" + JsonString(message.serialNumber);
-  text += R"(,"friendlyname":)" + JsonString(message.friendlyName);
+  text += R"(,"type":)" + program::JsonString(message.type);
+  text += R"(,"key":)" + program::JsonString(message.key);
+  text += R"(,"contentid":)" + program::JsonString(message.contentId);
+  text += R"(,"serialnumber":)" + program::JsonString(message.serialNumber);
+  text += R"(,"friendlyname":)" + program::JsonString(message.friendlyName);
   text += std::string(R"(,"remote":)") + BoolText(message.remote);
   text += std::string(R"(,"readonly":)") + BoolText(message.readOnly);
   text += std::string(R"(,"fixed":)") + BoolText(message.fixed);
@@ -62,27 +62,27 @@ std::string JsonAttributes(const Message& message) {
 
 std::string TableText(const Received& received) {
   if (received.message) return Head(received) + Attributes(*received.message) + "\n";
-  return Head(received) + Printable(received.fault) + "\n" +
-         HexDump(received.bytes, kTableDumpRows);
+  return Head(received) + program::Printable(received.fault) + "\n" +
+         program::HexDump(received.bytes, kTableDumpRows);
 }
 
 std::string JsonText(const Received& received) {
-  std::string line = R"({"time":)" + JsonString(IsoText(received.time)) + R"(,"well_formed":)" +
+  std::string line = R"({"time":)" + program::JsonString(IsoText(received.time)) + R"(,"well_formed":)" +
                      BoolText(received.message.has_value());
   if (received.message) {
     line += JsonAttributes(*received.message);
   } else {
-    line += R"(,"reason":)" + JsonString(received.fault) + R"(,"bytes":")" +
-            HexDigits(received.bytes) + '"';
+    line += R"(,"reason":)" + program::JsonString(received.fault) + R"(,"bytes":")" +
+            program::HexDigits(received.bytes) + '"';
   }
-  if (received.text) line += R"(,"text":)" + JsonString(*received.text);
+  if (received.text) line += R"(,"text":)" + program::JsonString(*received.text);
   return line + "}\n";
 }
 
 std::string RawText(const Received& received) {
   std::string line = Head(received) + std::to_string(received.bytes.size()) + " bytes";
-  if (!received.message) line += ": " + Printable(received.fault);
-  return line + "\n" + HexDump(received.bytes, std::numeric_limits<std::size_t>::max());
+  if (!received.message) line += ": " + program::Printable(received.fault);
+  return line + "\n" + program::HexDump(received.bytes, std::numeric_limits<std::size_t>::max());
 }
 
 }  // namespace tools

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "tools/Connection.h"
-#include "tools/GLibHandles.h"
+#include "glib/Handles.h"
 
 namespace tools {
 

@@ -5,10 +5,10 @@
 
 #include "tools/Announcement.h"
 #include "tools/AnnouncementSender.h"
-#include "tools/GLibHandles.h"
-#include "tools/MainLoop.h"
-#include "tools/Output.h"
-#include "tools/ProgramOptions.h"
+#include "glib/Handles.h"
+#include "program/MainLoop.h"
+#include "program/Output.h"
+#include "program/ProgramOptions.h"
 
 namespace tools {
 
@@ -51,7 +51,7 @@ bool ReadSendOptions(std::uint16_t defaultType, int argc, char* argv[], Options&
       {"repeat", 0, 0, G_OPTION_ARG_NONE, &repeat, "Repeat each second until SIGTERM or SIGINT",
        nullptr},
       GOptionEntry{}};
-  const bool isRead = ReadOptions(argc, argv, kSummary, entries);
+  const bool isRead = program::ReadOptions(argc, argv, kSummary, entries);
   const glib::CharPointer path(texts[0]);
   const glib::CharPointer key(texts[1]);
   const glib::CharPointer name(texts[2]);
@@ -59,7 +59,7 @@ bool ReadSendOptions(std::uint16_t defaultType, int argc, char* argv[], Options&
   options.interface.reset(texts[4]);
   if (!isRead) return false;
   if (path == nullptr || !FitsField(type) || !FitsField(mediaType)) {
-    Complain(path == nullptr ? "--path is missing" : "a type must be 0 to 65535");
+    program::Complain(path == nullptr ? "--path is missing" : "a type must be 0 to 65535");
     return false;
   }
   if (destination != nullptr) options.destination = destination.get();
@@ -82,7 +82,7 @@ struct Repetition {
 gboolean SendAgain(gpointer data) {
   const auto* repetition = static_cast<Repetition*>(data);
   std::string error;
-  if (!repetition->sender.Send(repetition->datagram, error)) Complain(error);
+  if (!repetition->sender.Send(repetition->datagram, error)) program::Complain(error);
   return G_SOURCE_CONTINUE;
 }
 
@@ -93,15 +93,15 @@ int SendAnnouncement(std::uint16_t type, int argc, char* argv[]) {
   if (!ReadSendOptions(type, argc, argv, options)) return EXIT_FAILURE;
   const auto datagram = EncodeAnnouncement(options.announcement);
   if (!datagram) {
-    Complain("the texts do not fit into " + std::to_string(kMaxAnnouncementBytes) + " bytes");
+    program::Complain("the texts do not fit into " + std::to_string(kMaxAnnouncementBytes) + " bytes");
     return EXIT_FAILURE;
   }
-  MainLoop loop;
+  program::MainLoop loop;
   AnnouncementSender sender;
   std::string error;
   if (!sender.Open(options.destination, options.interface.get(), error) ||
       !sender.Send(*datagram, error)) {
-    Complain(error);
+    program::Complain(error);
     return EXIT_FAILURE;
   }
   if (!options.repeat) return EXIT_SUCCESS;

@@ -1,6 +1,6 @@
 #include "tools/ShareFormat.h"
 
-#include "tools/Printable.h"
+#include "program/Printable.h"
 #include "tools/TimeText.h"
 
 namespace tools {
@@ -29,18 +29,18 @@ const char* Word(ShareChange change) {
 }
 
 std::string Head(const char* event, WallTime time) {
-  return ClockText(time) + "  " + Padded(event, kEventWidth);
+  return ClockText(time) + "  " + program::Padded(event, kEventWidth);
 }
 
 std::string JsonHead(const char* event, const std::string& sender, WallTime time) {
-  return R"({"time":)" + JsonString(IsoText(time)) + R"(,"event":)" + JsonString(event) +
-         R"(,"sender":)" + JsonString(sender);
+  return R"({"time":)" + program::JsonString(IsoText(time)) + R"(,"event":)" + program::JsonString(event) +
+         R"(,"sender":)" + program::JsonString(sender);
 }
 
 std::string JsonFields(const Announcement& announcement) {
-  return R"(,"path":)" + JsonString(announcement.path) + R"(,"key":)" +
-         JsonString(announcement.key) + R"(,"friendlyname":)" +
-         JsonString(announcement.friendlyName) + R"(,"mediatype":)" +
+  return R"(,"path":)" + program::JsonString(announcement.path) + R"(,"key":)" +
+         program::JsonString(announcement.key) + R"(,"friendlyname":)" +
+         program::JsonString(announcement.friendlyName) + R"(,"mediatype":)" +
          std::to_string(announcement.mediaType) + R"(,"readonly":)" +
          (announcement.readOnly ? "true" : "false") + "}\n";
 }
@@ -49,10 +49,10 @@ std::string JsonFields(const Announcement& announcement) {
 
 std::string TableText(const Share& share) {
   const Announcement& announcement = share.announcement;
-  return Padded(Printable(share.sender + ":" + announcement.path), kSourceWidth) + ' ' +
-         Padded(Quoted(announcement.friendlyName), kNameWidth) + ' ' +
+  return program::Padded(program::Printable(share.sender + ":" + announcement.path), kSourceWidth) + ' ' +
+         program::Padded(program::Quoted(announcement.friendlyName), kNameWidth) + ' ' +
          (announcement.readOnly ? "read-only" : "writable ") +
-         "  media=" + std::to_string(announcement.mediaType) + " key=" + Quoted(announcement.key) +
+         "  media=" + std::to_string(announcement.mediaType) + " key=" + program::Quoted(announcement.key) +
          "\n";
 }
 
@@ -71,16 +71,16 @@ std::string JsonText(const Share& share, WallTime time) {
 
 std::string MalformedTableText(const std::string& sender, std::string_view datagram,
                                const std::string& fault, WallTime time) {
-  return Head("malformed", time) + "from " + Printable(sender) + ": " + Printable(fault) +
+  return Head("malformed", time) + "from " + program::Printable(sender) + ": " + program::Printable(fault) +
          (IsTakenByUnits(datagram) ? "; units take it nevertheless\n" : "\n") +
-         HexDump(datagram, kDumpRows);
+         program::HexDump(datagram, kDumpRows);
 }
 
 std::string MalformedJsonText(const std::string& sender, std::string_view datagram,
                               const std::string& fault, WallTime time) {
-  return JsonHead("malformed", sender, time) + R"(,"reason":)" + JsonString(fault) +
+  return JsonHead("malformed", sender, time) + R"(,"reason":)" + program::JsonString(fault) +
          R"(,"taken_by_units":)" + (IsTakenByUnits(datagram) ? "true" : "false") + R"(,"bytes":")" +
-         HexDigits(datagram) + "\"}\n";
+         program::HexDigits(datagram) + "\"}\n";
 }
 
 }  // namespace tools

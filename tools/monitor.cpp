@@ -7,11 +7,11 @@
 #include <string>
 #include <utility>
 
-#include "tools/MainLoop.h"
+#include "program/MainLoop.h"
 #include "tools/MessageFormat.h"
 #include "tools/MessageServer.h"
-#include "tools/Output.h"
-#include "tools/ProgramOptions.h"
+#include "program/Output.h"
+#include "program/ProgramOptions.h"
 
 namespace {
 
@@ -36,25 +36,25 @@ bool ReadMonitorOptions(int argc, char* argv[], Options& options) {
       {"count", 0, 0, G_OPTION_ARG_INT, &options.count,
        "End after N messages, faulty ones included", "N"},
       GOptionEntry{}};
-  if (!tools::ReadOptions(argc, argv, kSummary, entries)) return false;
+  if (!program::ReadOptions(argc, argv, kSummary, entries)) return false;
   const char* complaint = nullptr;
   if (options.port < 0 || options.port > UINT16_MAX) complaint = "the port must be 0 to 65535";
   if (options.count < 0) complaint = "the count cannot be negative";
   if (options.json && options.raw) complaint = "--json and --raw exclude each other";
-  if (complaint != nullptr) tools::Complain(complaint);
+  if (complaint != nullptr) program::Complain(complaint);
   return complaint == nullptr;
 }
 
 /// Shows frames on standard output and ends the main loop when it is done.
 class Monitor {
  public:
-  Monitor(const Options& options, tools::MainLoop& loop) : options_(options), loop_(loop) {}
+  Monitor(const Options& options, program::MainLoop& loop) : options_(options), loop_(loop) {}
 
   void Show(tools::Frame frame) {
     if (done_) return;
     const bool isMessage = !frame.bytes.empty();
     const auto received = tools::Examine(std::move(frame), std::chrono::system_clock::now());
-    failed_ = !tools::Print(Format(received));
+    failed_ = !program::Print(Format(received));
     if (isMessage) ++shown_;
     done_ = failed_ || (options_.count > 0 && shown_ >= options_.count);
     if (done_) loop_.Quit();
@@ -69,7 +69,7 @@ class Monitor {
   }
 
   const Options options_;
-  tools::MainLoop& loop_;
+  program::MainLoop& loop_;
   int shown_ = 0;
   bool done_ = false;
   bool failed_ = false;
@@ -82,14 +82,14 @@ int main(int argc, char* argv[]) {
   Options options;
   if (!ReadMonitorOptions(argc, argv, options)) return EXIT_FAILURE;
 
-  tools::MainLoop loop;
+  program::MainLoop loop;
   Monitor monitor(options, loop);
   tools::MessageServer server([&](tools::Frame frame) { monitor.Show(std::move(frame)); });
   if (std::string error; !server.Listen(static_cast<std::uint16_t>(options.port), error)) {
-    tools::Complain(error);
+    program::Complain(error);
     return EXIT_FAILURE;
   }
-  tools::Complain("listening on 127.0.0.1:" + std::to_string(server.Port()));
+  program::Complain("listening on 127.0.0.1:" + std::to_string(server.Port()));
   loop.Run();
   return monitor.Failed() ? EXIT_FAILURE : EXIT_SUCCESS;
 }

@@ -7,7 +7,7 @@
 
 #include "tools/Announcement.h"
 #include "tools/ListShares.h"
-#include "tools/Output.h"
+#include "program/Output.h"
 #include "tools/SendAnnouncement.h"
 
 int main(int argc, char* argv[]) {
@@ -21,6 +21,6 @@ int main(int argc, char* argv[]) {
   if (command == "withdraw") {
     return tools::SendAnnouncement(tools::kTypeWithdraw, argc - 1, argv + 1);
   }
-  tools::Complain("unknown command: " + std::string(command));
+  program::Complain("unknown command: " + std::string(command));
   return EXIT_FAILURE;
 }

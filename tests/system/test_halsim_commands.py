@@ -177,16 +177,16 @@ def test_the_bus_can_go_and_come_back(box: Sandbox) -> None:
         assert hal.stop() == 0
 
 
-@pytest.mark.parametrize("arguments, status, text", [
-    (["--nonsense"], 2, "Usage: "),
-    (["--root="], 2, "Usage: "),
-    (["--address=unix:path=/nowhere"], 1, "voldrake-halsim: "),
-    (["--file=/nowhere"], 1, "voldrake-halsim: cannot read /nowhere"),
+@pytest.mark.parametrize("arguments, text", [
+    (["--nonsense"], "voldrake-halsim: Unknown option --nonsense"),
+    (["nonsense"], "voldrake-halsim: unexpected word: nonsense"),
+    (["--root="], "voldrake-halsim: the value of --root is missing"),
+    (["--address=unix:path=/nowhere"], "voldrake-halsim: "),
+    (["--file=/nowhere"], "voldrake-halsim: cannot read /nowhere"),
 ])
-def test_a_start_that_fails_says_why(box: Sandbox, arguments: list[str], status: int,
-                                     text: str) -> None:
+def test_a_start_that_fails_says_why(box: Sandbox, arguments: list[str], text: str) -> None:
     result = box.run([target.program("voldrake-halsim"), *arguments])
-    assert result.returncode == status
+    assert result.returncode == 1
     assert result.stderr.startswith(text)
 
 

@@ -5,7 +5,7 @@
 #include <string>
 
 #include "tools/MessageFormat.h"
-#include "tools/Printable.h"
+#include "program/Printable.h"
 
 namespace {
 
@@ -38,29 +38,29 @@ TEST(ToolsPrintable, WhatATerminalWouldActOnIsShownAsDigits) {
       {"\xC2\x9B", "\\xc2\\x9b"},           // a control character of its own: CSI
       {"\xE2\x80\xAE", "\\xe2\\x80\\xae"},  // turns the direction of writing around
   };
-  for (const auto& row : kTable) EXPECT_EQ(tools::Printable(row.bytes), row.text);
+  for (const auto& row : kTable) EXPECT_EQ(program::Printable(row.bytes), row.text);
 }
 
 TEST(ToolsPrintable, QuotesInsideAreMarked) {
-  EXPECT_EQ(tools::Quoted("a\"b"), "\"a\\\"b\"");
+  EXPECT_EQ(program::Quoted("a\"b"), "\"a\\\"b\"");
 }
 
 TEST(ToolsPrintable, PaddingCountsCharacters) {
-  EXPECT_EQ(tools::Padded("K\xC3\xBC", 4), "K\xC3\xBC  ");
-  EXPECT_EQ(tools::Padded("longer", 3), "longer");
+  EXPECT_EQ(program::Padded("K\xC3\xBC", 4), "K\xC3\xBC  ");
+  EXPECT_EQ(program::Padded("longer", 3), "longer");
 }
 
 TEST(ToolsPrintable, JsonStringsAreAscii) {
-  EXPECT_EQ(tools::JsonString("a\"\\\n\xE9/"s), R"("a\"\\\u000a\u00e9/")");
+  EXPECT_EQ(program::JsonString("a\"\\\n\xE9/"s), R"("a\"\\\u000a\u00e9/")");
 }
 
 TEST(ToolsPrintable, DumpsHaveSixteenBytesARow) {
   constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
-  EXPECT_EQ(tools::HexDump("", kAll), "");
-  EXPECT_EQ(tools::HexDump("\x00\x08"s + "0123456789abcde", kAll),
+  EXPECT_EQ(program::HexDump("", kAll), "");
+  EXPECT_EQ(program::HexDump("\x00\x08"s + "0123456789abcde", kAll),
             "00000000  00 08 30 31 32 33 34 35  36 37 38 39 61 62 63 64  |..0123456789abcd|\n"
             "00000010  65                                                |e|\n");
-  EXPECT_EQ(tools::HexDump(std::string(33, 'x'), 2).substr(2 * 79), "... and 1 bytes more\n");
+  EXPECT_EQ(program::HexDump(std::string(33, 'x'), 2).substr(2 * 79), "... and 1 bytes more\n");
 }
 
 TEST(ToolsMessageFormat, AnArrivalIsOneLineWithoutControlCharacters) {
@@ -78,7 +78,7 @@ TEST(ToolsMessageFormat, JsonHoldsEveryAttributeAndTheText) {
             R"("path":"/mnt/a","type":"harddrive","key":"","contentid":"C","serialnumber":"S",)"
             R"("friendlyname":"K\u00c3\u00bc\u009b[2J \"","remote":false,"readonly":true,)"
             R"("fixed":false,"text":)" +
-                tools::JsonString(*arrival.text) + "}\n");
+                program::JsonString(*arrival.text) + "}\n");
 }
 
 TEST(ToolsMessageFormat, AFaultyFrameShowsItsReasonAndBytes) {

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hal/face/CallResult.h"
+#include "hal/face/DeviceTree.h"
+#include "hal/face/IVolumeActions.h"
+
+// The methods of the service: one table, from which calls are dispatched. Their arguments and
+// values are described in HalInterfaces.
+
+namespace hal {
+
+struct CallContext {
+  DeviceTree& tree;
+  IVolumeActions& actions;
+  const Device* device;  // null on the manager
+  GVariant* arguments;   // of the method's signature; null: none
+  /// Answers a call whose method returned nullopt; may be kept and called later, once.
+  std::function<void(const CallResult&)> answer;
+};
+
+struct Method {
+  const char* interface;
+  const char* member;
+  /// nullopt: the answer comes through CallContext::answer, now or later.
+  std::optional<CallResult> (*carryOut)(const CallContext& context);
+};
+
+/// The method of this interface; of any interface in the list if `interface` is empty. Null when
+/// there is none.
+const Method* FindMethod(const std::vector<std::string>& interfaces, const std::string& interface,
+                         const std::string& member);
+
+/// The interfaces of the object at this path: none for an object that is not there.
+std::vector<std::string> InterfacesOf(const DeviceTree& tree, const std::string& path);
+
+}  // namespace hal

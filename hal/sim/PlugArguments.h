@@ -1,0 +1,44 @@
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "hal/face/DeviceTree.h"
+
+namespace halsim {
+
+/// The words KEY=VALUE, KEY and ROLE/KEY=TYPE:VALUE of a plug command. Everything throws
+/// CommandError on a bad value.
+class PlugArguments {
+ public:
+  explicit PlugArguments(const std::vector<std::string>& words);
+
+  std::optional<std::string> Text(const std::string& key);
+  /// Within both limits.
+  std::optional<int> Number(const std::string& key, int least, int most);
+  std::optional<std::uint64_t> Size(const std::string& key);
+  /// A word without "=".
+  bool Flag(const std::string& key);
+
+  /// Role and edit, in their order.
+  const std::vector<std::pair<std::string, hal::PropertyEdits::value_type>>& Overrides() const {
+    return overrides_;
+  }
+
+  /// Throws when a key was given that nobody asked for.
+  void CheckAllUsed() const;
+
+ private:
+  std::map<std::string, std::string> texts_;
+  std::map<std::string, bool> flags_;
+  std::map<std::string, bool> used_;
+  std::vector<std::pair<std::string, hal::PropertyEdits::value_type>> overrides_;
+};
+
+/// Reads KEY=TYPE:VALUE or KEY=unset.
+hal::PropertyEdits::value_type ParseEdit(const std::string& word);
+
+}  // namespace halsim

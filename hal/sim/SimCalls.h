@@ -1,0 +1,53 @@
+#pragma once
+
+#include <list>
+#include <string>
+
+#include "hal/face/HalService.h"
+#include "hal/face/ICallObserver.h"
+#include "hal/sim/CallFaults.h"
+#include "hal/sim/LineOutput.h"
+
+namespace halsim {
+
+/// Prints what goes over the bus, and does to calls what the waiting faults say.
+class SimCalls : public hal::ICallObserver {
+ public:
+  explicit SimCalls(LineOutput& output) : output_(output) {}
+  ~SimCalls() override;
+  SimCalls(const SimCalls&) = delete;
+  SimCalls& operator=(const SimCalls&) = delete;
+
+  /// Who serves and answers the calls that are taken over. Not owned; before the first call.
+  void SetService(hal::HalService* service) { service_ = service; }
+
+  CallFaults& Faults() { return faults_; }
+  /// Serves what is delayed.
+  void ServeDelayed();
+  /// What is delayed is never answered.
+  void DropDelayed();
+
+  // ICallObserver
+  bool TakesOver(GDBusMessage* call) override;
+  void Answered(GDBusMessage* call, const hal::CallResult& result) override;
+  void Sent(const hal::Signal& signal) override;
+
+ private:
+  struct DelayedCall {
+    SimCalls* calls;
+    glib::ObjectPointer<GDBusMessage> call;
+    guint timer;
+  };
+
+  void Apply(const Fault& fault, GDBusMessage* call);
+  void Postpone(GDBusMessage* call, unsigned ms);
+  static gboolean OnDelayOver(gpointer data);
+  void SayUnanswered(GDBusMessage* call);
+
+  LineOutput& output_;
+  hal::HalService* service_ = nullptr;
+  CallFaults faults_;
+  std::list<DelayedCall> delayed_;
+};
+
+}  // namespace halsim
