@@ -100,11 +100,17 @@ class Pair(Lifespan):
         other = self.other(unit)
         if not self.connected or not other.emulator.running():
             return []
-        return [volume for volume in other.volumes if volume.exportable]
+        return other.exportable_volumes()
 
     def _wanted(self, unit: Unit) -> surface.Surface:
-        other = self.other(unit)
-        return surface.expected(unit.volumes, unit.address, self.shares(unit), other.address)
+        """An interface without a cable has no address, and a unit without one exports nothing."""
+        exported = unit.exportable_volumes() if self.connected else []
+        wanted = surface.expected(unit.volumes, exported, self.shares(unit),
+                                  self.other(unit).address)
+        for name, target in unit.old_links.items():
+            wanted.links.setdefault(f"/media/{name}", target)
+        wanted.names.update(unit.old_links, unit.old_names)
+        return wanted
 
     def _arrivals(self, unit: Unit) -> dict[str, str]:
         """Path -> message for everything that the application is to know."""

@@ -42,28 +42,21 @@ def read(text: str) -> Surface:
     return Surface(dict(_mounts(mounts)), _links(links), _names(names), _exports(exports))
 
 
-def expected(own: list[Volume], address: str, others: list[Volume], other_address: str,
-             refused: frozenset[str] = frozenset()) -> Surface:
-    """The surface of a unit with these volumes whose peer has those others.
-
-    `refused`: directories that stay after shares which could not be mounted. An address of ""
-    stands for a unit that is not heard.
-    """
+def expected(own: list[Volume], exported: list[Volume], shares: list[Volume], peer: str) -> Surface:
+    """The surface of a unit with its own volumes, of which some are exported, to everybody and to
+    the peer at that address, and with these shares of the peer."""
     surface = Surface()
     for volume in own:
         surface.mounts[volume.mount_point] = f"{volume.file_system} rw"
         surface.links[f"/media/{volume.link}"] = volume.name
         surface.names.update({volume.name, volume.link})
-        if volume.exportable and address:
-            surface.exports[f"{volume.mount_point} for {_EVERYBODY}"] = "ro"
-            if other_address:
-                surface.exports[f"{volume.mount_point} for {other_address}"] = "rw"
-    for volume in others:
-        if volume.exportable and address and other_address:
-            point = volume.share_point(other_address)
-            surface.mounts[point] = "nfs rw"
-            surface.names.add(point.rpartition("/")[2])
-    surface.names.update(refused)
+    for volume in exported:
+        surface.exports[f"{volume.mount_point} for {_EVERYBODY}"] = "ro"
+        surface.exports[f"{volume.mount_point} for {peer}"] = "rw"
+    for share in shares:
+        point = share.share_point(peer)
+        surface.mounts[point] = "nfs rw"
+        surface.names.add(point.rpartition("/")[2])
     return surface
 
 

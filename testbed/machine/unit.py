@@ -39,7 +39,9 @@ class Unit(Lifespan):
     """One unit. `start` switches it on and returns when it takes commands; `close` cuts the power.
 
     `tape` has all that comes from it, on the channels journal, log (the daemon's log file) and
-    application (texts of the messages). `volumes` is for the story to keep: what is plugged in.
+    application (texts of the messages). For the story to keep: `volumes`, what is plugged in;
+    `old_links`, links of former runs of the daemon, name -> where to, which it leaves alone until it
+    starts again; `old_names`, directories of shares that could not be mounted.
     """
 
     def __init__(self, number: int, image: Image, directory: Path, sockets: Path) -> None:
@@ -54,6 +56,8 @@ class Unit(Lifespan):
         self.log = Channel(self.tape, "log")
         self.application = Channel(self.tape, "application")
         self.volumes: list[Volume] = []
+        self.old_links: dict[str, str] = {}
+        self.old_names: set[str] = set()
         self.commands: CommandPort
         self._ports: list[LinePort] = []
         self._heard = 0  # so many messages have been expected
@@ -99,6 +103,10 @@ class Unit(Lifespan):
                          timeout=deadlines.STARTED).strip()
         failed = self.run("systemctl list-units --failed --no-legend --plain")
         assert state == "running", f"{self.name}: {state}: {failed}"
+
+    def exportable_volumes(self) -> list[Volume]:
+        """Those that other units can have."""
+        return [volume for volume in self.volumes if volume.exportable]
 
     def surface(self) -> Surface:
         """Its present surface."""
