@@ -1,4 +1,4 @@
-"""The one table of deadlines, in seconds, scaled for software emulation on a busy host.
+"""The one table of deadlines, in seconds, scaled for software emulation.
 
 Every value is an upper limit after which something is taken to hang; nothing sleeps that long.
 VOLDRAKE_TIME_SCALE stretches the table further.
@@ -6,7 +6,7 @@ VOLDRAKE_TIME_SCALE stretches the table further.
 
 import os
 
-_SCALE = 4 * float(os.environ.get("VOLDRAKE_TIME_SCALE", "1"))
+_SCALE = 10 * float(os.environ.get("VOLDRAKE_TIME_SCALE", "1"))
 
 #: The emulator has opened its control socket.
 EMULATOR = 5 * _SCALE
@@ -26,4 +26,4 @@ RESTART = 30 * _SCALE
 SHUTDOWN = 45 * _SCALE
 
 #: How often something is looked at that cannot announce itself.
-POLL = 0.2
+POLL = 0.5

@@ -1,7 +1,6 @@
 """One emulated 32-bit ARM machine: the emulator's process and what is plugged into it."""
 
 import subprocess
-import tempfile
 import time
 from dataclasses import dataclass
 from pathlib import Path

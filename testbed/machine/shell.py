@@ -83,7 +83,8 @@ class _Shell(cmd.Cmd):
     def onecmd(self, line: str) -> bool:
         try:
             return bool(super().onecmd(line))
-        except (AssertionError, KeyError, OSError, RuntimeError, StopIteration, ValueError) as error:
+        except (AssertionError, LookupError, OSError, RuntimeError, StopIteration,
+                ValueError) as error:
             print(f"{type(error).__name__}: {error}; \"help\" shows how commands are written")
             return False
 

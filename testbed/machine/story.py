@@ -10,6 +10,7 @@ from testbed.machine.media import FileSystem
 from testbed.machine.pair import Pair
 from testbed.machine.unit import Unit
 from testbed.machine.volumes import Volume, card
+from testbed.tape import Mark
 
 #: Error lines of a healthy unit, and why they come.
 _ALWAYS_EXPECTED = (
@@ -186,10 +187,11 @@ class Story:
         self.north.old_links = {volume.link: volume.name for volume in self.north.volumes}
         self.pair.settle()
         self.pair.pull_cable()
+        boot = self.north.tape.mark()
         self.north.start()
         self.pair.settle()
-        state = self.north.run("systemctl is-active network-online.target", check=False).strip()
-        assert state == "inactive", f"the network was waited for: network-online.target is {state}"
+        self._expect_before(self.north, boot, r"^symlink( failed)?: /media/Memory Card ",
+                            r"Reached target network-online\.target")
         self.pair.plug_cable()
         self.north.wait_until_started()
         self.pair.settle()
@@ -199,9 +201,9 @@ class Story:
         self._signal(self.north, "USR1")
         self.pair.settle(north=self._everything(self.north))
         self._signal(self.north, "USR2")
-        again = [text for volume in self.north.volumes[::2]
-                 for text in (volume.removal(), volume.arrival())]
-        shared_again = [text for volume in self.north.volumes[::2]
+        taken_out = self.north.in_order()[::2]
+        again = [text for volume in taken_out for text in (volume.removal(), volume.arrival())]
+        shared_again = [text for volume in taken_out
                         for text in (volume.share_removal(self.north.address),
                                      volume.share_arrival(self.north.address))]
         self.pair.settle(north=again, south=shared_again)
@@ -260,7 +262,7 @@ class Story:
 
     def reader(self) -> None:
         """Cards in the unit's own reader are told by their identity, and by their slot."""
-        first, second, third = (f"{number:02x}544d53413038471060f9a4f600a200" for number in (2, 3, 4))
+        first, second, third = (f"0{number}544d53413038471060f9a4f600a200" for number in (2, 3, 4))
         self.north.run("mkfifo /run/reader; for card in 0 1 2; do truncate -s 8M /run/card$card;"
                        " mkfs.vfat -n CARD$card /run/card$card; done >/dev/null")
         service = self.north.commands.begin(
@@ -334,6 +336,14 @@ class Story:
 
     def _stick(self) -> Path:
         return media.make(self._media / "stick", FileSystem("vfat", "STICK"))
+
+    def _expect_before(self, unit: Unit, since: Mark, first: str, later: str) -> None:
+        """The journal has the first line, and before it none of the later one."""
+        for event in unit.journal.since(since):
+            assert not re.search(later, event.text), f"{event.text!r} came before {first!r}"
+            if re.search(first, event.text):
+                return
+        raise AssertionError(f"{first!r} is not in the journal of {unit.name}")
 
     def _write(self, unit: Unit, place: str, name: str, text: str) -> None:
         unit.run(f"echo '{text}' >'{place}/{name}'")

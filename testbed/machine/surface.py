@@ -38,7 +38,7 @@ class Surface:
 
 def read(text: str) -> Surface:
     """The surface as the guest's `surface` shows it."""
-    mounts, links, names, exports = re.split(r"^=\n", text, flags=re.MULTILINE)
+    mounts, links, names, exports = re.split(r"^==\n", text, flags=re.MULTILINE)
     return Surface(dict(_mounts(mounts)), _links(links), _names(names), _exports(exports))
 
 
