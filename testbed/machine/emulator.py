@@ -153,9 +153,11 @@ class Emulator(Lifespan):
     def _command(self) -> list[str]:
         sockets = self.sockets
         words = [
-            "nice", "-n", "10", "qemu-system-arm", "-name", self.name, "-M", "virt",
-            "-cpu", "cortex-a15", "-smp", "1", "-accel", "tcg", "-m", "384", "-no-reboot", "-S",
-            "-nodefaults", "-display", "none", "-serial", "stdio",
+            # A machine does not outlive this program, and leaves the host to others.
+            "setpriv", "--pdeathsig", "KILL", "nice", "-n", "10",
+            "qemu-system-arm", "-name", self.name, "-M", "virt", "-cpu", "cortex-a15",
+            "-smp", "1", "-accel", "tcg", "-m", "384", "-no-reboot", "-S", "-nodefaults",
+            "-display", "none", "-serial", "stdio",
             "-kernel", str(self._image.kernel), "-initrd", str(self._image.first_root),
             "-append", "console=ttyAMA0 quiet net.ifnames=0 mmcblk.perdev_minors=8"
                        f" next=/sbin/init systemd.hostname={self.name}",
