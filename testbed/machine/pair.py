@@ -104,7 +104,7 @@ class Pair(Lifespan):
 
     def _wanted(self, unit: Unit) -> surface.Surface:
         """An interface without a cable has no address, and a unit without one exports nothing."""
-        exported = unit.exportable_volumes() if self.connected else []
+        exported = unit.volumes if self.connected else []
         wanted = surface.expected(unit.volumes, exported, self.shares(unit),
                                   self.other(unit).address)
         for name, target in unit.old_links.items():

@@ -7,7 +7,7 @@ EMULATED_CID = "aa585951454d552101deadbeef006200"
 CONTENT_ID = "CHARTS-2026"
 SERIAL_NUMBER = "100234"
 
-#: What the kernel's NFS server can export.
+#: What other units can have. exportfs takes the others too, but the NFS server then refuses them.
 _EXPORTABLE = ("vfat", "ext4")
 
 
