@@ -11,7 +11,7 @@ from typing import Sequence
 from testbed import filewatch, target, timeouts
 from testbed.process import Process
 from testbed.sandbox import Sandbox
-from testbed.tape import Channel, Mark, Tape, Wanted
+from testbed.tape import Channel, Event, Fence, Mark, Match, Tape, Wanted, no_fence
 
 ERROR, WARNING, INFO, DEBUG = 1, 2, 3, 4
 
@@ -29,6 +29,16 @@ class LogLine:
     text: str
 
 
+def log_line(level: int, text: str | re.Pattern[str]) -> Wanted:
+    """An entry of the log of this level whose text is `text`, or matches it in full."""
+    def fits(event: Event) -> bool:
+        entry = event.data
+        if not isinstance(entry, LogLine) or entry.level != level:
+            return False
+        return entry.text == text if isinstance(text, str) else bool(text.fullmatch(entry.text))
+    return Wanted(f"level {level}: {text if isinstance(text, str) else text.pattern}", fits)
+
+
 class Daemon:
     """A `voldrake` inside the sandbox and its log file.
 
@@ -36,11 +46,13 @@ class Daemon:
     what is not one), channel "daemon" its start and its end.
     """
 
-    def __init__(self, sandbox: Sandbox, tape: Tape) -> None:
+    def __init__(self, sandbox: Sandbox, tape: Tape, fence: Fence = no_fence) -> None:
         self.log = Channel(tape, "log")
         self.events = Channel(tape, "daemon")
         self.process: Process | None = None
+        self.started = Mark(0)  # the tape's end before the last start
         self._sandbox = sandbox
+        self._fence = fence
         self._tail = _LogTail(sandbox, self.log)
 
     def start(self, *arguments: str, environment: dict[str, str] | None = None,
@@ -57,6 +69,7 @@ class Daemon:
         if debug_level is not None:
             options += ["--debuglevel", str(debug_level)]
         options += arguments
+        self.started = self.events.tape.mark()
         self.events.record(" ".join(["started: voldrake", *options]))
         self._tail.start(log_file or LOG_FILE)
         self.process = self._sandbox.spawn([*launcher, *target.daemon_command(), *options],
@@ -65,22 +78,25 @@ class Daemon:
     def expect_log(self, level: int, text: str | re.Pattern[str],
                    timeout: float = timeouts.EVENT) -> LogLine:
         """Wait for a log line of this level whose text is `text`, or matches it in full."""
-        def fits(line: LogLine | None) -> bool:
-            if line is None or line.level != level:
-                return False
-            return line.text == text if isinstance(text, str) else bool(text.fullmatch(line.text))
-        shown = text if isinstance(text, str) else text.pattern
-        return self.log.expect(
-            Wanted(f"level {level}: {shown}", lambda event: fits(event.data)), timeout).data
+        return self.log.expect(log_line(level, text), timeout).data
 
-    def log_lines(self, since: Mark = Mark(0)) -> list[LogLine]:
-        """The log's lines after the mark, in order."""
+    def log_lines(self, since: Mark = Mark(0), until: Match | None = None) -> list[LogLine]:
+        """The log's lines after the mark, in order; see `Unit` for `until`."""
+        return [event.data for event in self._seen(since, until) if event.data]
+
+    def strange_lines(self, since: Mark = Mark(0), until: Match | None = None) -> list[str]:
+        """As `log_lines`, but the lines that have not the form of an entry."""
+        return [event.text for event in self._seen(since, until) if not event.data]
+
+    def logged(self, level: int, text: str, since: Mark = Mark(0),
+               until: Match | None = None) -> int:
+        """How often this line has been logged after the mark; see `Unit` for `until`."""
+        return sum((entry.level, entry.text) == (level, text)
+                   for entry in self.log_lines(since, until))
+
+    def flush(self) -> None:
+        """Record every line that is in the log file by now."""
         self._tail.drain()
-        return [event.data for event in self.log.since(since) if event.data]
-
-    def logged(self, level: int, text: str, since: Mark = Mark(0)) -> int:
-        """How often this line has been logged after the mark."""
-        return sum((line.level, line.text) == (level, text) for line in self.log_lines(since))
 
     def wait(self, timeout: float = timeouts.STOP) -> int:
         """Wait for its end; the exit status, negative for a signal. Its log is complete then."""
@@ -122,6 +138,13 @@ class Daemon:
     def close(self) -> None:
         """Stop following the log."""
         self._tail.stop()
+
+    def _seen(self, since: Mark, until: Match | None) -> list[Event]:
+        if until is not None:
+            return self.log.until(until, since)
+        self._fence()
+        self.flush()
+        return self.log.since(since)
 
 
 class _LogTail:

@@ -11,7 +11,7 @@ from typing import Callable
 from testbed.namespaces import checked
 
 #: What can be watched for.
-MODIFIED, CLOSED_AFTER_WRITING = 0x0002, 0x0008
+MODIFIED, CLOSED_AFTER_WRITING, OPENED = 0x0002, 0x0008, 0x0020
 APPEARED, DISAPPEARED = 0x0080 | 0x0100, 0x0040 | 0x0200
 
 _RECORD = struct.Struct("iIII")

@@ -8,13 +8,15 @@ from dataclasses import dataclass
 from testbed import target, timeouts
 from testbed.process import Process
 from testbed.sandbox import Sandbox
-from testbed.tape import Channel, Mark, Match, Tape, Wanted
+from testbed.tape import Channel, Event, Fence, Mark, Match, Tape, Wanted, no_fence
 
 _CALL = re.compile(r"call (?P<sender>\S+) (?P<path>\S+) (?P<interface>[\w.]+)\.(?P<member>\w+)"
                    r"\((?P<arguments>.*)\)$")
 _LISTING = ("device", "property", "usage")
 _PREFIX = "/org/freedesktop/Hal/devices/"
 _ROOT_DEVICE = _PREFIX + "computer"
+#: Part of the object paths of the stick that `Unit` plugs to have a last message sent.
+FENCE = "fence"
 
 
 class CommandFailed(AssertionError):
@@ -32,11 +34,19 @@ class Call:
     arguments: str  # as the bus library writes them, without the parentheses
 
     def is_settling(self) -> bool:
-        """True for a call that `Hal.settle` has caused."""
-        return self.path == _ROOT_DEVICE
+        """True for a call that only a fence has caused."""
+        return self.path == _ROOT_DEVICE or f"_{FENCE}" in self.path
 
     def __str__(self) -> str:
         return f"{self.path.removeprefix(_PREFIX)} {self.member}({self.arguments})"
+
+
+def call(member: str | None = None, path: str | None = None) -> Wanted:
+    """A call of this method (on this object)."""
+    return Wanted(
+        "call" + (f" of {member}" if member else "") + (f" on {path}" if path else ""),
+        lambda event: isinstance(event.data, Call) and member in (None, event.data.member)
+        and path in (None, event.data.path))
 
 
 class Hal:
@@ -46,8 +56,10 @@ class Hal:
     "> COMMAND" for what it was told; the data of a call is a `Call`.
     """
 
-    def __init__(self, sandbox: Sandbox, tape: Tape, source: str = "hal") -> None:
+    def __init__(self, sandbox: Sandbox, tape: Tape, source: str = "hal",
+                 fence: Fence = no_fence) -> None:
         self.events = Channel(tape, source)
+        self._fence = fence
         self.process: Process | None = None
         self.unique_name = ""  # on the bus; empty when it was started without the service's name
         self._sandbox = sandbox
@@ -102,22 +114,26 @@ class Hal:
     def expect_call(self, member: str, path: str | None = None,
                     timeout: float = timeouts.EVENT) -> Call:
         """Wait for a call of this method (on this object); the cursor then stands behind it."""
-        event = self.events.expect(Wanted(
-            f"call of {member}" + (f" on {path}" if path else ""),
-            lambda event: isinstance(event.data, Call) and event.data.member == member
-            and path in (None, event.data.path)), timeout)
-        return event.data
+        return self.events.expect(call(member, path), timeout).data
 
-    def calls(self, since: Mark = Mark(0)) -> list[Call]:
-        """The calls that came after the mark, in order; those that `settle` causes do not count.
+    def caller(self) -> str:
+        """The bus name of the daemon, which makes the first call."""
+        first = Channel(self.events.tape, self.events.source)
+        return first.expect(call(), timeouts.START).data.sender
 
-        All that the service has written by now is read first: what the application or the log
-        shows may be on the tape before the call that led to it.
-        """
+    def calls(self, since: Mark = Mark(0), until: Match | None = None) -> list[Call]:
+        """The calls after the mark, in order, without those of fences; see `Unit` for `until`."""
+        return [event.data for event in self._seen(since, until)
+                if isinstance(event.data, Call) and not event.data.is_settling()]
+
+    def lines(self, since: Mark = Mark(0), until: Match | None = None) -> list[str]:
+        """As `calls`, but all event lines, and the commands after "> "."""
+        return [event.text for event in self._seen(since, until)]
+
+    def flush(self) -> None:
+        """Return when all that the service has written until now is recorded."""
         if self.process and self.process.poll() is None:
             self._exchange(f"show {_ROOT_DEVICE}")
-        return [event.data for event in self.events.since(since)
-                if isinstance(event.data, Call) and not event.data.is_settling()]
 
     def settle(self) -> None:
         """Return when the daemon has dealt with every signal sent so far and what follows from it.
@@ -137,6 +153,18 @@ class Hal:
         """SIGTERM; the exit status. What is mounted stays mounted."""
         assert self.process
         return self.process.terminate()
+
+    def close(self) -> None:
+        """End the service, if it still runs, and require a good end."""
+        if self.process and not self.process.collected:
+            assert self.stop() == 0
+
+    def _seen(self, since: Mark, until: Match | None) -> list[Event]:
+        if until is not None:
+            return self.events.until(until, since)
+        self._fence()
+        self.flush()
+        return self.events.since(since)
 
     def _announce_nothing(self) -> None:
         mark = self.events.tape.mark()
@@ -168,7 +196,7 @@ class Hal:
     def _line(self, line: str) -> None:
         word = line.split(" ", 1)[0]
         if word not in ("ok", *_LISTING):
-            call = _CALL.match(line)
-            self.events.record(line, Call(**call.groupdict()) if call else None)
+            match = _CALL.match(line)
+            self.events.record(line, Call(**match.groupdict()) if match else None)
         if word in ("ok", "error:", *_LISTING):
             self._answers.put(line)

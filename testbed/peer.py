@@ -13,6 +13,7 @@ alone so that it can contradict the daemon:
 All fields are little-endian.
 """
 
+import itertools
 import socket
 import struct
 import threading
@@ -22,6 +23,7 @@ from pathlib import Path
 from typing import Iterable
 
 from testbed import timeouts
+from testbed.application import FENCE_PATH
 from testbed.lifespan import Lifespan
 from testbed.network import Interface, Network
 from testbed.sandbox import Sandbox
@@ -35,7 +37,8 @@ ANNOUNCED, WITHDRAWN = 1, 2
 
 _HEADER = struct.Struct("<IHHHHHHHH")
 _MAGIC = 0x12345678
-_IP_PKTINFO, _IP_RECVTTL = 8, 12  # missing from the module `socket`
+_LOOPBACK = "127.0.0.1"
+_IP_PKTINFO, _IP_RECVTTL, _SO_TIMESTAMPNS = 8, 12, 35  # missing from the module `socket`
 
 
 class BadDatagram(AssertionError):
@@ -95,6 +98,7 @@ class Datagram:
     destination: str
     port: int
     time_to_live: int
+    received: float  # the kernel's time, in seconds since 1970
 
     def announcement(self) -> Announcement:
         """What is in it. Raises BadDatagram."""
@@ -117,6 +121,7 @@ class Peer(Lifespan):
         self.sandbox = Sandbox(log_directory)
         self.eth0: Interface | None = None
         self._network = network
+        self._marks = itertools.count(1)
         self._sender: socket.socket | None = None
         self._raw_sender: socket.socket | None = None
         self._listeners: list[socket.socket] = []
@@ -186,9 +191,30 @@ class Peer(Lifespan):
             f"{word} {path}",
             lambda event: event.text.endswith(f" {word} {path}")), timeout).data.announcement()
 
-    def heard(self, since: Mark = Mark(0), port: int = PORT) -> list[Datagram]:
-        """The datagrams that came to this port after the mark, in order."""
-        return [event.data for event in self.events.since(since) if event.data.port == port]
+    def heard(self, since: Mark = Mark(0), port: int = PORT,
+              until: Match | None = None) -> list[Datagram]:
+        """The datagrams that came to this port after the mark and before `until`, in order.
+
+        Without `until` all that came to this unit by now are there: one of its own is waited for.
+        What the daemon has not sent yet is not: expect what it does next.
+        """
+        if until is None:
+            until = self._flush(port)
+        heard = [event.data for event in self.events.until(until, since) if event.data]
+        return [one for one in heard if one.port == port and FENCE_PATH.encode() not in one.raw]
+
+    def mark(self) -> Mark:
+        """A place on the tape behind all that came to this unit until now, for `since`."""
+        self._flush(PORT)
+        return self.events.tape.mark()
+
+    def _flush(self, port: int) -> str:
+        """Return when all that came to this port until now is recorded; the text of the event
+        behind it."""
+        text = f"fence{next(self._marks)}"
+        self.send(text.encode(), _LOOPBACK, port)
+        self.events.until(text)
+        return text
 
     def _make_sender(self) -> socket.socket:
         sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -205,13 +231,19 @@ class Peer(Lifespan):
                 return
             if not sender or sender[0] == "0.0.0.0":
                 return  # shut down
-            destination, time_to_live = "", 0
-            for _, kind, value in control:
-                if kind == _IP_PKTINFO:
+            destination, time_to_live, received = "", 0, 0.0
+            for level, kind, value in control:
+                if (level, kind) == (socket.IPPROTO_IP, _IP_PKTINFO):
                     destination = socket.inet_ntoa(value[8:12])
-                elif kind == socket.IP_TTL:
+                elif (level, kind) == (socket.IPPROTO_IP, socket.IP_TTL):
                     time_to_live = struct.unpack("i", value)[0]
-            heard = Datagram(raw, *sender, destination, port, time_to_live)
+                elif (level, kind) == (socket.SOL_SOCKET, _SO_TIMESTAMPNS):
+                    seconds, nanoseconds = struct.unpack("@ll", value)
+                    received = seconds + nanoseconds / 1e9
+            if sender[0] == _LOOPBACK and raw.startswith(b"fence"):
+                self.events.record(raw.decode())
+                continue
+            heard = Datagram(raw, *sender, destination, port, time_to_live, received)
             self.events.record(f"{sender[0]} {_described(heard)}", heard)
 
 
@@ -256,6 +288,7 @@ def _listen(port: int) -> socket.socket:
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     listener.setsockopt(socket.IPPROTO_IP, _IP_PKTINFO, 1)
     listener.setsockopt(socket.IPPROTO_IP, _IP_RECVTTL, 1)
+    listener.setsockopt(socket.SOL_SOCKET, _SO_TIMESTAMPNS, 1)
     listener.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
     listener.bind(("", port))
     if port == PORT:

@@ -1,6 +1,7 @@
 """Programs that run inside a sandbox."""
 
 import os
+import re
 import signal
 import subprocess
 import threading
@@ -9,6 +10,7 @@ from pathlib import Path
 from typing import IO, Callable
 
 from testbed import timeouts
+from testbed.waiting import wait_until
 
 
 class Process:
@@ -23,6 +25,7 @@ class Process:
         self.name = name
         self.out = out
         self.err = err
+        self.collected = False  # once `wait` has told the end
         self._entry = entry  # nsenter: it waits for the program and passes its status on
         self._writing = threading.Lock()
         self._reader: threading.Thread | None = None
@@ -50,6 +53,7 @@ class Process:
             self._reader.join(timeouts.STOP)
         if self._entry.stdin:
             self._entry.stdin.close()
+        self.collected = True
         return status
 
     def signal(self, number: int) -> None:
@@ -91,6 +95,19 @@ class Process:
         assert self._entry.stdin
         self._entry.stdin.close()
 
+    def expect_stdout(self, text: str | re.Pattern[str],
+                      timeout: float = timeouts.START) -> re.Match[str]:
+        """Wait until this text, or a match of the pattern, is on its standard output.
+
+        Raises AssertionError when that does not come about, at once when the program has ended.
+        """
+        return self._expect(self.out, text, timeout)
+
+    def expect_stderr(self, text: str | re.Pattern[str],
+                      timeout: float = timeouts.START) -> re.Match[str]:
+        """As `expect_stdout`, for its standard error."""
+        return self._expect(self.err, text, timeout)
+
     def stdout(self) -> str:
         """What it has written to standard output so far."""
         return self.out.read_text("utf-8", "surrogateescape")
@@ -98,6 +115,21 @@ class Process:
     def stderr(self) -> str:
         """What it has written to standard error so far."""
         return self.err.read_text("utf-8", "surrogateescape")
+
+    def _expect(self, file: Path, text: str | re.Pattern[str], timeout: float) -> re.Match[str]:
+        pattern = re.compile(re.escape(text)) if isinstance(text, str) else text
+
+        def look() -> re.Match[str] | None:
+            ended = self.poll() is not None
+            found = pattern.search(file.read_text("utf-8", "surrogateescape"))
+            if ended and not found:
+                self.wait()
+                written = file.read_text("utf-8", "surrogateescape")
+                found = pattern.search(written)
+                assert found, f"{self.name} ended without {pattern.pattern!r}: {written}"
+            return found
+
+        return wait_until(look, f"{pattern.pattern!r} from {self.name}", timeout)
 
     def _read(self, stream: IO[bytes], on_line: Callable[[str], None]) -> None:
         rest = b""

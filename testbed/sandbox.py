@@ -14,7 +14,7 @@ import time
 from pathlib import Path
 from typing import Callable, Mapping, Sequence, TypeVar
 
-from testbed import namespaces, timeouts
+from testbed import disturbance, namespaces, timeouts
 from testbed.lifespan import Lifespan
 from testbed.process import Process
 
@@ -55,7 +55,7 @@ class Sandbox(Lifespan):
         """`read_only` maps more paths inside to paths outside; `system_root` holds /usr."""
         self.logs = log_directory
         self.pid = 0  # the sandbox's first process, as seen out here
-        self._read_only = dict(read_only or {})
+        self._read_only = dict(read_only or {}) | disturbance.mounts()
         self._system_root = system_root
         self._holder: subprocess.Popen[bytes] | None = None
         self._counter = itertools.count(1)
@@ -136,14 +136,19 @@ class Sandbox(Lifespan):
         empty, or a pipe with `stdin`. `environment` is added to the sandbox's own. `on_line` gets
         each line of its output as it comes, on another thread.
         """
+        def prepare() -> None:
+            _no_core_files()
+            disturbance.set_priority(name)
+
         stem = f"{next(self._counter):02}-{name or Path(argv[0]).name}"
         out, err = self.logs / f"{stem}.out", self.logs / f"{stem}.err"
         with open(out, "wb") as out_file, open(err, "wb") as err_file:
             entry = subprocess.Popen(
-                self._enter(argv), bufsize=0, env=self._environment(environment),
+                self._enter(argv), bufsize=0,
+                env=self._environment(disturbance.environment(name, environment)),
                 stdin=subprocess.PIPE if stdin else subprocess.DEVNULL,
                 stdout=subprocess.PIPE if on_line else out_file, stderr=err_file,
-                start_new_session=True, preexec_fn=_no_core_files)
+                start_new_session=True, preexec_fn=prepare)
         process = Process(entry, stem, out, err, on_line)
         self._processes.append(process)
         return process

@@ -1,18 +1,111 @@
-"""The system calls of a running program: counting them and making them fail."""
+"""The system calls of a running program: counting them, timing them and making them fail."""
 
 import re
 import subprocess
-import time
+from dataclasses import dataclass
 from pathlib import Path
 
 from testbed import timeouts
 from testbed.lifespan import Lifespan
 from testbed.process import Process
+from testbed.waiting import wait_until
 
-_CALL = re.compile(r"^(?:\d+ +)?(?:<\.\.\. )?(\w+)(?:\(| resumed)")
+#: Thread, seconds since the line before, and the call.
+_LINE = re.compile(r"(?:(\d+) +)? *(\d+\.\d+) (.*)")
+_BEGUN = " <unfinished ...>"
+_ENDED = re.compile(r"<\.\.\. \w+ resumed>(.*)")
+#: How a call ends that has waited for its whole time.
+_TIMED_OUT = re.compile(r"= -1 ETIMEDOUT |^poll\(.*, [1-9]\d*\) = 0 \(Timeout\)|\bclock_nanosleep\w*\(.*= 0$")
 
 
-class Strace(Lifespan):
+@dataclass
+class Call:
+    """One system call; the end of its text is missing while it has not ended."""
+
+    thread: str
+    begun: float  # in seconds of the monotonic clock since the first call
+    text: str  # such as 'bind(7, {...}, 16) = 0'
+
+    @property
+    def name(self) -> str:
+        """The name of the call."""
+        return self.text.partition("(")[0]
+
+    def timed_out(self) -> bool:
+        """True when it has waited for something that did not come in its time, or slept."""
+        return _TIMED_OUT.search(self.text) is not None
+
+
+class Trace:
+    """What strace has written of a program; the file grows while the program runs.
+
+    A program that is to be traced from its beginning is started by `launcher`.
+    """
+
+    def __init__(self, output: Path) -> None:
+        """`output` is the file that the calls are written to, one a line."""
+        self.output = output
+
+    @staticmethod
+    def launcher(inside: str, *options: str) -> list[str]:
+        """The words that start a program traced, for `Daemon.start`; `inside` is where the file
+        is for the program."""
+        return ["strace", "-D", "-f", "-r", "-o", inside, *options]
+
+    def expect(self, pattern: str, count: int = 1, timeout: float = timeouts.EVENT) -> None:
+        """Wait until so many calls have this pattern."""
+        wait_until(lambda: len(self.times(pattern)) >= count,
+                   f"{count} of {pattern!r} in {self.output}", timeout)
+
+    def times(self, pattern: str) -> list[float]:
+        """When the calls whose text has this pattern were begun.
+
+        The program goes on with a call only after its time was taken. So what it waits for
+        between two calls lasts no longer than their times are apart.
+        """
+        return [call.begun for call in self.made() if re.search(pattern, call.text)]
+
+    def waits_between(self, pattern: str) -> list[int]:
+        """How often each call with this pattern was preceded, since the last one, by a wait that
+        ran out in the same thread."""
+        found, waits = [], dict[str, int]()
+        for call in self.made():
+            waits.setdefault(call.thread, 0)
+            if re.search(pattern, call.text):
+                found.append(waits[call.thread])
+                waits[call.thread] = 0
+            waits[call.thread] += call.timed_out()
+        return found
+
+    def made(self) -> list[Call]:
+        """The calls in the order in which they were begun."""
+        now, made, running = 0.0, list[Call](), dict[str, Call]()
+        for line in self.output.read_text(errors="surrogateescape").splitlines():
+            match = _LINE.fullmatch(line)
+            if not match:
+                continue  # is just being written
+            thread, now = match[1] or "", now + float(match[2])
+            if ended := _ENDED.fullmatch(match[3]):
+                if thread in running:
+                    running.pop(thread).text += ended[1]
+                continue
+            if match[3].startswith(("---", "+++")):
+                continue  # a signal, or the thread's end
+            made.append(Call(thread, now, match[3].removesuffix(_BEGUN)))
+            if match[3].endswith(_BEGUN):
+                running[thread] = made[-1]
+        return made
+
+    def lines(self) -> list[str]:
+        """The texts of the calls."""
+        return [call.text for call in self.made()]
+
+    def calls(self) -> list[str]:
+        """The names of the calls."""
+        return [call.name for call in self.made()]
+
+
+class Strace(Trace, Lifespan):
     """strace attached to the threads of a program from `start` to `close`.
 
     `options` are strace's, such as "-e", "inject=bind:error=EADDRINUSE". The program slows down
@@ -21,12 +114,11 @@ class Strace(Lifespan):
 
     def __init__(self, process: Process, output: Path, *options: str,
                  thread: int | None = None) -> None:
-        """`output` is the file that the calls are written to, one a line. With `thread` only that
-        thread is traced."""
-        self.output = output
+        """With `thread` only that thread is traced."""
+        super().__init__(output)
         self._process = process
         self._thread = thread
-        self._options = options
+        self._options = ["-r", *options]
         self._strace: "subprocess.Popen[str] | None" = None
 
     def start(self) -> None:
@@ -36,13 +128,15 @@ class Strace(Lifespan):
         self._strace = subprocess.Popen(
             ["strace", *whom, "-o", str(self.output), *self._options], stderr=subprocess.PIPE,
             text=True)
-        tasks = Path(f"/proc/{self._process.pid}/task")
-        deadline = time.monotonic() + timeouts.START
-        while not all(f"TracerPid:\t{self._strace.pid}\n" in (task / "status").read_text()
-                      for task in tasks.iterdir() if self._thread in (None, int(task.name))):
-            assert self._strace.poll() is None, self._strace.stderr and self._strace.stderr.read()
-            assert time.monotonic() < deadline, "strace did not attach"
-            time.sleep(timeouts.POLL)
+        wait_until(self._attached, "strace is attached", timeouts.START)
+
+    def _attached(self) -> bool:
+        assert self._strace
+        assert self._strace.poll() is None, self._strace.stderr and self._strace.stderr.read()
+        tracer = f"TracerPid:\t{self._strace.pid}\n"
+        return all(tracer in (task / "status").read_text()
+                   for task in Path(f"/proc/{self._process.pid}/task").iterdir()
+                   if self._thread in (None, int(task.name)))
 
     def close(self) -> None:
         """The program runs on without it; `output` is complete. May be called again.
@@ -59,12 +153,3 @@ class Strace(Lifespan):
                                      " one?") from None
             finally:
                 self._strace = None
-
-    def lines(self) -> list[str]:
-        """What was written so far."""
-        return self.output.read_text(errors="surrogateescape").splitlines()
-
-    def calls(self) -> list[str]:
-        """The names of the calls that ended or were begun so far, in order, each once."""
-        return [match[1] for line in self.lines()
-                if (match := _CALL.match(line)) and not line.endswith("<unfinished ...>")]

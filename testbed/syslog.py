@@ -1,5 +1,6 @@
 """A unit's system log: the socket /dev/log."""
 
+import itertools
 import re
 import socket
 import threading
@@ -7,7 +8,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from testbed import timeouts
-from testbed.tape import Channel, Event, Tape, Wanted
+from testbed.tape import Channel, Event, Fence, Mark, Match, Tape, Wanted, no_fence
 
 _RECORD = re.compile(r"<(?P<code>\d+)>(?P<time>\w{3} [ \d]\d \d\d:\d\d:\d\d) "
                      r"(?P<ident>[^:\[]*)(\[(?P<pid>\d+)\])?: (?P<text>.*)", re.DOTALL)
@@ -28,15 +29,19 @@ class Syslog:
     """Records what is sent to the socket on channel "syslog"; the data is a `Record`, or None
     for what is not a syslog record."""
 
-    def __init__(self, tape: Tape) -> None:
+    def __init__(self, tape: Tape, fence: Fence = no_fence) -> None:
         self.events = Channel(tape, "syslog")
+        self._fence = fence
+        self._path = ""
+        self._marks = (f"(fence {number})" for number in itertools.count(1))
         self._socket: socket.socket | None = None
         self._thread: threading.Thread | None = None
 
     def start(self, path: Path) -> None:
         """Listen at a path out here, such as `sandbox.path("/dev/log")`."""
         self._socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
-        self._socket.bind(str(path))
+        self._path = str(path)
+        self._socket.bind(self._path)
         self._thread = threading.Thread(target=self._receive, args=(self._socket,), daemon=True)
         self._thread.start()
 
@@ -55,9 +60,20 @@ class Syslog:
             lambda event: isinstance(event.data, Record)
             and (event.data.priority, event.data.text) == (priority, text)), timeout)
 
-    def records(self) -> list[Record]:
-        """All records so far."""
-        return [event.data for event in self.events.since() if event.data]
+    def records(self, since: Mark = Mark(0), until: Match | None = None) -> list[Record]:
+        """The records after the mark, in order; see `Unit` for `until`."""
+        if until is None:
+            self._fence()
+            until = self.flush()
+        return [event.data for event in self.events.until(until, since) if event.data]
+
+    def flush(self) -> str:
+        """Return when all that was sent until now is recorded; the text of the event behind it."""
+        text = next(self._marks)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
+            sender.sendto(text.encode(), self._path)
+        self.events.until(text)
+        return text
 
     def _receive(self, source: socket.socket) -> None:
         while datagram := source.recv(65536):

@@ -11,7 +11,7 @@ import time
 from dataclasses import dataclass, field
 from typing import Any, Callable, NewType
 
-from testbed import timeouts
+from testbed import disturbance, timeouts
 
 # Events are recorded by several threads; each is to get its turn soon after its event.
 sys.setswitchinterval(0.0005)
@@ -39,6 +39,13 @@ class Wanted:
 
 Match = str | re.Pattern[str] | Wanted
 
+#: Returns when what was caused until now has happened and stands on the tape.
+Fence = Callable[[], None]
+
+
+def no_fence() -> None:
+    """For an observer without a daemon behind it."""
+
 
 class NotSeen(AssertionError):
     """An expected event did not come before the deadline."""
@@ -54,6 +61,7 @@ class Tape:
 
     def record(self, source: str, text: str, data: Any = None) -> Event:
         """Append an event that happens now."""
+        disturbance.hold_up(source)
         with self.added:
             event = Event(time.monotonic(), source, text, data)
             self.events.append(event)
@@ -62,6 +70,7 @@ class Tape:
 
     def mark(self) -> Mark:
         """The tape's end as it is now, to be given to `since`."""
+        disturbance.hold_up("mark")
         with self.added:
             return Mark(len(self.events))
 
@@ -118,6 +127,19 @@ class Channel:
                 if remaining <= 0:
                     raise NotSeen(self._report(match, timeout))
                 self.tape.added.wait(remaining)
+
+    def until(self, match: Match, since: Mark = Mark(0),
+              timeout: float = timeouts.EVENT) -> list[Event]:
+        """This source's events after the mark and before the first one that matches.
+
+        That one is waited for as by `expect`; the cursor stays where it is. What must not happen
+        is missing from this list when `match` is what comes after it.
+        """
+        reader = Channel(self.tape, self.source)
+        reader.seek(since)
+        reader.expect(match, timeout)
+        behind = reader._cursor - 1
+        return [event for event in self.tape.since()[since:behind] if event.source == self.source]
 
     def _report(self, match: Match, timeout: float) -> str:
         if isinstance(match, re.Pattern):

@@ -29,6 +29,7 @@ import threading
 from dataclasses import dataclass, field
 
 from testbed import target, timeouts
+from testbed.application import FENCE_PATH
 from testbed.namespaces import checked, in_mounts_of
 from testbed.tape import Channel, Event, Mark, Match
 from testbed.unit import Unit
@@ -59,6 +60,7 @@ class NfsTools:
         self.events = Channel(unit.tape, "tools")
         self.exports: dict[str, str] = {}  # target such as "*:/media/sda1" -> options
         self._sandbox = unit.sandbox
+        self._unit = unit
         self._neighbours = neighbours if neighbours is not None else []
         self._neighbours.append(self)
         self._rules: list[_Rule] = []
@@ -74,15 +76,23 @@ class NfsTools:
         """Wait for a call; a text is all words joined by blanks. See `Channel.expect`."""
         return self.events.expect(match, timeout)
 
-    def calls(self, since: Mark = Mark(0), tool: str = "") -> list[str]:
-        """The calls (of one tool) after the mark, in order, as texts."""
-        return [event.text for event in self.events.since(since)
-                if not tool or event.data[0] == tool]
+    def calls(self, since: Mark = Mark(0), tool: str = "", until: Match | None = None) -> list[str]:
+        """The calls (of one tool) after the mark, in order, as texts; see `Unit` for `until`.
 
-    def words(self, since: Mark = Mark(0), tool: str = "") -> list[tuple[str, ...]]:
+        A call is on the tape before it is answered, so before all that the daemon does next on that
+        thread. The fence is the main thread's: what the threads of sharing do is seen first by
+        `expect`ing what they do next, a message, a log line, a datagram.
+        """
+        return [" ".join(words) for words in self.words(since, tool, until)]
+
+    def words(self, since: Mark = Mark(0), tool: str = "",
+              until: Match | None = None) -> list[tuple[str, ...]]:
         """As `calls`, but the words that the tool got."""
-        return [event.data for event in self.events.since(since)
-                if not tool or event.data[0] == tool]
+        if until is None and self._unit.daemon.running():
+            self._unit.settle()
+        events = self.events.since(since) if until is None else self.events.until(until, since)
+        return [event.data for event in events if tool in ("", event.data[0])
+                and not event.data[-1].endswith(FENCE_PATH)]
 
     def refuse(self, pattern: str, status: int = 1) -> None:
         """From now on calls whose text has this pattern do nothing and end with this status."""

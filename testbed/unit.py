@@ -1,18 +1,19 @@
 """A whole unit: sandbox, bus, hardware service, application, system log and daemon."""
 
 import os
+import re
 from pathlib import Path
 
 from testbed import target, timeouts
-from testbed.application import Application
+from testbed.application import FENCE_PATH, Application
 from testbed.bus import Bus
 from testbed.daemon import DEBUG, Daemon
-from testbed.hal import Hal
+from testbed.hal import FENCE, Hal
 from testbed.lifespan import Lifespan
 from testbed.network import Interface, Network
 from testbed.sandbox import TOOLS, Sandbox
 from testbed.syslog import Syslog
-from testbed.tape import Mark, Tape
+from testbed.tape import Channel, Mark, Tape
 from testbed.uevents import Uevents
 
 CONFIGURATION = "/etc/voldrake.conf"
@@ -29,6 +30,12 @@ class Unit(Lifespan):
 
     `start` brings up everything but the daemon, and the application listens. `tape` has all that
     happens, on the channels hal, app, log, daemon, syslog and sys.
+
+    Nothing is read without waiting for it. What lists events (`hal.calls`, `daemon.log_lines`,
+    `application.frames`, `syslog.records`, `uevents.writes`) or shows a state (`links`, `media`,
+    `mounts`, `content`, `entries`, `exists`) makes a fence first: it has something happen that comes after everything that the
+    daemon was caused to do, waits until that is seen, and gives what came before it. Where a test
+    knows such an event itself it names it as `until`, and the list ends there.
     """
 
     def __init__(self, log_directory: Path, *, mmc_hosts: int = 2, family: str | None = "3 hawk",
@@ -40,11 +47,11 @@ class Unit(Lifespan):
         self.tape = Tape()
         self.sandbox = Sandbox(log_directory, target.read_only_mounts())
         self.bus = Bus(self.sandbox)
-        self.hal = Hal(self.sandbox, self.tape)
-        self.application = Application(self.sandbox, self.tape, port)
-        self.syslog = Syslog(self.tape)
-        self.uevents = Uevents(self.tape)
-        self.daemon = Daemon(self.sandbox, self.tape)
+        self.hal = Hal(self.sandbox, self.tape, fence=self._fence)
+        self.application = Application(self.sandbox, self.tape, port, self._fence_messages)
+        self.syslog = Syslog(self.tape, self._fence)
+        self.uevents = Uevents(self.tape, self._fence)
+        self.daemon = Daemon(self.sandbox, self.tape, self._fence)
         self.eth0: Interface | None = None
         self._mmc_hosts = mmc_hosts
         self._family = family
@@ -120,21 +127,44 @@ class Unit(Lifespan):
         return other
 
     def mark(self) -> Mark:
-        """The present end of the tape; "since" of the channels' operations takes it."""
+        """A place on the tape behind a fence, for `since` of the readers."""
+        self._fence()
+        self.hal.flush()
+        self.daemon.flush()
+        self.syslog.flush()
+        self.uevents.flush()
         return self.tape.mark()
 
     def links(self) -> dict[str, str]:
         """The symbolic links in /media: name -> target as written in the link."""
+        self._fence()
         with os.scandir(self.sandbox.path("/media")) as entries:
             return {entry.name: os.readlink(entry.path)
                     for entry in entries if entry.is_symlink()}
 
     def media(self) -> list[str]:
         """Names of all entries of /media, sorted."""
-        return sorted(os.listdir(self.sandbox.path("/media")))
+        return self.entries("/media")
+
+    def content(self, inside: str) -> str:
+        """The text of a file inside."""
+        self._fence()
+        return self.sandbox.path(inside).read_text("utf-8", "surrogateescape")
+
+    def entries(self, inside: str) -> list[str]:
+        """Names of all entries of a directory inside, sorted; none when there is no directory."""
+        self._fence()
+        directory = self.sandbox.path(inside)
+        return sorted(os.listdir(directory)) if directory.is_dir() else []
+
+    def exists(self, inside: str) -> bool:
+        """True when something has this path inside."""
+        self._fence()
+        return os.path.lexists(self.sandbox.path(inside))
 
     def mounts(self) -> dict[str, str]:
         """What is mounted in /media: mount point -> "ro" or "rw"."""
+        self._fence()
         mounts = {}
         for line in Path(f"/proc/{self.sandbox.pid}/mounts").read_text().splitlines():
             _, place, _, options, *_ = line.split()
@@ -159,6 +189,36 @@ class Unit(Lifespan):
         for name, text in self._errors():
             parts += [f"{name}:", text]
         return "\n".join(parts)
+
+    def _fence(self) -> None:
+        """Return when the daemon's main thread has done all that it was caused to do until now.
+
+        At once when the daemon is not running. Requires, while it is: `settle` can be used, or
+        will be once the start-up scan has begun.
+        """
+        if self.daemon.running():
+            scan = Channel(self.tape, "hal")
+            scan.seek(self.daemon.started)
+            scan.expect(re.compile(r"^call .*\.FindDeviceByCapability\("), timeouts.START)
+            self.settle()
+
+    def _fence_messages(self) -> None:
+        """Return when all messages of what was caused until now have been sent.
+
+        A stick of its own comes and goes; its messages are the last. Requires, while the daemon
+        is running: as `_fence`, the application reads, and sticks are not excluded.
+        """
+        if not self.daemon.running():
+            return
+        self._fence()
+        told = Channel(self.tape, "app")
+        told.seek(self.tape.mark())
+        node = FENCE_PATH.replace("/media/", "/dev/")
+        self.hal.command(f"plug usb {FENCE} uuid={FENCE} block={node}0 volume-block={node}")
+        told.expect(re.compile(f'<dataarrival path="{FENCE_PATH}"'), timeouts.RETRY)
+        self.hal.pull(FENCE)
+        told.expect(re.compile(f'<dataremoval path="{FENCE_PATH}"'), timeouts.RETRY)
+        self._fence()
 
     def _errors(self) -> list[tuple[str, str]]:
         """Name and text of each program's standard error that is not empty."""

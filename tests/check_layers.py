@@ -1,6 +1,7 @@
-"""Checks that the daemon's includes run one way through the layers of src/.
+"""Checks that includes run one way through the layers: of src/, and of the programs beside it.
 
     check_layers.py SOURCE_DIRECTORY    prints every offender; status 1 when there is one
+    check_layers.py --beside ROOT       the same for the services and tools beside the daemon
     check_layers.py --self-test         checks the checker on a small tree of its own
 """
 
@@ -8,6 +9,7 @@ import re
 import sys
 import tempfile
 from pathlib import Path
+from typing import Callable
 
 # What the files of each layer may include. main.cpp, the only file above the folders, may include
 # everything.
@@ -17,6 +19,16 @@ LAYERS = {
     "messaging": {"frame", "messaging"},
     "sharing": {"frame", "sharing"},
     "volumes": {"frame", "storage", "messaging", "sharing", "volumes"},
+}
+
+# The same for the folders beside src. The daemon shares no code with them.
+BESIDE = {
+    "glib": {"glib"},
+    "program": {"glib", "program"},
+    "hal/face": {"glib", "hal/face"},
+    "hal/sim": {"glib", "program", "hal/face", "hal/sim"},
+    "hal/kernel": {"glib", "program", "hal/face", "hal/kernel"},
+    "tools": {"glib", "program", "tools"},
 }
 
 # Plain records, which the middle layers may hand to one another.
@@ -40,16 +52,17 @@ def includes(path: Path) -> list[tuple[int, str, str]]:
     return found
 
 
-def fault(source: Path, layer: str | None, delimiter: str, name: str) -> str | None:
+def fault(source: Path, layers: dict[str, set[str]], layer: str | None, delimiter: str,
+          name: str) -> str | None:
     """What is wrong with one include of a file of `layer` (None: main.cpp); None when nothing."""
-    target = name.split("/")[0] if "/" in name else None
+    target = name.rpartition("/")[0]
     if delimiter == "<":
-        return "a project header in angle brackets" if target in LAYERS else None
-    if target not in LAYERS:
+        return "a project header in angle brackets" if target in layers else None
+    if target not in layers:
         return "a quoted include must carry its folder"
     if not (source / name).is_file():
         return "no such header"
-    if layer is None or target in LAYERS[layer]:
+    if layer is None or target in layers[layer]:
         return None
     if layer in MIDDLE_LAYERS and name in RECORDS:
         return None
@@ -58,19 +71,35 @@ def fault(source: Path, layer: str | None, delimiter: str, name: str) -> str | N
 
 def offenders(source: Path) -> list[str]:
     """One line "FILE:LINE: INCLUDE: FAULT" for each offender under a source directory."""
-    found = []
     files = sorted(path for path in source.rglob("*") if path.suffix in {".cpp", ".h"})
+    return offenders_among(files, source, LAYERS)
+
+
+def offenders_beside(root: Path) -> list[str]:
+    """The same for the folders beside src. Each of them must be there."""
+    files = []
+    for folder in BESIDE:
+        inside = sorted(path for path in (root / folder).glob("*") if path.suffix in {".cpp", ".h"})
+        if not inside:
+            return [f"{root / folder}: no source file"]
+        files += inside
+    return offenders_among(files, root, BESIDE)
+
+
+def offenders_among(files: list[Path], source: Path, layers: dict[str, set[str]]) -> list[str]:
+    """One line "FILE:LINE: INCLUDE: FAULT" for each offender among the files."""
+    found = []
     if not files:
         return [f"{source}: no source file"]
     for path in files:
         relative = path.relative_to(source)
-        layer = relative.parts[0] if len(relative.parts) > 1 else None
-        if layer is not None and layer not in LAYERS:
+        layer = relative.parent.as_posix() if len(relative.parts) > 1 else None
+        if layer is not None and layer not in layers:
             found.append(f"{relative}: a folder that is no layer")
             continue
         lines = includes(path)
         for number, delimiter, name in lines:
-            text = fault(source, layer, delimiter, name)
+            text = fault(source, layers, layer, delimiter, name)
             if text:
                 found.append(f"{relative}:{number}: {name}: {text}")
         own = relative.with_suffix(".h").as_posix()
@@ -124,6 +153,30 @@ BAD_FILES = {
 }
 
 
+GOOD_NEIGHBOURS = {
+    "glib/Handles.h": "#include <glib.h>\n",
+    "program/Output.h": "#include <string>\n",
+    "hal/face/DeviceTree.h": '#include "glib/Handles.h"\n',
+    "hal/sim/main.cpp": '#include "hal/face/DeviceTree.h"\n#include "program/Output.h"\n',
+    "hal/kernel/Media.h": '#include "hal/face/DeviceTree.h"\n',
+    "tools/monitor.cpp": '#include "program/Output.h"\n',
+}
+
+BAD_NEIGHBOURS = {
+    "hal/face/Up.h": ('#include "hal/kernel/Media.h"\n',
+                      "hal/face/Up.h:1: hal/kernel/Media.h: "
+                      "hal/face must not include hal/kernel"),
+    "hal/sim/Across.cpp": ('#include "hal/kernel/Media.h"\n',
+                           "hal/sim/Across.cpp:1: hal/kernel/Media.h: "
+                           "hal/sim must not include hal/kernel"),
+    "hal/kernel/Tool.cpp": ('#include "tools/Frame.h"\n',
+                            "hal/kernel/Tool.cpp:1: tools/Frame.h: no such header"),
+    "tools/Daemon.cpp": ('#include "frame/Log.h"\n',
+                         "tools/Daemon.cpp:1: frame/Log.h: "
+                         "a quoted include must carry its folder"),
+}
+
+
 def write_tree(root: Path, files: dict[str, str]) -> None:
     """Writes files, and the folders above them, under a directory."""
     for name, text in files.items():
@@ -132,30 +185,43 @@ def write_tree(root: Path, files: dict[str, str]) -> None:
         path.write_text(text, encoding="utf-8")
 
 
-def self_test() -> list[str]:
-    """What the checker gets wrong: a good tree has no offender, each bad file exactly its own."""
+def self_test_of(check: Callable[[Path], list[str]], good: dict[str, str],
+                 bad: dict[str, tuple[str, str]]) -> list[str]:
+    """What one check gets wrong: a good tree has no offender, each bad file exactly its own."""
     wrong = []
     with tempfile.TemporaryDirectory() as directory:
         root = Path(directory)
-        if not offenders(root):
+        if not check(root):
             wrong.append("an empty directory passes")
-        write_tree(root, GOOD_TREE)
-        wrong += [f"found in the good tree: {line}" for line in offenders(root)]
-        for name, (text, expected) in BAD_FILES.items():
+        write_tree(root, good)
+        wrong += [f"found in the good tree: {line}" for line in check(root)]
+        for name, (text, expected) in bad.items():
             write_tree(root, {name: text})
-            found = offenders(root)
+            found = check(root)
             if found != [expected]:
                 wrong.append(f"{name}: expected {[expected]}, found {found}")
             (root / name).unlink()
     return wrong
 
 
+def self_test() -> list[str]:
+    """What the checker gets wrong."""
+    return (self_test_of(offenders, GOOD_TREE, BAD_FILES)
+            + self_test_of(offenders_beside, GOOD_NEIGHBOURS, BAD_NEIGHBOURS))
+
+
 def main(arguments: list[str]) -> int:
     """Runs the check or the self-test; 0 when nothing was found."""
-    if len(arguments) != 1:
-        print(__doc__, file=sys.stderr)
-        return 2
-    lines = self_test() if arguments[0] == "--self-test" else offenders(Path(arguments[0]))
+    match arguments:
+        case ["--self-test"]:
+            lines = self_test()
+        case ["--beside", root]:
+            lines = offenders_beside(Path(root))
+        case [source]:
+            lines = offenders(Path(source))
+        case _:
+            print(__doc__, file=sys.stderr)
+            return 2
     for line in lines:
         print(line)
     return 1 if lines else 0

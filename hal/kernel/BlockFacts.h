@@ -79,7 +79,7 @@ struct BlockFacts {
   std::uint64_t sizeBytes = 0;
   bool hasPartitions = false;  // of a disk: sysfs shows some
   bool optical = false;
-  bool leftToOthers = false;  // UDISKS_IGNORE
+  bool leftToOthers = false;  // UDISKS_IGNORE or VOLDRAKE_IGNORE
   /// Which medium this is about; counts up over all disks. None on kernels before 5.15.
   std::optional<std::uint64_t> diskSequence;
   bool mediumChanged = false;  // the event tells of a change of the medium

@@ -4,6 +4,7 @@
 #include <glib-unix.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -19,30 +20,38 @@ constexpr std::size_t kKeptBytes = 4096;
 constexpr int kReadsAtOnce = 16;
 
 /// What a program writes. Lives until the last writer has closed its end.
-struct Output {
-  int descriptor;
-  std::string kept;
+class Output {
+ public:
+  explicit Output(int descriptor) : descriptor_(descriptor) {}
+  ~Output() { close(descriptor_); }
+  Output(const Output&) = delete;
+  Output& operator=(const Output&) = delete;
 
-  ~Output() { close(descriptor); }
+  /// Reads what is there, but not for ever. False at the end.
+  bool ReadSome();
+  const std::string& Kept() const { return kept_; }
+
+ private:
+  const int descriptor_;
+  std::string kept_;
 };
 
 using OutputPointer = std::shared_ptr<Output>;
 
-/// Reads what is there, but not for ever. False at the end.
-bool ReadSome(Output& output) {
+bool Output::ReadSome() {
   std::array<char, 4096> buffer;
   for (int reads = 0; reads < kReadsAtOnce; ++reads) {
-    const ssize_t count = read(output.descriptor, buffer.data(), buffer.size());
+    const ssize_t count = read(descriptor_, buffer.data(), buffer.size());
     if (count < 0) return errno == EAGAIN || errno == EINTR;
     if (count == 0) return false;
-    const std::size_t room = kKeptBytes - output.kept.size();
-    output.kept.append(buffer.data(), std::min(room, static_cast<std::size_t>(count)));
+    const std::size_t room = kKeptBytes - kept_.size();
+    kept_.append(buffer.data(), std::min(room, static_cast<std::size_t>(count)));
   }
   return true;
 }
 
 gboolean OnOutput(gint, GIOCondition, gpointer data) {
-  return ReadSome(**static_cast<OutputPointer*>(data)) ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
+  return (*static_cast<OutputPointer*>(data))->ReadSome() ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
 }
 
 /// A started program, until it has ended.
@@ -68,8 +77,8 @@ void OnEnded(GObject* process, GAsyncResult* result, gpointer data) {
   const std::unique_ptr<Child> child(static_cast<Child*>(data));
   child->limit = glib::EventSource();
   const bool succeeded = g_subprocess_wait_check_finish(G_SUBPROCESS(process), result, nullptr);
-  ReadSome(*child->output);
-  child->ended({succeeded, child->output->kept});
+  child->output->ReadSome();
+  child->ended({succeeded, child->output->Kept()});
 }
 
 /// Runs `ended` on the main loop and not before the caller has returned.
@@ -96,12 +105,13 @@ void RunChild(const std::vector<std::string>& words, std::chrono::milliseconds l
     FailLater(std::string("cannot make a pipe: ") + std::strerror(errno), std::move(ended));
     return;
   }
-  const auto output = std::make_shared<Output>(Output{ends[0], ""});
+  const auto output = std::make_shared<Output>(ends[0]);
   fcntl(ends[0], F_SETFL, O_NONBLOCK);
   const glib::ObjectPointer<GSubprocessLauncher> launcher(
-      g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_STDERR_MERGE));
-  // The launcher owns the writing end.
+      g_subprocess_launcher_new(G_SUBPROCESS_FLAGS_NONE));
+  // The launcher owns the writing end and its copy.
   g_subprocess_launcher_take_stdout_fd(launcher.get(), ends[1]);
+  g_subprocess_launcher_take_stderr_fd(launcher.get(), fcntl(ends[1], F_DUPFD_CLOEXEC, 0));
   g_subprocess_launcher_setenv(launcher.get(), "LC_ALL", "C", TRUE);
   std::vector<const char*> arguments;
   for (const std::string& word : words) arguments.push_back(word.c_str());

@@ -263,6 +263,7 @@ void KernelMounter::Unmount(const std::string& udi, bool lazy, Done done) {
   if (const Outcome refused = CheckUnmount(udi, mountPoint)) return done(refused);
   const auto work = [mountPoint, lazy] { return UnmountAt(mountPoint, lazy ? MNT_DETACH : 0); };
   CallInThread(work, [this, mountPoint, done = std::move(done)](int error) {
+    if (error == 0) Log(LOG_INFO, mountPoint + ": unmounted");
     refresh_();
     RemoveUnused();
     done(error == 0 ? Outcome() : UnmountError(mountPoint, error));
@@ -304,6 +305,7 @@ void KernelMounter::Eject(const std::string& udi, Done done) {
     refresh_();
     RemoveUnused();
     if (error == 0) {
+      Log(LOG_INFO, node + ": ejected");
       done(std::nullopt);
     } else if (!failedAt->empty()) {
       done(UnmountError(*failedAt, error));

@@ -155,7 +155,7 @@ const char* LeftOut(const DiskState& state, const MountIndex& mounts) {
   const BlockFacts& disk = state.disk->facts;
   if (std::holds_alternative<std::monostate>(disk.chain)) return "it is on neither USB nor SD";
   if (disk.optical) return "it is an optical drive";
-  if (disk.leftToOthers) return "UDISKS_IGNORE is set";
+  if (disk.leftToOthers) return "a rule of udev leaves it to others";
   const auto* card = std::get_if<SdChain>(&disk.chain);
   if (card != nullptr && card->cardType == kEmmc) return "it is an eMMC";
   bool system = RunsTheSystem(disk, mounts);

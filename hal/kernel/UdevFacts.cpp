@@ -178,7 +178,7 @@ std::optional<BlockFacts> FactsOf(udev_device* device) {
   }
   const auto sectors = Parse<std::uint64_t>(Attribute(device, "size")).value_or(0);
   facts.sizeBytes = sectors <= UINT64_MAX / kSectorBytes ? sectors * kSectorBytes : 0;
-  facts.leftToOthers = IsSet(device, "UDISKS_IGNORE");
+  facts.leftToOthers = IsSet(device, "UDISKS_IGNORE") || IsSet(device, "VOLDRAKE_IGNORE");
   facts.diskSequence = Parse<std::uint64_t>(Property(device, "DISKSEQ"));
   facts.mediumChanged = IsSet(device, "DISK_MEDIA_CHANGE");
   facts.filesystem = {Property(device, "ID_FS_USAGE"), Property(device, "ID_FS_TYPE"),

@@ -131,7 +131,7 @@ void PlugCommand::Reader(const std::string& name, Arguments& arguments, bool qui
     const hal::BlockNode node = NodeAt(FreeNode(plugged.disks));
     plugged.disks.push_back(chain.AddDisk(
         device,
-        {"usb", "sd_mmc", DiskSerial(vendor, model, usb.serial, lun), node, lun, std::nullopt}));
+        {"usb", "disk", DiskSerial(vendor, model, usb.serial, lun), node, lun, std::nullopt}));
   }
   Override(chain, arguments);
   Announce(std::move(plugged), chain, quiet);

@@ -72,10 +72,13 @@ class BootedRoot(Lifespan):
     Requires: systemd in the root, and being root.
     """
 
-    def __init__(self, root: Root, console: Path) -> None:
-        """What the booted system writes to its console goes into the file `console`."""
-        self._root = root
+    def __init__(self, root: Root, console: Path, booted: str = "is-system-running") -> None:
+        """What the booted system writes to its console goes into the file `console`. It has booted
+        when `systemctl BOOTED` says so; by default when all that starts at boot has been started.
+        """
+        self.root = root.directory
         self._console = console
+        self._booted = booted
         # In each tree one that is removed at the end, whatever is left of it.
         self._groups = [tree / f"voldrake-boot-{os.getpid()}" for tree in _control_groups()]
         self._container: subprocess.Popen[bytes] | None = None
@@ -92,11 +95,11 @@ class BootedRoot(Lifespan):
         return f"systemd-nspawn: {self._console.read_text().strip()}" if status else None
 
     def start(self) -> None:
-        """Boot; what starts at boot has been started on return."""
+        """Boot, and return when it has booted."""
         with self._console.open("wb") as console:
             self._container = self._start_container(console, "--boot")
         self.wait_for(lambda: self._init() != 0 and self.run(
-            "systemctl is-system-running", check=False).strip() in ("running", "degraded"))
+            f"systemctl {self._booted}", check=False).strip() in ("running", "degraded", "active"))
 
     def close(self) -> None:
         """Shut it down."""
@@ -147,7 +150,7 @@ class BootedRoot(Lifespan):
             ["unshare", "--mount", "sh", "-e", "-c",
              f"{join} mount -t tmpfs run /run; exec systemd-nspawn --quiet --register=no"
              ' --keep-unit --private-network --console=pipe --directory="$0" "$@"',
-             str(self._root.directory), *words],
+             str(self.root), *words],
             stdin=subprocess.DEVNULL, stdout=output, stderr=subprocess.STDOUT)
 
     def _remove_groups(self) -> None:

@@ -127,3 +127,80 @@ def test_only_root_can_be_the_service(bus_sandbox: Sandbox, policy: str) -> None
     service = bus_sandbox.spawn([target.program("voldrake-halsim")], "refused")
     assert service.wait() == 1
     assert "org.freedesktop.Hal" in service.stderr()
+
+
+@pytest.fixture
+def service_policy(tree) -> str:
+    return tree.path("share/dbus-1/system.d/voldrake-hald.conf").read_text()
+
+
+def for_somebody(policy: str) -> str:
+    """The policy as it is for a user other than root, where there is no other user."""
+    assert policy.count('user="root"') == 1
+    return policy.replace('user="root"', 'user="somebody"')
+
+
+#: A hardware service's policy is tested with a service that may own the name all the same.
+OWNING = '<policy user="root"><allow own="org.freedesktop.Hal"/></policy></busconfig>'
+VOLUME = "/org/freedesktop/Hal/devices/volume_x"
+ASKED = [
+    ("/org/freedesktop/Hal/Manager", "org.freedesktop.Hal.Manager.GetAllDevices", []),
+    ("/org/freedesktop/Hal/Manager", "org.freedesktop.DBus.Introspectable.Introspect", []),
+    (VOLUME, "org.freedesktop.Hal.Device.GetPropertyString", ["volume.label"])]
+COMMANDED = [
+    (VOLUME, "org.freedesktop.Hal.Device.Volume.Mount", ["x", "vfat", "@as []"]),
+    (VOLUME, "org.freedesktop.Hal.Device.Volume.Unmount", ["@as []"]),
+    (VOLUME, "org.freedesktop.Hal.Device.Volume.Eject", ["@as []"])]
+
+
+def answer(sandbox: Sandbox, path: str, method: str, words: list[str]) -> str:
+    done = sandbox.run(["gdbus", "call", "--system", "--dest=org.freedesktop.Hal",
+                        f"--object-path={path}", f"--method={method}", *words])
+    return done.stdout + done.stderr
+
+
+def serve(sandbox: Sandbox, policy: str) -> None:
+    start_bus(sandbox, policy)
+    Hal(sandbox, Tape()).start(real_mounts=False)
+
+
+def test_anybody_may_ask_the_hardware_service(bus_sandbox: Sandbox, service_policy: str) -> None:
+    serve(bus_sandbox, for_somebody(service_policy).replace("</busconfig>", OWNING))
+    for path, method, words in ASKED:
+        assert "AccessDenied" not in answer(bus_sandbox, path, method, words), method
+
+
+def test_only_root_has_the_hardware_service_mount(
+        bus_sandbox: Sandbox, service_policy: str) -> None:
+    serve(bus_sandbox, for_somebody(service_policy).replace("</busconfig>", OWNING))
+    for path, method, words in COMMANDED:
+        assert "AccessDenied" in answer(bus_sandbox, path, method, words), method
+
+
+def test_root_may_ask_and_command_the_hardware_service(
+        bus_sandbox: Sandbox, service_policy: str) -> None:
+    serve(bus_sandbox, service_policy)
+    for path, method, words in ASKED + COMMANDED:
+        assert "AccessDenied" not in answer(bus_sandbox, path, method, words), method
+    assert "NoSuchDevice" in answer(bus_sandbox, *COMMANDED[0])
+
+
+def test_only_root_can_be_the_hardware_service(
+        bus_sandbox: Sandbox, service_policy: str) -> None:
+    start_bus(bus_sandbox, for_somebody(service_policy))
+    service = bus_sandbox.spawn([target.program("voldrake-halsim")], "refused")
+    assert service.wait() == 1
+    assert "org.freedesktop.Hal" in service.stderr()
+
+
+def test_the_two_policies_agree(bus_sandbox: Sandbox, policy: str, service_policy: str) -> None:
+    """Both packages installed: whom the daemon believes, and who may ask, stay as they are."""
+    start_bus(bus_sandbox, policy)
+    bus_sandbox.write("/etc/dbus-1/system.d/voldrake-hald.conf", for_somebody(service_policy))
+    done = bus_sandbox.run(["gdbus", "call", "--system", "--dest=org.freedesktop.DBus",
+                            "--object-path=/org/freedesktop/DBus",
+                            "--method=org.freedesktop.DBus.ReloadConfig"])
+    assert done.returncode == 0, done.stderr
+    Hal(bus_sandbox, Tape()).start(real_mounts=False)
+    for path, method, words in ASKED + COMMANDED:
+        assert "AccessDenied" not in answer(bus_sandbox, path, method, words), method

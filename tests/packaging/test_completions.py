@@ -8,7 +8,7 @@ import pytest
 
 from testbed import target
 
-PROGRAMS = ["voldrake", "voldrake-monitor", "voldrake-shares", "voldrake-halsim"]
+PROGRAMS = ["voldrake", "voldrake-hald", "voldrake-monitor", "voldrake-shares", "voldrake-halsim"]
 
 BASH = """
 source /usr/share/bash-completion/bash_completion
@@ -76,7 +76,8 @@ def known_options(tree, program: str, *command: str) -> set[str]:
     if program == "voldrake":
         source = (target.REPOSITORY / "src/frame/CommandLine.cpp").read_text()
         return {"--" + name for name in re.findall(r'^    \{"([\w-]+)", ', source, re.MULTILINE)}
-    told = subprocess.run([str(tree.path(f"bin/{program}")), *command, "--help"], text=True,
+    directory = "sbin" if program == "voldrake-hald" else "bin"
+    told = subprocess.run([str(tree.path(f"{directory}/{program}")), *command, "--help"], text=True,
                           capture_output=True, check=True).stdout
     # The program also tells how to ask for the help of its other commands.
     told = re.sub(r"voldrake-shares \w+ --help", "", told)

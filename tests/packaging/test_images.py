@@ -104,7 +104,8 @@ def test_recipe_puts_every_installed_file_into_one_package(recipe: dict[str, str
     order = [name for name in expanded(recipe["PACKAGES"])] + ["voldrake"]
     patterns = {name: expanded(recipe[f"FILES:{name.replace('voldrake', '${PN}', 1)}"])
                 for name in order}
-    files = [image_path(file) for file in tree.files()] + ["/etc/init.d/voldrake"]
+    files = [image_path(file) for file in tree.files()] + [
+        "/etc/init.d/voldrake", "/etc/init.d/voldrake-hald"]
     homes: dict[str, str] = {}
     for file in files:
         if any(file.startswith(directory + "/") for directory in DOCUMENTS):
@@ -116,6 +117,12 @@ def test_recipe_puts_every_installed_file_into_one_package(recipe: dict[str, str
         homes[file] = found
     assert homes["/usr/sbin/voldrake"] == "voldrake"
     assert homes["/etc/init.d/voldrake"] == "voldrake"
+    for file in ("/usr/sbin/voldrake-hald", "/etc/init.d/voldrake-hald",
+                 "/usr/lib/systemd/system/voldrake-hald.service",
+                 "/usr/share/dbus-1/system-services/org.freedesktop.Hal.service",
+                 "/usr/share/dbus-1/system.d/voldrake-hald.conf"):
+        assert homes[file] == "voldrake-hald", file
+    assert homes["/usr/share/dbus-1/system.d/voldrake.conf"] == "voldrake"
     assert homes["/usr/bin/voldrake-monitor"] == "voldrake-tools"
     assert set(homes.values()) == set(order), "a package would be empty"
 
@@ -136,6 +143,13 @@ def test_recipe_needs_what_the_build_needs(recipe: dict[str, str]) -> None:
                          (target.REPOSITORY / "src/CMakeLists.txt").read_text())
     providers = {"dbus-1": "dbus", "dbus-glib-1": "dbus-glib", "glib-2.0": "glib-2.0"}
     assert {providers[module] for module in modules} == set(recipe["DEPENDS"].split())
+    hald = re.findall(r"pkg_check_modules\(\w+ REQUIRED IMPORTED_TARGET GLOBAL ([\w.-]+)",
+                      (target.REPOSITORY / "hal/kernel/CMakeLists.txt").read_text())
+    option = recipe["PACKAGECONFIG[hald]"].split(",")
+    assert {{"libudev": "udev", "mount": "util-linux"}[module] for module in hald} == set(
+        option[2].split())
+    assert option[:2] == ["-DVOLDRAKE_HALD=ON", "-DVOLDRAKE_HALD=OFF"]
+    assert "hald" in recipe["PACKAGECONFIG"].split()
     assert {"cmake", "pkgconfig", "systemd", "update-rc.d"} <= set(recipe["inherit"].split())
 
 
@@ -223,7 +237,12 @@ BUILDROOT_PACKAGES = {
     "BR2_PACKAGE_DBUS_GLIB": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
     "BR2_PACKAGE_LIBGLIB2": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
     "BR2_PACKAGE_NFS_UTILS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && !BR2_STATIC_LIBS",
-    "BR2_PACKAGE_NFS_UTILS_RPC_NFSD": "BR2_PACKAGE_NFS_UTILS"}
+    "BR2_PACKAGE_NFS_UTILS_RPC_NFSD": "BR2_PACKAGE_NFS_UTILS",
+    "BR2_PACKAGE_UTIL_LINUX": "y",
+    "BR2_PACKAGE_UTIL_LINUX_LIBMOUNT": "BR2_PACKAGE_UTIL_LINUX",
+    "BR2_PACKAGE_UTIL_LINUX_MOUNT": "BR2_PACKAGE_UTIL_LINUX && BR2_USE_MMU"}
+#: What the image has instead of offering.
+BUILDROOT_IMAGE = ["BR2_PACKAGE_HAS_UDEV", "BR2_STATIC_LIBS"]
 
 
 class BuildrootMenu:
@@ -234,7 +253,7 @@ class BuildrootMenu:
         root = directory / "Config.in"
         root.write_text("".join(
             [f"config {symbol}\n\tbool \"{symbol}\"\n"
-             for symbol in [*BUILDROOT_TOOLCHAIN, "BR2_STATIC_LIBS"]]
+             for symbol in [*BUILDROOT_TOOLCHAIN, *BUILDROOT_IMAGE]]
             + [f"config {name}\n\tbool\n\tdepends on {needs}\n"
                for name, needs in BUILDROOT_PACKAGES.items()]
             + ['source "$BR2_EXTERNAL_VOLDRAKE_PATH/Config.in"\n']))
@@ -243,7 +262,7 @@ class BuildrootMenu:
         monkeypatch.setenv("KCONFIG_WARN_UNDEF", "y")
         self._menu = kconfiglib.Kconfig(str(root), warn_to_stderr=False)
         self._written = directory / ".config"
-        self.answer("y", *(set(BUILDROOT_TOOLCHAIN) - set(lacking)))
+        self.answer("y", *({*BUILDROOT_TOOLCHAIN, "BR2_PACKAGE_HAS_UDEV"} - set(lacking)))
 
     def answer(self, value: str, *symbols: str) -> None:
         """Give one answer to these questions; the menu keeps it while it does not apply."""
@@ -255,7 +274,7 @@ class BuildrootMenu:
         self._menu.write_config(str(self._written))
         assert self._menu.warnings == []
         chosen = set(re.findall(r"^(\w+)=y$", self._written.read_text(), re.MULTILINE))
-        return chosen - {*BUILDROOT_TOOLCHAIN, "BR2_STATIC_LIBS"}
+        return chosen - {*BUILDROOT_TOOLCHAIN, *BUILDROOT_IMAGE}
 
     def comments(self) -> list[str]:
         """The comments that are shown."""
@@ -275,8 +294,10 @@ def test_buildroot_selects_what_the_package_needs(
     defaults = {"BR2_PACKAGE_VOLDRAKE", "BR2_PACKAGE_VOLDRAKE_STATIC_RUNTIME"}
     sharing = {"BR2_PACKAGE_VOLDRAKE_SHARING", "BR2_PACKAGE_NFS_UTILS",
                "BR2_PACKAGE_NFS_UTILS_RPC_NFSD"}
-    assert menu.chosen() == defaults | needed | sharing
-    menu.answer("n", "BR2_PACKAGE_VOLDRAKE_SHARING")
+    hald = {"BR2_PACKAGE_VOLDRAKE_HALD", "BR2_PACKAGE_UTIL_LINUX",
+            "BR2_PACKAGE_UTIL_LINUX_LIBMOUNT", "BR2_PACKAGE_UTIL_LINUX_MOUNT"}
+    assert menu.chosen() == defaults | needed | sharing | hald
+    menu.answer("n", "BR2_PACKAGE_VOLDRAKE_SHARING", "BR2_PACKAGE_VOLDRAKE_HALD")
     menu.answer("y", "BR2_PACKAGE_VOLDRAKE_TOOLS")
     assert menu.chosen() == defaults | {"BR2_PACKAGE_VOLDRAKE_TOOLS"} | needed
     assert menu.comments() == []
@@ -301,7 +322,25 @@ def test_buildroot_image_of_static_libraries_does_without_sharing(
     assert not {name for name in menu.chosen() if name.endswith(("_SHARING", "NFS_UTILS"))}
 
 
-@pytest.mark.parametrize("option", ["STATIC_RUNTIME", "IGNORE_UNKNOWN_ANNOUNCEMENTS"])
+def test_buildroot_image_without_udev_does_without_the_hardware_service(
+        tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    menu = BuildrootMenu(tmp_path, monkeypatch, "BR2_PACKAGE_HAS_UDEV")
+    menu.answer("y", "BR2_PACKAGE_VOLDRAKE")
+    assert "BR2_PACKAGE_VOLDRAKE" in menu.chosen()
+    assert not {name for name in menu.chosen() if name.endswith("_HALD")}
+    assert menu.comments() == ["the hardware service needs udev /dev management"]
+
+
+def test_buildroot_builds_the_hardware_service_with_what_it_needs() -> None:
+    package = buildroot(BR2_PACKAGE_VOLDRAKE_HALD="y")
+    assert {"udev", "util-linux"} <= set(package["DEPENDENCIES"].split())
+    assert {"udev", "util-linux"}.isdisjoint(buildroot()["DEPENDENCIES"].split())
+    names = dict(re.findall(r"-D(VOLDRAKE\w*SYSV_NAME)=(\S+)", package["CONF_OPTS"]))
+    # The daemon looks for the service once.
+    assert names["VOLDRAKE_HALD_SYSV_NAME"] < names["VOLDRAKE_SYSV_NAME"]
+
+
+@pytest.mark.parametrize("option", ["HALD", "STATIC_RUNTIME", "IGNORE_UNKNOWN_ANNOUNCEMENTS"])
 def test_buildroot_menu_reaches_the_build(option: str) -> None:
     for setting, value in ({}, "OFF"), ({f"BR2_PACKAGE_VOLDRAKE_{option}": "y"}, "ON"):
         assert f"-DVOLDRAKE_{option}={value}" in buildroot(**setting)["CONF_OPTS"].split()

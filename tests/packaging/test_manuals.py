@@ -9,7 +9,8 @@ import pytest
 
 from testbed import target
 
-PAGES = ["voldrake.8", "voldrake.conf.5", "voldrake-monitor.1", "voldrake-shares.1",
+PAGES = ["voldrake.8", "voldrake-hald.8", "voldrake.conf.5", "voldrake-monitor.1",
+         "voldrake-shares.1",
          "voldrake-halsim.1", "voldrake-datasource.7", "voldrake-announcement.7"]
 SOURCE = target.REPOSITORY
 
@@ -56,9 +57,11 @@ def test_explains_every_option_of_the_daemon(tree) -> None:
     assert sorted(explained) == sorted(options)
 
 
-@pytest.mark.parametrize("name", ["voldrake-monitor", "voldrake-shares", "voldrake-halsim"])
+@pytest.mark.parametrize("name", ["voldrake-hald.8", "voldrake-monitor.1", "voldrake-shares.1",
+                                  "voldrake-halsim.1"])
 def test_explains_every_option_of_a_tool(tree, name: str) -> None:
-    text = rendered(page(tree, f"{name}.1"))
+    text = rendered(page(tree, name))
+    name = name[:-2]
     for option in tool_options(tree, name):
         assert re.search(rf"{option}\b", text), f"{option} is not explained"
 
@@ -68,7 +71,8 @@ def tool_options(tree, name: str) -> set[str]:
     commands = [[], ["announce"]] if name == "voldrake-shares" else [[]]
     options: set[str] = set()
     for command in commands:
-        told = subprocess.run([str(tree.path(f"bin/{name}")), *command, "--help"], text=True,
+        directory = "sbin" if name == "voldrake-hald" else "bin"
+        told = subprocess.run([str(tree.path(f"{directory}/{name}")), *command, "--help"], text=True,
                               capture_output=True, check=True)
         options |= set(re.findall(r"(--[a-z][\w-]+)", told.stdout))
     assert "--version" in options

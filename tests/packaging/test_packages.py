@@ -58,7 +58,8 @@ def traces(root: Root) -> list[str]:
 def packages() -> list[Path]:
     directory = Path(os.environ["VOLDRAKE_PACKAGES"])
     found = [package for package in directory.glob("*.deb") if "-dbgsym_" not in package.name]
-    assert sorted(package.name.split("_")[0] for package in found) == ["voldrake", "voldrake-tools"]
+    assert sorted(package.name.split("_")[0] for package in found) == [
+        "voldrake", "voldrake-hald", "voldrake-tools"]
     return found
 
 
@@ -95,7 +96,7 @@ def programs(packages: list[Path], tmp_path: Path) -> list[Path]:
     for package in packages:
         subprocess.run(["dpkg-deb", "--extract", str(package), str(tmp_path)], check=True)
     found = [*tmp_path.glob("usr/sbin/*"), *tmp_path.glob("usr/bin/*")]
-    assert len(found) == 4
+    assert len(found) == 5
     return found
 
 
@@ -137,15 +138,47 @@ def test_installs_with_what_it_depends_on(root: Root) -> None:
     assert traces(root) == []
     root.run("apt-get install --yes --no-install-recommends /packages/*.deb")
     states = root.run("dpkg-query -W -f '${Package} ${db:Status-Abbrev}\\n' 'voldrake*'")
-    assert states.split() == ["voldrake", "ii", "voldrake-tools", "ii"]
-    assert root.run("dpkg --verify voldrake voldrake-tools") == ""
-    missing = root.run("ldd /usr/sbin/voldrake /usr/bin/voldrake-* | grep 'not found'", check=False)
+    assert states.split() == ["voldrake", "ii", "voldrake-hald", "ii", "voldrake-tools", "ii"]
+    assert root.run("dpkg --verify voldrake voldrake-hald voldrake-tools") == ""
+    missing = root.run("ldd /usr/sbin/voldrake* /usr/bin/voldrake-* | grep 'not found'", check=False)
     assert missing == ""
 
 
 def test_will_start_at_boot(root: Root) -> None:
     link = "/etc/systemd/system/multi-user.target.wants/voldrake.service"
     assert root.run(f"readlink {link}") == "/lib/systemd/system/voldrake.service\n"
+
+
+def test_hardware_service_will_be_there_for_its_name(root: Root) -> None:
+    link = "/etc/systemd/system/dbus-org.freedesktop.Hal.service"
+    assert root.run(f"readlink {link}") == "/lib/systemd/system/voldrake-hald.service\n"
+
+
+def test_hardware_service_needs_what_it_runs_with(packages: list[Path]) -> None:
+    found = {fields(package)["Package"]: package for package in packages}
+    text = subprocess.run(["dpkg-deb", "--field", str(found["voldrake-hald"]), "Depends",
+                           "Suggests"], text=True, capture_output=True, check=True).stdout
+    named = set(re.findall(r"[a-z][\w.+-]+", text))
+    assert {"mount", "udev", "default-dbus-system-bus", "libudev1", "libmount1",
+            "ntfs-3g"} <= named
+    assert "voldrake-hald" in fields(found["voldrake"])["Recommends"]
+
+
+def test_packages_have_their_own_files_only(packages: list[Path]) -> None:
+    for package in packages:
+        listing = subprocess.run(["dpkg-deb", "--contents", str(package)], text=True,
+                                 capture_output=True, check=True).stdout
+        files = {line.split()[5] for line in listing.splitlines() if not line.endswith("/")}
+        of_hald = {file for file in files if "hald" in file.removeprefix("./usr/share/doc/")
+                   or file.endswith("org.freedesktop.Hal.service")}
+        others = {file for file in files - of_hald if "/doc/" not in file}
+        if fields(package)["Package"] == "voldrake-hald":
+            assert {"./usr/sbin/voldrake-hald", "./lib/systemd/system/voldrake-hald.service",
+                    "./usr/share/dbus-1/system-services/org.freedesktop.Hal.service",
+                    "./usr/share/dbus-1/system.d/voldrake-hald.conf"} <= of_hald
+            assert others == set()
+        else:
+            assert of_hald == set()
 
 
 def test_runs(root: Root) -> None:
@@ -166,7 +199,8 @@ def test_upgrade_keeps_the_settings(root: Root, packages: list[Path], tmp_path: 
         control = content / "DEBIAN/control"
         control.write_text(re.sub(r"^Version: .*$", r"\g<0>+next", control.read_text(),
                                   flags=re.MULTILINE))
-        with (content / "etc/default/voldrake").open("a") if "tools" not in package.name else open(
+        settings_file = content / "etc/default/voldrake"
+        with settings_file.open("a") if settings_file.exists() else open(
                 os.devnull, "w", encoding="ascii") as settings:
             settings.write("# A line of the next version.\n")
         subprocess.run(["dpkg-deb", "--root-owner-group", "--build", str(content),
@@ -180,14 +214,18 @@ def test_upgrade_keeps_the_settings(root: Root, packages: list[Path], tmp_path: 
 
 
 def test_removal_keeps_the_settings_only(root: Root) -> None:
-    root.run("dpkg --remove voldrake-tools voldrake")
+    root.run("dpkg --remove voldrake-tools voldrake-hald voldrake")
     kept = [path for path in traces(root) if not path.startswith("/var/lib/systemd/")]
     assert kept == ["/etc/default/voldrake", "/etc/default/voldrake.dpkg-dist",
                     "/etc/logrotate.d/voldrake",
+                    "/etc/systemd/system/dbus-org.freedesktop.Hal.service",
+                    "/etc/systemd/system/dbus.service.wants/voldrake-bus.service",
+                    "/etc/systemd/system/dbus.service.wants/voldrake.service",
+                    "/etc/systemd/system/multi-user.target.wants/voldrake-hald.service",
                     "/etc/systemd/system/multi-user.target.wants/voldrake.service",
                     "/var/log/voldrake.log"]
 
 
 def test_purge_leaves_nothing(root: Root) -> None:
-    root.run("dpkg --purge voldrake-tools voldrake")
+    root.run("dpkg --purge voldrake-tools voldrake-hald voldrake")
     assert traces(root) == ["/var/log/voldrake.log"]

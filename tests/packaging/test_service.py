@@ -34,10 +34,19 @@ def service(tree) -> Path:
     return tree.path("lib/systemd/system/voldrake.service")
 
 
-@pytest.fixture
-def settings(service: Path) -> list[tuple[str, str]]:
+def settings_of(service: Path) -> list[tuple[str, str]]:
     lines = service.read_text().splitlines()
     return [tuple(line.split("=", 1)) for line in lines if re.match(r"\w+=", line)]
+
+
+@pytest.fixture
+def settings(service: Path) -> list[tuple[str, str]]:
+    return settings_of(service)
+
+
+@pytest.fixture
+def hardware_service(service: Path) -> Path:
+    return service.with_name("voldrake-hald.service")
 
 
 def values(settings: list[tuple[str, str]], key: str) -> list[str]:
@@ -48,19 +57,25 @@ def exposure(service: Path, *options: str) -> float:
     """The exposure level that systemd finds, 0 to 10."""
     done = subprocess.run(["systemd-analyze", "security", "--offline=true", "--no-pager", *options,
                            str(service)], capture_output=True, text=True, check=True)
-    found = re.search(r"exposure level for voldrake.service: ([\d.]+)", done.stdout)
+    found = re.search(rf"exposure level for {service.name}: ([\d.]+)", done.stdout)
     assert found, done.stdout
     return float(found[1])
 
 
-def test_is_accepted_by_systemd(tree, service: Path, tmp_path: Path) -> None:
-    # The program is where the installed tree has it, not where the unit will.
-    text = service.read_text().replace(tree.prefix + "/sbin", str(tree.path("sbin")))
-    copy = tmp_path / "voldrake.service"
-    copy.write_text(text)
-    done = subprocess.run(["systemd-analyze", "verify", "--man=no", str(copy)],
+def verified(tree, service: Path, directory: Path) -> tuple[int, str, str]:
+    """What systemd says of a unit. The programs are where the installed tree has them, not where
+    the unit will."""
+    for unit in service.parent.glob("*.service"):
+        text = unit.read_text().replace(tree.prefix + "/sbin", str(tree.path("sbin")))
+        (directory / unit.name).write_text(text)
+    done = subprocess.run(["systemd-analyze", "verify", "--man=no", str(directory / service.name)],
                           capture_output=True, text=True, check=False)
-    assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    return done.returncode, done.stdout, done.stderr
+
+
+@pytest.mark.parametrize("name", ["voldrake", "voldrake-bus", "voldrake-hald", "voldrake-stop"])
+def test_is_accepted_by_systemd(tree, service: Path, tmp_path: Path, name: str) -> None:
+    assert verified(tree, service.with_name(f"{name}.service"), tmp_path) == (0, "", "")
 
 
 def test_is_hardened_as_far_as_shared_mounts_allow(service: Path) -> None:
@@ -69,8 +84,59 @@ def test_is_hardened_as_far_as_shared_mounts_allow(service: Path) -> None:
     assert exposure(service) <= 4.1
 
 
-def test_shares_the_mount_name_space(settings: list[tuple[str, str]]) -> None:
-    assert HIDING.isdisjoint(name for name, _ in settings)
+def test_hardware_service_is_hardened_as_far_as_mounting_allows(hardware_service: Path) -> None:
+    policy = f"--security-policy={SYSTEMD / 'security-policy.json'}"
+    assert exposure(hardware_service, policy) <= 2.4
+    assert exposure(hardware_service) <= 3.9
+
+
+def test_both_share_the_mount_name_space(service: Path, hardware_service: Path) -> None:
+    for unit in (service, hardware_service):
+        assert HIDING.isdisjoint(name for name, _ in settings_of(unit))
+
+
+def test_hardware_service_hears_udev(hardware_service: Path) -> None:
+    """Its events are sent in the network name space of the system."""
+    settings = settings_of(hardware_service)
+    assert "PrivateNetwork" not in {name for name, _ in settings}
+    assert values(settings, "RestrictAddressFamilies") == ["AF_UNIX", "AF_NETLINK"]
+
+
+def test_hardware_service_is_started_for_its_name(tree, hardware_service: Path) -> None:
+    settings = settings_of(hardware_service)
+    activation = tree.path(
+        "share/dbus-1/system-services/org.freedesktop.Hal.service").read_text().splitlines()
+    assert {"Name=org.freedesktop.Hal", "User=root"} <= set(activation)
+    (alias,) = values(settings, "Alias")
+    assert f"SystemdService={alias}" in activation
+    assert values(settings, "BusName") == ["org.freedesktop.Hal"]
+    # The storage-volume daemon comes after that name, and has it started.
+    daemon = settings_of(hardware_service.with_name("voldrake.service"))
+    assert alias in values(daemon, "Wants") and alias in values(daemon, "After")
+
+
+def test_hardware_service_has_its_devices_when_their_drivers_are_modules(
+        hardware_service: Path) -> None:
+    settings = settings_of(hardware_service)
+    modules = {"modprobe@sd_mod.service", "modprobe@mmc_block.service"}
+    assert modules <= set(values(settings, "Wants")) & set(values(settings, "After"))
+    assert [value for name, value in settings if name == "DeviceAllow"] == [
+        "block-sd rw", "block-mmc rw", "block-blkext rw", "/dev/fuse rw"]
+
+
+def test_hardware_service_is_always_there_again(hardware_service: Path) -> None:
+    settings = settings_of(hardware_service)
+    assert values(settings, "Restart") == ["always"]
+    interval, burst, pause = (int(values(settings, name)[0]) for name in (
+        "StartLimitIntervalSec", "StartLimitBurst", "RestartSec"))
+    assert interval / pause + 1 < burst
+    # With what it has told and mounted, and with the processes of mounted file systems.
+    assert values(settings, "RuntimeDirectoryPreserve") == ["yes"]
+    assert values(settings, "KillMode") == ["process"]
+
+
+def test_what_has_no_modes_is_mounted_readable(hardware_service: Path) -> None:
+    assert values(settings_of(hardware_service), "UMask") == ["0022"]
 
 
 def test_security_policy_leaves_out_only_what_hides_mounts() -> None:
@@ -79,9 +145,19 @@ def test_security_policy_leaves_out_only_what_hides_mounts() -> None:
     assert set(policy) - {"RootDirectoryOrRootImage"} <= HIDING
 
 
-def test_comes_after_bus_hardware_service_and_network(settings: list[tuple[str, str]]) -> None:
+def test_comes_after_bus_and_hardware_service(settings: list[tuple[str, str]]) -> None:
     after = values(settings, "After")
-    assert {"dbus.service", "dbus-org.freedesktop.Hal.service", "network.target"} <= set(after)
+    assert {"dbus.service", "dbus-org.freedesktop.Hal.service"} <= set(after)
+
+
+def test_waits_for_no_network_at_its_start_but_ends_before_it(
+        tree, settings: list[tuple[str, str]]) -> None:
+    assert {"network.target", "network-online.target", "nfs-server.service"}.isdisjoint(
+        values(settings, "After"))
+    assert "voldrake-stop.service" in values(settings, "Wants")
+    stop = tree.path("lib/systemd/system/voldrake-stop.service").read_text()
+    assert "\nAfter=network.target nfs-server.service\n" in stop
+    assert "\nExecStop=systemctl stop voldrake.service\n" in stop
 
 
 def test_returns_after_every_failure_at_a_limited_rate(settings: list[tuple[str, str]]) -> None:

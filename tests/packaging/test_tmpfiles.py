@@ -32,3 +32,13 @@ def test_leaves_directories_that_exist_as_they_are(configuration: Path, tmp_path
         (tmp_path / name).chmod(0o2770)
     apply(configuration, tmp_path, "--create")
     assert [mode(tmp_path / name) for name in ("media", "mnt")] == [0o2770, 0o2770]
+
+
+def test_forgets_at_boot_alone_what_was_exported(configuration: Path, tmp_path: Path) -> None:
+    table = tmp_path / "var/lib/nfs/etab"
+    table.parent.mkdir(parents=True)
+    table.write_text("/media/sda1\t*(ro)\n")
+    apply(configuration, tmp_path, "--create", "--remove")
+    assert table.exists()
+    apply(configuration, tmp_path, "--create", "--remove", "--boot")
+    assert not table.exists()

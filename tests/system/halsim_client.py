@@ -1,10 +1,10 @@
 """What the tests of the stand-in hardware service share: it alone on a bus, and a client."""
 
+import itertools
 import os
 import re
 import shutil
 import subprocess
-import time
 from pathlib import Path
 from typing import Iterator
 
@@ -16,6 +16,7 @@ from testbed.hal import Hal
 from testbed.process import Process
 from testbed.sandbox import Sandbox
 from testbed.tape import Channel, NotSeen, Tape
+from testbed.waiting import wait_until
 
 PREFIX = "/org/freedesktop/Hal/devices/"
 ROOT = PREFIX + "computer"
@@ -31,20 +32,30 @@ class Client:
     def __init__(self, sandbox: Sandbox, tape: Tape) -> None:
         self.heard = Channel(tape, "client")
         self._sandbox = sandbox
+        self._numbers = itertools.count(1)
 
     def listen(self, hal: Hal) -> None:
         """Record every signal of the service from now on."""
         self._sandbox.spawn(["gdbus", "monitor", "--system", "--dest", hal.unique_name],
                             "monitor", on_line=self.heard.record)
         # It does not say when it hears; so it is spoken to until it does.
-        deadline = time.monotonic() + timeouts.START
-        while True:
-            hal.command("emit /hello com.example.Test Hello")
+        def answered() -> bool:
+            hal.command("emit /hello com.example.Test Hello ('first',)")
             try:
-                self.heard.expect("/hello: com.example.Test.Hello ()", 20 * timeouts.POLL)
-                return
+                self.heard.expect("/hello: com.example.Test.Hello ('first',)", 20 * timeouts.POLL)
+                return True
             except NotSeen:
-                assert time.monotonic() < deadline, "the client hears nothing"
+                return False
+
+        wait_until(answered, "the client hears", timeouts.START)
+
+    def heard_of(self, hal: Hal) -> list[str]:
+        """The signals that were heard of what the service has sent until now, without greetings."""
+        arguments = f"('last {next(self._numbers)}',)"
+        hal.command(f"emit /hello com.example.Test Hello {arguments}")
+        return [event.text
+                for event in self.heard.until(f"/hello: com.example.Test.Hello {arguments}")
+                if event.text.startswith("/") and not event.text.startswith("/hello: ")]
 
     def call(self, path: str, method: str, *arguments: str) -> str:
         """Call a method; the answer as GVariant text, or "NAME: TEXT" of the error."""
@@ -90,8 +101,7 @@ def fixture_hal(box: Sandbox) -> Iterator[Hal]:
     """The service, not started yet; a test that does not start it itself takes `sim`."""
     hal = Hal(box, Tape())
     yield hal
-    if hal.process and hal.process.poll() is None:
-        assert hal.stop() == 0
+    hal.close()
     for left in box.path("/media").iterdir():
         shutil.rmtree(left)
     print(hal.events.tape)
@@ -111,9 +121,8 @@ def fixture_client(box: Sandbox, hal: Hal) -> Client:
 
 
 def signals(hal: Hal) -> list[str]:
-    """The signals sent so far: member, and the last part of the first object path in it."""
-    lines = [event.text.split(" ", 3) for event in hal.events.since()
-             if event.text.startswith("signal ")]
+    """The signals until now: member, and the last part of the first object path in it."""
+    lines = [text.split(" ", 3) for text in hal.lines() if text.startswith("signal ")]
     return [f"{words[1]} {re.sub(r'.*/', '', words[2])}" if words[1] == "PropertyModified"
             else f"{words[1]} {re.sub(r'.*/', '', words[3]).rstrip(chr(39) + ')')}"
             for words in lines]

@@ -51,8 +51,7 @@ def checked(cid: str) -> str:
 
 def told(unit: Unit, count: int, timeout: float = timeouts.EVENT) -> list[str]:
     """The texts of the next `count` messages, in the order of their connections."""
-    frames = [unit.application.next_frame(timeout) for _ in range(count)]
-    return [frame.text() for frame in sorted(frames, key=lambda frame: frame.accepted)]
+    return [unit.application.next_text(timeout) for _ in range(count)]
 
 
 def registered(unit: Unit) -> Mark:
@@ -65,7 +64,6 @@ def registered(unit: Unit) -> Mark:
 
 def mark(unit: Unit) -> Mark:
     """The tape's end, with every log line that is written by now before it."""
-    unit.daemon.log_lines()
     return unit.mark()
 
 

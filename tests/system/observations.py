@@ -2,27 +2,16 @@
 
 import re
 import signal
-import time
 from pathlib import Path
-from typing import Callable
 
-from testbed import timeouts
 from testbed.tape import Mark
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 
 def mark_behind_log(unit: Unit) -> Mark:
     """The present end of the tape, behind every line that the log file has by now."""
-    unit.daemon.log_lines()
     return unit.mark()
-
-
-def wait_until(condition: Callable[[], object], what: str) -> None:
-    """Return once `condition` holds. Raises AssertionError when that does not come about."""
-    deadline = time.monotonic() + timeouts.EVENT
-    while not condition():
-        assert time.monotonic() < deadline, f"this never came about: {what}"
-        time.sleep(timeouts.POLL)
 
 
 def signal_set(unit: Unit, name: str) -> set[int]:
@@ -41,13 +30,3 @@ def processor_seconds(unit: Unit) -> float:
     """The processor time that the daemon's threads have used so far; to a nanosecond."""
     tasks = Path(f"/proc/{unit.daemon.process.pid}/task").iterdir()
     return sum(int((task / "schedstat").read_text().split()[0]) for task in tasks) / 1e9
-
-
-def wake_ups(unit: Unit) -> dict[str, int]:
-    """How often each of the daemon's threads, by its id, has waited for something so far."""
-    counts = {}
-    for task in Path(f"/proc/{unit.daemon.process.pid}/task").iterdir():
-        status = (task / "status").read_text()
-        counts[task.name] = int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)$", status,
-                                          re.MULTILINE)[1])
-    return counts

@@ -239,8 +239,8 @@ def test_the_name_is_what_follows_the_first_five_characters(
     assert mounts(unit, since) == [f"'{name}', 'vfat', []"]
     assert said(unit, since)[-1] == (
         ERROR, f"_DeviceAdded: MountVolume failed: {STICK_VOLUME} {name} vfat")
-    assert unit.sandbox.path("/media/kept/charts").read_text() == "charts"
-    assert unit.sandbox.path("/etc/passwd").exists()
+    assert unit.content("/media/kept/charts") == "charts"
+    assert unit.exists("/etc/passwd")
 
 
 def test_a_disk_without_name_is_mounted_under_the_name_that_the_service_chooses(
@@ -252,7 +252,7 @@ def test_a_disk_without_name_is_mounted_under_the_name_that_the_service_chooses(
     unit.settle()
     assert unit.links() == {"USB Memory Card": "CHARTS"}
     assert unit.media() == ["CHARTS", "USB Memory Card", "kept"]
-    assert unit.sandbox.path("/media/kept/charts").read_text() == "charts"
+    assert unit.content("/media/kept/charts") == "charts"
 
 
 def test_a_card_without_identity_is_a_hard_drive(running_unit: Unit) -> None:

@@ -6,7 +6,7 @@ import signal
 import pytest
 
 from observations import mark_behind_log, wait_for_signal_handlers
-from testbed.daemon import DEBUG, ERROR, INFO, WARNING
+from testbed.daemon import DEBUG, ERROR, INFO, WARNING, log_line
 from testbed.hal import Hal
 from testbed.tape import Wanted
 from testbed.unit import Unit
@@ -29,7 +29,7 @@ SIGNALS = {
 
 def send_straight_to_the_daemon(unit: Unit, sender: Hal, signal_text: str) -> None:
     """Emit a signal to the daemon alone, whatever its match rules say."""
-    sender.command(f"emit to={unit.hal.calls()[0].sender} {signal_text}")
+    sender.command(f"emit to={unit.hal.caller()} {signal_text}")
 
 
 def expect_dropped(unit: Unit, sender: Hal, signal_text: str) -> str:
@@ -51,7 +51,7 @@ def test_a_signal_straight_from_a_stranger_is_dropped(running_unit: Unit, text: 
     running_unit.settle()
     stranger = running_unit.stranger()
     named = expect_dropped(running_unit, stranger, text.replace("VOLUME", volume))
-    assert named not in (running_unit.hal.unique_name, running_unit.hal.calls()[0].sender)
+    assert named not in (running_unit.hal.unique_name, running_unit.hal.caller())
     assert running_unit.links() == {"USB Memory Card A1": "sda1"}
     running_unit.hal.pull("stick")
     running_unit.application.expect_message("dataremoval")
@@ -128,9 +128,9 @@ def test_the_loss_of_the_bus_is_told_at_once_and_once(running_unit: Unit) -> Non
     running_unit.bus.kill()
     running_unit.daemon.log.expect(Wanted(
         "a line about the loss", lambda event: event.data and event.data.level <= WARNING))
-    mark_in_the_log(running_unit)
-    assert [line.level for line in running_unit.daemon.log_lines(since)
-            if line.level <= WARNING] in ([WARNING], [ERROR])
+    running_unit.daemon.signal(signal.SIGHUP)
+    lines = running_unit.daemon.log_lines(since, until=log_line(INFO, "Starting new log file"))
+    assert [line.level for line in lines if line.level <= WARNING] in ([WARNING], [ERROR])
 
 
 def mark_in_the_log(unit: Unit) -> None:

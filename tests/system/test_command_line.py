@@ -34,7 +34,7 @@ def test_a_bad_command_line_ends_it_with_one_message(unit: Unit, words: list[str
     log = "/var/log/refused.log"
     done = unit.sandbox.run([*target.daemon_command(), "--log", log, *words])
     assert (done.returncode, done.stdout, done.stderr) == (1, "", message + "\n")
-    assert not unit.sandbox.path(log).exists()
+    assert not unit.exists(log)
     assert unit.syslog.records() == []
     assert unit.hal.calls() == []
 
@@ -71,10 +71,10 @@ def test_without_options_it_logs_to_syslog_at_level_three_and_stays_in_the_foreg
     unit.settle()
     assert [record.text for record in unit.syslog.records()] == [
         "Voldrake startup", "Version - 1.10 Client port - 8080", "_ManualScan()"]
-    assert unit.daemon.running()
-    assert unit.daemon.stderr() == ""
     unit.hal.plug("usb stick")
     unit.application.expect_message("dataarrival", path="/media/sda1")
+    assert unit.daemon.terminate() == 0
+    assert unit.daemon.stderr() == ""
 
 
 NFS_ROOTS = {

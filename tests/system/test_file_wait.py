@@ -1,19 +1,42 @@
 """The wait for identity files before the daemon goes to work."""
 
-import math
 import re
-import time
 
 import pytest
 
 from testbed import timeouts
 from testbed.daemon import INFO
+from testbed.strace import Trace
 from testbed.unit import Unit
 
 WAITING = "Voldrake waiting for files to appear"
 NOT_FOUND = "Some files not found"
 ONE, OTHER = "/etc/one", "/etc/other"
 ABOUT_THE_WAIT = re.compile(f"{WAITING}|{NOT_FOUND}|Found: .*")
+#: How the daemon waits until it looks again.
+PAUSE = r"^clock_nanosleep\w*\("
+PAUSES_IN_A_SECOND = 4
+
+
+def start_traced(unit: Unit, *words: str) -> Trace:
+    """Start the daemon and have its looks, its pauses and its log recorded."""
+    trace = Trace(unit.sandbox.logs / "strace")
+    unit.daemon.start(*words, launcher=trace.launcher(
+        "/var/log/strace", "-s", "200", "-e", "trace=%%stat,clock_nanosleep,write"))
+    unit.daemon.expect_log(INFO, WAITING)
+    return trace
+
+
+def calls_until_work_begins(unit: Unit, trace: Trace) -> list[str]:
+    """The system calls until the wait is over; the daemon then goes to work."""
+    unit.hal.expect_call("FindDeviceByCapability")
+    texts = trace.lines()
+    return texts[:next(at for at, text in enumerate(texts) if "initHal()" in text)]
+
+
+def pauses(texts: list[str]) -> int:
+    """The number of pauses among these calls."""
+    return sum(re.search(PAUSE, text) is not None for text in texts)
 
 
 def about_the_wait(unit: Unit) -> list[str]:
@@ -43,9 +66,8 @@ def test_it_does_not_wait_when_everything_is_there(unit: Unit, words: list[str],
                                                    lines: list[str]) -> None:
     for path, content in present.items():
         unit.sandbox.write(path, content)
-    begin = time.monotonic()
-    unit.start_daemon(*words, "--file-timeout", "5")
-    assert time.monotonic() - begin < timeouts.at_most(1)
+    trace = start_traced(unit, *words, "--file-timeout", "5")
+    assert pauses(calls_until_work_begins(unit, trace)) == 0
     assert about_the_wait(unit) == lines
 
 
@@ -53,47 +75,47 @@ def test_an_empty_file_counts_as_missing_until_the_time_is_up(unit: Unit) -> Non
     """One deadline for all: the second file is there and is not looked at any more."""
     unit.sandbox.write(ONE, "")
     unit.sandbox.write(OTHER, "2")
-    begin = time.monotonic()
-    unit.daemon.start("--content-id-file", ONE, "--serial-number-file", OTHER,
-                      "--file-timeout", "2")
-    unit.daemon.expect_log(INFO, NOT_FOUND)
-    # The clock is read in whole seconds and every 250 ms.
-    assert 1 <= time.monotonic() - begin <= timeouts.at_most(2.25)
-    unit.hal.expect_call("FindDeviceByCapability")
+    trace = start_traced(unit, "--content-id-file", ONE, "--serial-number-file", OTHER,
+                         "--file-timeout", "2")
+    calls = calls_until_work_begins(unit, trace)
+    begin, end = trace.times(f"^write.*({WAITING}|{NOT_FOUND})")
+    # The clock is read in whole seconds.
+    assert end - begin > 1
+    assert pauses(calls) <= 2 * PAUSES_IN_A_SECOND
     assert about_the_wait(unit) == [WAITING, NOT_FOUND]
 
 
-def sleep_until(moment: float) -> None:
-    """Let the monotonic clock reach this time."""
-    time.sleep(max(0.0, moment - time.monotonic()))
-
-
 def test_the_deadline_is_one_for_the_whole_list(unit: Unit) -> None:
-    """The first file comes in the last second; the second file gets no more than the rest of it."""
-    second = math.ceil(time.monotonic())
-    sleep_until(second)
-    unit.daemon.start("--content-id-file", ONE, "--serial-number-file", OTHER,
-                      "--file-timeout", "2")
-    unit.daemon.expect_log(INFO, WAITING)
-    assert time.monotonic() < second + 1, "too slow to know when the wait began"
-    sleep_until(second + 1)
+    """The first file comes after two seconds; the second gets no more than the rest of six."""
+    trace = start_traced(unit, "--content-id-file", ONE, "--serial-number-file", OTHER,
+                         "--file-timeout", "6")
+    trace.expect(PAUSE, 2 * PAUSES_IN_A_SECOND)
     unit.sandbox.write(ONE, "1")
     unit.daemon.expect_log(INFO, f"Found: {ONE}")
-    unit.daemon.expect_log(INFO, NOT_FOUND)
-    assert second + 2 <= time.monotonic() <= second + timeouts.at_most(2.25)
+    unit.daemon.expect_log(INFO, NOT_FOUND, 6 + timeouts.EVENT)
+    calls = calls_until_work_begins(unit, trace)
+    begin, end = trace.times(f"^write.*({WAITING}|{NOT_FOUND})")
+    assert end - begin > 5
+    assert pauses(calls) <= 6 * PAUSES_IN_A_SECOND
 
 
 def test_a_file_that_appears_is_found_within_a_quarter_of_a_second(unit: Unit) -> None:
-    unit.daemon.start("--content-id-file", ONE, "--serial-number-file", OTHER,
-                      "--file-timeout", "60")
-    unit.daemon.expect_log(INFO, WAITING)
+    """It is looked for that often, and found by the first look at it."""
+    trace = start_traced(unit, "--content-id-file", ONE, "--serial-number-file", OTHER,
+                         "--file-timeout", "60")
     for path in (ONE, OTHER):
+        seen = len(trace.times(PAUSE))
         unit.sandbox.write(path, "")
+        trace.expect(PAUSE, seen + 2)
         unit.sandbox.write(path, "content")
-        written = time.monotonic()
         unit.daemon.expect_log(INFO, f"Found: {path}")
-        assert time.monotonic() - written <= timeouts.at_most(0.25)
-    unit.hal.expect_call("FindDeviceByCapability")
+    calls = calls_until_work_begins(unit, trace)
+    assert {re.search(r"\{.*?\}", text)[0] for text in calls if re.search(PAUSE, text)} == {
+        "{tv_sec=0, tv_nsec=250000000}"}
+    for path in (ONE, OTHER):
+        look = next(at for at, text in enumerate(calls)
+                    if f'"{path}"' in text and "st_size=7" in text)
+        assert f"Found: {path}" in calls[look + 1]
     assert about_the_wait(unit) == [WAITING, f"Found: {ONE}", f"Found: {OTHER}"]
 
 

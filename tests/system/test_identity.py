@@ -21,11 +21,11 @@ def write(unit: Unit, file: str, content: str | bytes, stamp: int) -> None:
 def told_identity(unit: Unit) -> tuple[str, str]:
     """Content id and serial number that the next arrival reports, as they stand in the message."""
     unit.hal.plug(STICK)
-    text = unit.application.next_text()
+    message = unit.application.next_frame().message()
+    assert message.kind == "dataarrival"
     unit.settle()
     unit.hal.pull("stick")
     assert unit.application.next_text() == removal("/media/sda1")
-    message = unit.application.frames()[-2].message()
     return message["contentid"], message["serialnumber"]
 
 

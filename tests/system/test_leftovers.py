@@ -62,7 +62,7 @@ def test_a_leftover_is_cleared_away(unit: Unit, way: str, entries: list[str]) ->
     assert unit.application.next_text() == arrival("/media/sda1")
     assert warnings(unit, since) == []
     assert unit.mounts() == {"/media/sda1": "rw"}
-    assert os.listdir(unit.sandbox.path("/media/sda1")) == []
+    assert unit.entries("/media/sda1") == []
 
 
 def test_only_the_new_mount_point_is_cleared(running_unit: Unit) -> None:
@@ -71,7 +71,7 @@ def test_only_the_new_mount_point_is_cleared(running_unit: Unit) -> None:
     running_unit.settle()
     assert running_unit.media() == ["USB Memory Card A1", "sda", "sda1", "sda10", "sdb1"]
     for name in ("sda", "sda10", "sdb1"):
-        assert running_unit.sandbox.path(f"/media/{name}/kept").exists()
+        assert running_unit.exists(f"/media/{name}/kept")
 
 
 @_both
@@ -87,7 +87,7 @@ def test_links_in_a_leftover_are_not_followed(unit: Unit, way: str) -> None:
     assert unit.application.next_text() == arrival("/media/sda1")
     assert warnings(unit, since) == []
     for kept in ("/media/neighbour/charts", "/srv/outside/charts", "/etc/voldrake-test"):
-        assert unit.sandbox.path(kept).exists()
+        assert unit.exists(kept)
 
 
 @_both
@@ -99,7 +99,7 @@ def test_a_leftover_that_is_a_link_is_removed_as_a_link(unit: Unit, way: str, ta
     assert unit.application.next_text() == arrival("/media/sda1")
     assert warnings(unit, since) == []
     assert unit.links() == {"USB Memory Card A1": "sda1"}
-    assert unit.sandbox.path("/media/neighbour/charts").read_text() == "charts"
+    assert unit.content("/media/neighbour/charts") == "charts"
 
 
 @_both
@@ -109,7 +109,7 @@ def test_a_link_to_another_file_system_is_left_alone(unit: Unit, way: str) -> No
     since = bring(unit, way)
     assert mount_calls(unit) == ["'sda1', 'vfat', []"]
     assert unit.links() == {"sda1": "/srv/outside"}
-    assert unit.sandbox.path("/srv/outside/charts").read_text() == "charts"
+    assert unit.content("/srv/outside/charts") == "charts"
     assert warnings(unit, since) == []
 
 
@@ -120,7 +120,7 @@ def test_a_mounted_file_system_is_left_alone(unit: Unit, way: str) -> None:
     unit.sandbox.write("/media/sda1/charts", "charts")
     since = bring(unit, way)
     assert mount_calls(unit) == ["'sda1', 'vfat', []"]
-    assert unit.sandbox.path("/media/sda1/charts").read_text() == "charts"
+    assert unit.content("/media/sda1/charts") == "charts"
     assert warnings(unit, since) == []
 
 
@@ -140,7 +140,7 @@ def test_a_leftover_that_cannot_be_deleted_is_told_and_the_mount_is_tried(
         *([(ERROR, f"_DeviceAdded: MountVolume failed: {STICK_VOLUME} sda1 vfat")]
           if way == ARRIVAL else [])]
     assert mount_calls(unit) == ["'sda1', 'vfat', []"]
-    assert unit.sandbox.path("/media/sda1/inner/charts").read_text() == "charts"
+    assert unit.content("/media/sda1/inner/charts") == "charts"
 
 
 @_both
@@ -163,7 +163,7 @@ def test_a_name_that_leads_elsewhere_deletes_nothing(unit: Unit, way: str, devic
         unit.hal.plug(f"{STICK} volume-block={device}")
         unit.start_daemon()
     assert mount_calls(unit) == [f"'{device.removeprefix('/dev/')}', 'vfat', []"]
-    assert all(unit.sandbox.path(path).exists() for path in kept)
+    assert all(unit.exists(path) for path in kept)
     assert unit.media() == ["neighbour", "sda1"]
 
 

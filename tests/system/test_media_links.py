@@ -162,7 +162,7 @@ def test_a_mount_point_below_a_disks_directory_gets_no_link_outside_media(
     told(unit, 2)
     unit.settle()
     assert unit.links() == {"USB Memory Card A1": "sda1"}
-    assert os.listdir(unit.sandbox.path("/media/sda1")) == ["x"]
+    assert unit.entries("/media/sda1") == ["x"]
 
 
 def test_a_volume_on_another_bus_gets_neither_name_nor_link(running_unit: Unit) -> None:

@@ -6,7 +6,6 @@ import random
 import re
 import signal
 import socket
-import time
 from typing import Any, Callable, Iterator
 
 import pytest
@@ -16,6 +15,7 @@ from testbed.process import Process
 from testbed.sandbox import Sandbox
 from testbed.tape import Channel, Tape, Wanted
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 ARRIVAL = (
     '<message version="1" type="datasource"><content><dataarrival path="/media/mmcblk0p1"'
@@ -65,13 +65,7 @@ class Monitor:
         return json.loads(self.line(timeout))
 
     def _port(self) -> int:
-        deadline = time.monotonic() + timeouts.START
-        while True:
-            if told := re.search(r"listening on 127\.0\.0\.1:(\d+)\n", self.process.stderr()):
-                return int(told[1])
-            assert self.process.poll() is None, self.process.stderr()
-            assert time.monotonic() < deadline, "it does not listen"
-            time.sleep(timeouts.POLL)
+        return int(self.process.expect_stderr(re.compile(r"listening on 127\.0\.0\.1:(\d+)\n"))[1])
 
 
 @pytest.fixture(name="box", scope="module")
@@ -93,7 +87,7 @@ def _start(box: Sandbox) -> Iterator[Callable[..., Monitor]]:
 
     yield start
     for monitor in started:
-        if monitor.process.poll() is None:
+        if not monitor.process.collected:
             assert monitor.process.terminate() == 0, monitor.process.stderr()
 
 
@@ -312,10 +306,7 @@ def test_more_connections_than_are_held_wait_and_are_heard(start: Callable[..., 
     alone = len(os.listdir(descriptors))
     held = [monitor.connect() for _ in range(CONNECTIONS + 20)]
     monitor.send(frame.encode(REMOVAL))  # the kernel takes it
-    deadline = time.monotonic() + timeouts.EVENT
-    while (open_now := len(os.listdir(descriptors)) - alone) < CONNECTIONS:
-        assert time.monotonic() < deadline, f"only {open_now} connections are open"
-        time.sleep(timeouts.POLL)
+    wait_until(lambda: len(os.listdir(descriptors)) - alone >= CONNECTIONS, "as many are open")
     for connection in held:
         # One more may have been accepted at the moment when the limit was reached.
         assert len(os.listdir(descriptors)) - alone <= CONNECTIONS + 1
@@ -371,10 +362,7 @@ def test_it_ends_when_nobody_hears_it(box: Sandbox) -> None:
     process = box.spawn(
         ["/bin/sh", "-c", f"exec {target.program('voldrake-monitor')} --port 8081 >/dev/full"],
         "deaf")
-    deadline = time.monotonic() + timeouts.START
-    while "listening" not in process.stderr():
-        assert time.monotonic() < deadline
-        time.sleep(timeouts.POLL)
+    process.expect_stderr("listening")
     connection = box.in_network(lambda: socket.create_connection(("127.0.0.1", 8081)))
     with connection:
         connection.sendall(frame.encode(REMOVAL))

@@ -48,7 +48,7 @@ def test_an_empty_name_does_not_take_media_itself_for_a_leftover(unit: Unit) -> 
     unit.hal.plug("usb stick volume-block=/dev/")
     unit.hal.expect_call("Mount")
     unit.settle()
-    assert unit.sandbox.path("/media/precious/file").read_text() == "content"
+    assert unit.content("/media/precious/file") == "content"
 
 
 def test_a_leftover_is_deleted_before_the_mount(unit: Unit) -> None:
@@ -56,7 +56,7 @@ def test_a_leftover_is_deleted_before_the_mount(unit: Unit) -> None:
     unit.start_daemon()
     unit.hal.plug("usb stick")
     unit.application.expect_message("dataarrival", path="/media/sda1")
-    assert not unit.sandbox.path("/media/sda1/deep").exists()
+    assert not unit.exists("/media/sda1/deep")
     assert [line for line in unit.daemon.log_lines() if line.level == WARNING] == []
 
 
@@ -72,7 +72,7 @@ def test_a_mount_in_a_leftover_is_kept_and_told_of(unit: Unit) -> None:
     assert len(warnings) == 2
     assert warnings[0] in ("Failed to remove /media/sda1", "Failed to remove /media/sda1/inner")
     assert warnings[1] == "DeviceAdded: failed to remove /media/sda1"
-    assert unit.sandbox.path("/media/sda1/inner/file").read_text() == "content"
+    assert unit.content("/media/sda1/inner/file") == "content"
     assert [call.member for call in unit.hal.calls()].count("Mount") == 1
 
 
@@ -84,5 +84,5 @@ def test_a_mounted_file_system_at_the_place_is_no_leftover(unit: Unit) -> None:
     unit.start_daemon()
     unit.hal.plug("usb stick")
     unit.settle()
-    assert unit.sandbox.path("/media/sda1/file").read_text() == "content"
+    assert unit.content("/media/sda1/file") == "content"
     assert [line for line in unit.daemon.log_lines() if line.level == WARNING] == []

@@ -35,7 +35,7 @@ def test_a_removal_takes_its_steps_in_order(unit: Unit) -> None:
         (INFO, "_DeviceRemoved: Found Volume in list: "),
         (INFO, removal("/media/sda1")),
         (DEBUG, "RemoveServiceNFS: /media/sda1")]
-    assert unit.sandbox.path(_EXPORTS).read_text().splitlines() == [
+    assert unit.content(_EXPORTS).splitlines() == [
         "exportfs -u *:/media/sda1", '<dataremoval path="/media/sda1"']
     assert unit.media() == []
     assert unit.application.frames(since) == unit.application.frames()[1:]
@@ -117,7 +117,7 @@ def test_a_volume_without_link_takes_no_link_away(unit: Unit) -> None:
     unit.hal.pull("stick")
     assert told(unit, 2) == [arrival("/media/sda1"), removal("/media/sda1")]
     unit.settle()
-    assert unit.sandbox.path("/media/USB Memory Card A1").read_text() == "a file"
+    assert unit.content("/media/USB Memory Card A1") == "a file"
 
 
 def test_the_other_volumes_keep_their_order(running_unit: Unit) -> None:

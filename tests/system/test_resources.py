@@ -1,42 +1,65 @@
 """What the daemon costs at rest, and what it hands on to the tools that it runs."""
 
+import math
 import os
-import time
+import re
+import signal
+from collections import Counter
 from pathlib import Path
 
 import pytest
 
-from observations import processor_seconds, wait_until, wake_ups
+from observations import processor_seconds
 from testbed import timeouts
 from testbed.application import Mode
+from testbed.daemon import WARNING
 from testbed.network import Network
+from testbed.strace import Call, Strace
+from testbed.tape import Wanted
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 PERIOD = 2.0
-# The most wakings in PERIOD, two at the edges included. Threads that only wait for events: the main
-# thread, the one that catches signals for it, the browser on a network.
-EVENTS_ONLY = 2
-CLIENT = 4 + 2  # the message client, every 500 ms
-SERVICE_LIST = 20 + 2  # every 100 ms
-# The publisher every 1000 ms and, while there is no network, the browser every 100 ms look at the
-# interface; the kernel lets them wait while another process of the machine works on its own.
-PUBLISHER = 2 + 4
-BROWSER = 20 + 15
-AT_REST = [EVENTS_ONLY, EVENTS_ONLY, CLIENT, PUBLISHER, SERVICE_LIST, BROWSER]
+#: How long each thread waits at a time, in seconds; NEVER for those that only wait for events: the
+#: main thread, the one that catches signals for it, the browser on a network.
+NEVER = math.inf
+CLIENT, SERVICE_LIST, PUBLISHER, BROWSER = 0.5, 0.1, 1.0, 0.1
+AT_REST = [NEVER, NEVER, CLIENT, PUBLISHER, SERVICE_LIST, BROWSER]
+#: One that runs when it begins to be looked at, and one that begins at the end of that time.
+EDGES = 2
+AT_REST_SINCE = r"^write\(.*Version - "
+WAIT = re.compile(r"^(\w*poll|clock_nanosleep|restart_syscall|recvmsg)\w*\(|^futex.*FUTEX_WAIT_BITSET")
 
 
-def expect_rest(unit: Unit, limits: list[int]) -> None:
-    """The daemon's threads wake at most as often as `limits` says, and hardly do anything."""
-    before, begin, used = wake_ups(unit), time.monotonic(), processor_seconds(unit)
-    time.sleep(PERIOD)  # the time that is measured
-    after, stretch = wake_ups(unit), (time.monotonic() - begin) / PERIOD
-    used = processor_seconds(unit) - used
-    assert after.keys() == before.keys()
-    counts = sorted(after[thread] - before[thread] for thread in after)
-    assert len(counts) == len(limits), counts
-    for count, limit in zip(counts, sorted(limits)):
-        assert count <= limit * stretch, counts
+def expect_rest(unit: Unit, intervals: list[float]) -> None:
+    """The daemon's threads wait as long at a time as `intervals` says, and hardly do anything."""
+    threads = os.listdir(f"/proc/{unit.daemon.process.pid}/task")
+    assert len(threads) == len(intervals), threads
+    with Strace(unit.daemon.process, unit.sandbox.logs / "strace", "-s", "100") as trace:
+        # What was under way is over when the main thread comes to this.
+        unit.daemon.signal(signal.SIGHUP)
+        trace.expect(AT_REST_SINCE)
+        used = processor_seconds(unit)
+        wait_until(lambda: length(since_rest(trace)) >= PERIOD, "the measured time is over")
+        used = processor_seconds(unit) - used
+    calls = since_rest(trace)
+    waits = Counter(call.thread for call in calls if WAIT.search(call.text))
+    for count, interval in zip(sorted(waits[thread] for thread in threads),
+                               sorted(intervals, reverse=True)):
+        assert count <= length(calls) / interval + EDGES, waits
     assert used < 0.05 * PERIOD * timeouts.SCALE, f"{used} s of processor time"
+
+
+def since_rest(trace: Strace) -> list[Call]:
+    """The calls from the one on that shows that the main thread has nothing more to do."""
+    calls = trace.made()
+    begin = next(at for at, call in enumerate(calls) if re.search(AT_REST_SINCE, call.text))
+    return calls[begin:]
+
+
+def length(calls: list[Call]) -> float:
+    """The seconds from the first to the last call."""
+    return calls[-1].begun - calls[0].begun
 
 
 @pytest.mark.native("other threads would be seen")
@@ -53,7 +76,7 @@ def test_at_rest_with_a_network_the_browser_sleeps_too(make_unit, network: Netwo
     unit.start_daemon()
     wait_until(lambda: "(10000)" in sockets(unit), "the browser listens")
     unit.settle()
-    expect_rest(unit, [*[EVENTS_ONLY] * 3, CLIENT, PUBLISHER, SERVICE_LIST])
+    expect_rest(unit, [NEVER, NEVER, NEVER, CLIENT, PUBLISHER, SERVICE_LIST])
 
 
 def sockets(unit: Unit) -> str:
@@ -66,8 +89,8 @@ def sockets(unit: Unit) -> str:
 @pytest.mark.native("other threads would be seen")
 def test_without_its_bus_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.bus.kill()
-    running_unit.daemon.signal(1)
-    running_unit.daemon.expect_log(3, "Starting new log file")
+    running_unit.daemon.log.expect(Wanted(
+        "a line about the loss", lambda event: event.data and event.data.level <= WARNING))
     expect_rest(running_unit, AT_REST)
 
 
@@ -126,5 +149,5 @@ def test_a_tool_gets_the_standard_streams_only(make_unit, network: Network,
     unit.hal.pull("stick")
     unit.application.expect_message("dataremoval")
     unit.settle()
-    seen = set(unit.sandbox.path("/srv/descriptors").read_text().split())
+    seen = set(unit.content("/srv/descriptors").split())
     assert seen == {"0", "1", "2", "3"}  # the last is the directory that the tool itself reads

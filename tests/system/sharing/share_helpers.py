@@ -3,17 +3,27 @@
 import os
 import time
 from pathlib import Path
-from typing import Callable
 
 import pytest
 
-from testbed import target, timeouts
+from testbed import target
 from testbed.daemon import DEBUG, INFO
 from testbed.peer import Peer
+from testbed.strace import Strace
 from testbed.unit import Unit
+from testbed.waiting import wait_until
 
 CLEAR_EXPORTS = "exportfs -a -r"
 FLUSH_EXPORTS = "exportfs -f"
+
+#: Seconds that a share lives after an announcement, in ticks of 100 ms; the first may fall due at
+#: once.
+LIFE = 2.8
+
+#: In a trace: an announcement or withdrawal of the daemon's own that is sent.
+TO_GROUP = "sendto.*224.1.1.1"
+#: Seconds between two passes of the publisher, less what the clock of a trace may be off.
+PASS = 0.99
 
 _GROUP_IN_KERNEL_TABLE = "010101E0"  # 224.1.1.1
 
@@ -31,14 +41,6 @@ def mount(mode: str, source: str, directory: str) -> str:
 def unmount(directory: str) -> str:
     """Unmounting it."""
     return f"umount -f -l {directory}"
-
-
-def wait_for(condition: Callable[[], bool], what: str, timeout: float = timeouts.EVENT) -> None:
-    """Return when the condition holds. Raises AssertionError when it does not in time."""
-    deadline = time.monotonic() + timeout
-    while not condition():
-        assert time.monotonic() < deadline, f"not within {timeout:g} s: {what}"
-        time.sleep(timeouts.POLL)
 
 
 def network_table(unit: Unit, name: str) -> str:
@@ -70,9 +72,9 @@ def start_sharing(unit: Unit, *arguments: str) -> None:
     Requires: eth0 is up with its address; nothing else in the unit is a member of the group.
     """
     unit.start_daemon(*arguments)
-    wait_for(lambda: listens(unit), "the daemon hears announcements")
+    wait_until(lambda: listens(unit), "the daemon hears announcements")
     if "--debuglevel" not in arguments:
-        wait_for(lambda: unit.daemon.logged(DEBUG, "CServicePublisher: Restarting nfsd done") > 0,
+        wait_until(lambda: unit.daemon.logged(DEBUG, "CServicePublisher: Restarting nfsd done") > 0,
                  "the exports are made")
 
 
@@ -82,6 +84,17 @@ def start_with_peer(unit: Unit, peer: Peer, *arguments: str) -> None:
     peer.send(b"")
     unit.daemon.expect_log(
         INFO, f"CServicePublisher::SetPeerIpAddress Discovered peer IP address: {peer.address}")
+
+
+def seconds_of_silence(strace: Strace, path: str) -> float:
+    """From the last datagram that names the path until the share is unmounted, by the daemon's
+    clock. Requires: its calls of recvmsg and execve are traced."""
+    return strace.times("execve.*umount -f -l")[0] - strace.times(f"recvmsg.*{path}")[-1]
+
+
+def gaps(times: list[float]) -> list[float]:
+    """The seconds between each time and the next."""
+    return [later - earlier for earlier, later in zip(times, times[1:])]
 
 
 def open_descriptors(unit: Unit) -> int:
@@ -111,7 +124,7 @@ def reading_thread(unit: Unit) -> int:
         return [thread for thread in os.listdir(threads)
                 if "skb" in (threads / thread / "wchan").read_text()]
 
-    wait_for(lambda: len(waiting()) == 1, "one thread waits for a datagram")
+    wait_until(lambda: len(waiting()) == 1, "one thread waits for a datagram")
     return int(waiting()[0])
 
 

@@ -1,10 +1,8 @@
 """The end: what is withdrawn, in which order, and how long the NFS clients of other units get."""
 
-import itertools
 import os
 import re
-import threading
-import time
+from pathlib import Path
 
 import pytest
 
@@ -12,6 +10,8 @@ from share_helpers import listens, mount, start_listening, start_sharing, start_
 from testbed import timeouts
 from testbed.daemon import INFO
 from testbed.peer import WITHDRAWN, Announcement
+from testbed.strace import Strace
+from testbed.waiting import wait_until
 
 CLOSING = "CUdpRxSocket::Close: Closing port: 10000"
 RMTAB = "/var/lib/nfs/rmtab"
@@ -21,25 +21,39 @@ REMOVAL = ('<message version="1" type="datasource"><content>'
            f'<dataremoval path="{DIRECTORY}"/></content></message>')
 
 
-def seconds_to_end(unit) -> float:
-    began = time.monotonic()
-    assert unit.daemon.terminate(timeouts.STOP + 5) == 0
-    return time.monotonic() - began
+def traced_end(unit, log_directory) -> Strace:
+    """Traces what the main thread looks at, sends and sleeps."""
+    return Strace(unit.daemon.process, log_directory / "strace", "-e",
+                  "trace=/stat,sendto,/nanosleep", thread=unit.daemon.process.pid)
 
 
-def test_every_volume_is_withdrawn_at_once_and_nothing_announced_after(unit, tools, peer) -> None:
+def naps(strace: Strace) -> list[int]:
+    """The whole seconds that the thread has asked to sleep for."""
+    asked = [re.search(r"nanosleep.*?\{tv_sec=(\d+), tv_nsec=0\}", line)
+             for line in strace.lines()]
+    return [int(match[1]) for match in asked if match and match[1] != "0"]
+
+
+def state(unit) -> str:
+    """The state of the daemon's process, as in proc(5)."""
+    stat = Path(f"/proc/{unit.daemon.process.pid}/stat").read_text()
+    return stat.rpartition(")")[2].split()[0]
+
+
+def test_every_volume_is_withdrawn_at_once_and_nothing_announced_after(unit, tools, peer,
+                                                                       log_directory) -> None:
     start_with_peer(unit, peer, "--internal-share-path", "/srv/charts")
     unit.hal.plug("usb stick")
     peer.expect_announcement("/media/sda1")
     since = unit.mark()
-    began = time.monotonic()
-    unit.daemon.signal(15)
-    peer.expect_announcement("/media/sda1", WITHDRAWN)
-    peer.expect_announcement("/srv/charts", WITHDRAWN)
-    assert time.monotonic() - began < timeouts.at_most(0)
-    withdrawn = unit.mark()
-    assert unit.daemon.wait() == 0
-    assert peer.heard(withdrawn) == []
+    with traced_end(unit, log_directory) as strace:
+        unit.daemon.signal(15)
+        assert unit.daemon.wait() == 0
+    calls = [name for name in strace.calls() if "stat" not in name]
+    assert calls[:3] == ["sendto", "sendto", calls[2]] and "sendto" not in calls[2:], calls
+    heard = [(one.announcement().message_type, one.announcement().path) for one in peer.heard(since)]
+    assert heard[-2:] == [(WITHDRAWN, "/media/sda1"), (WITHDRAWN, "/srv/charts")]
+    assert WITHDRAWN not in [message_type for message_type, _ in heard[:-2]]
     texts = [line.text for line in unit.daemon.log_lines(since)
              if line.text in ("Handling SIGTERM", "Exiting", CLOSING)]
     assert texts == ["Handling SIGTERM", "Exiting", CLOSING]
@@ -47,46 +61,41 @@ def test_every_volume_is_withdrawn_at_once_and_nothing_announced_after(unit, too
 
 
 @pytest.mark.parametrize("rmtab", [None, 1000], ids=["is missing", "does not change"])
-def test_the_end_takes_three_seconds_when_the_table_of_remote_mounts(unit, tools, peer,
+def test_the_end_takes_three_seconds_when_the_table_of_remote_mounts(unit, tools, log_directory,
                                                                      rmtab: int | None) -> None:
     if rmtab:
         unit.sandbox.write(RMTAB, "169.254.3.7:/media/sda1:0x00000001\n")
         os.utime(unit.sandbox.path(RMTAB), (rmtab, rmtab))
     start_sharing(unit)
-    assert 3.0 <= seconds_to_end(unit) < timeouts.at_most(3)
+    with traced_end(unit, log_directory) as strace:
+        assert unit.daemon.terminate() == 0
+    assert naps(strace) == [1, 2]
 
 
-@pytest.mark.parametrize("changes_for, takes", [
-    pytest.param(0.5, 4, id="once, two seconds more"),
-    pytest.param(3.5, 7, id="four times, seven seconds"),
-    pytest.param(30, 5, id="for ever, five measurements")])
-def test_the_end_waits_while_the_table_of_remote_mounts_changes(unit, tools, peer,
-                                                                changes_for: float,
-                                                                takes: float) -> None:
+@pytest.mark.parametrize("changes", [1, 4, 6], ids=[
+    "once, two seconds more", "four times, seven seconds", "for ever, five measurements"])
+def test_the_end_waits_while_the_table_of_remote_mounts_changes(unit, tools, log_directory,
+                                                                changes: int) -> None:
+    """It is measured once a second. Each change is made between two measurements, for which the
+    daemon is stopped."""
     unit.sandbox.write(RMTAB, "")
     table = unit.sandbox.path(RMTAB)
     os.utime(table, (1000, 1000))
     start_sharing(unit)
-    ended = threading.Event()
-
-    def change() -> None:
-        until = time.monotonic() + changes_for
-        for stamp in itertools.count(1001):
-            if time.monotonic() >= until or ended.wait(0.2):
-                return
-            os.utime(table, (stamp, stamp))
-
-    began = time.monotonic()
-    unit.daemon.signal(15)
-    unit.daemon.expect_log(INFO, "Exiting")
-    changing = threading.Thread(target=change)
-    changing.start()
-    try:
+    changed = set()
+    with traced_end(unit, log_directory) as strace:
+        unit.daemon.signal(15)
+        for change in range(1, min(changes, 5) + 1):
+            strace.expect("rmtab", change)
+            unit.daemon.process.pause()
+            wait_until(lambda: state(unit) == "t", "it is stopped")
+            measured = sum("rmtab" in line for line in strace.lines())
+            os.utime(table, (1000 + change, 1000 + change))
+            changed.add(measured)
+            unit.daemon.process.resume()
         assert unit.daemon.wait(timeouts.STOP + 5) == 0
-    finally:
-        ended.set()
-        changing.join()
-    assert takes <= time.monotonic() - began < timeouts.at_most(takes)
+    unchanged = next(number for number in range(1, 7) if number not in changed)
+    assert naps(strace) == ([1] * unchanged + [2] if unchanged < 6 else [1] * 5)
 
 
 def test_shares_that_are_left_are_unmounted_and_reported_once_each(unit, tools, make_peer) -> None:
@@ -99,45 +108,52 @@ def test_shares_that_are_left_are_unmounted_and_reported_once_each(unit, tools, 
     since = unit.mark()
     unit.daemon.signal(15)
     unit.daemon.expect_log(INFO, CLOSING, timeouts.STOP)
-    stopped = time.monotonic()
     directories = [f"/mnt/169.254.3.{number}:-media-{name}"
                    for number in (7, 8) for name in ("sda1", "sdb1")]
     for directory in directories:
         unit.application.expect_message("dataremoval", path=directory)
-    assert time.monotonic() - stopped < timeouts.at_most(2)
     assert unit.daemon.wait() == 0
     assert tools.calls(since) == [unmount(directory) for directory in directories]
     assert len(unit.application.frames(since)) == 4
     assert os.listdir(unit.sandbox.path("/mnt")) == []
 
 
-def test_shares_are_still_heard_while_the_clients_get_their_time(unit, tools, peer) -> None:
+def test_shares_are_still_heard_while_the_clients_get_their_time(unit, tools, peer,
+                                                                 log_directory) -> None:
     start_listening(unit)
-    unit.daemon.signal(15)
-    unit.daemon.expect_log(INFO, "Exiting")
-    peer.send(Announcement("/media/sda1"))
-    unit.application.expect_message("dataarrival", path=DIRECTORY)
+    # Its first sleep lasts until the trace ends, however late this test is.
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=/nanosleep",
+                "-e", "inject=/nanosleep:delay_enter=600s", thread=unit.daemon.process.pid):
+        unit.daemon.signal(15)
+        unit.daemon.expect_log(INFO, "Exiting")
+        peer.send(Announcement("/media/sda1"))
+        unit.application.expect_message("dataarrival", path=DIRECTORY)
     assert unit.application.next_text(timeouts.STOP) == REMOVAL
     assert unit.daemon.wait() == 0
 
 
-def test_an_absent_application_holds_up_the_end_for_two_seconds_at_most(unit, tools, peer) -> None:
+def test_an_absent_application_holds_up_the_end_for_a_limited_time(unit, tools, peer,
+                                                                   log_directory) -> None:
     start_listening(unit)
     peer.announce(Announcement("/media/sda1"))
     unit.application.expect_message("dataarrival")
     unit.application.leave()
-    assert 3.0 <= seconds_to_end(unit) < timeouts.at_most(5)
+    with traced_end(unit, log_directory) as strace:
+        assert unit.daemon.terminate() == 0
+    assert naps(strace) == [1, 2]
     assert os.listdir(unit.sandbox.path("/mnt")) == []
 
 
-def test_without_a_network_the_end_is_as_orderly(unit, tools, peer) -> None:
+def test_without_a_network_the_end_is_as_orderly(unit, tools, peer, log_directory) -> None:
     start_sharing(unit, "--internal-share-path", "/srv/charts")
     peer.expect_announcement("/srv/charts")
     unit.daemon.log.seek(unit.mark())
     unit.eth0.clear_address()
     unit.daemon.expect_log(INFO, "CServicePublisher: Network Config Changed")
-    since = unit.mark()
-    assert 3.0 <= seconds_to_end(unit) < timeouts.at_most(3)
+    since = peer.mark()
+    with traced_end(unit, log_directory) as strace:
+        assert unit.daemon.terminate() == 0
+    assert naps(strace) == [1, 2]
     assert peer.heard(since) == []
 
 

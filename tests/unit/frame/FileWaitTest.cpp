@@ -6,6 +6,7 @@
 
 #include "support/CapturedLog.h"
 #include "support/Deadline.h"
+#include "support/ProgramTime.h"
 #include "support/TemporaryDirectory.h"
 
 using std::chrono::seconds;
@@ -18,6 +19,14 @@ const tLogLine kSomeMissing{kLogInfo, "Some files not found"};
 
 tLogLine Found(const std::string& path) {
   return {kLogInfo, "Found: " + path};
+}
+
+/// Lets an hour pass once the log has this line. Joined by its owner.
+std::thread AnHourPassesAfter(const tCapturedLog& log, const tLogLine& line) {
+  return std::thread([&log, line] {
+    EXPECT_TRUE(Eventually([&] { return log.Holds(line.level, line.message); }));
+    LetTimePass(std::chrono::hours(1));
+  });
 }
 
 TEST(FileWait, WithoutFilesOnlyTheFirstLineIsLogged) {
@@ -38,7 +47,9 @@ TEST(FileWait, FilesThatAreThereAreFoundAtOnceInListOrder) {
 TEST(FileWait, AnEmptyFileIsNotYetThere) {
   const tCapturedLog log;
   const tTemporaryDirectory directory;
-  WaitForFiles({directory.Write("empty", "")}, seconds(1));
+  std::thread time = AnHourPassesAfter(log, kWaiting);
+  WaitForFiles({directory.Write("empty", "")}, seconds(3600));
+  time.join();
   EXPECT_THAT(log.Lines(), ElementsAre(kWaiting, kSomeMissing));
 }
 
@@ -47,7 +58,9 @@ TEST(FileWait, OneDeadlineCountsForTheWholeList) {
   const tTemporaryDirectory directory;
   const std::string there = directory.Write("there", "x");
   const std::string behind = directory.Write("behind", "x");
-  WaitForFiles({there, directory.Path("missing"), behind}, seconds(1));
+  std::thread time = AnHourPassesAfter(log, Found(there));
+  WaitForFiles({there, directory.Path("missing"), behind}, seconds(3600));
+  time.join();
   EXPECT_THAT(log.Lines(), ElementsAre(kWaiting, Found(there), kSomeMissing))
       << "what stands behind the missing file is not looked at";
 }

@@ -18,13 +18,14 @@ using tBytes = std::vector<uint8_t>;
 
 constexpr in_addr_t kLoopback = INADDR_LOOPBACK;
 
-/// A datagram socket bound to a free port of 127.0.0.1, which nobody else can take meanwhile.
+/// A datagram socket bound to a free port of every address, which nobody else can take meanwhile.
 class tTakenPort {
  public:
-  tTakenPort() : m_Socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+  explicit tTakenPort(in_addr_t on = INADDR_ANY)
+      : m_Socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(kLoopback);
+    address.sin_addr.s_addr = htonl(on);
     socklen_t length = sizeof address;
     EXPECT_EQ(bind(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&address), length), 0);
     EXPECT_EQ(getsockname(m_Socket.Get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
@@ -39,9 +40,20 @@ class tTakenPort {
   uint16_t m_Port = 0;
 };
 
-uint16_t FreePort() {
-  return tTakenPort().Port();
-}
+/// A port for the test's own sockets, which the kernel gives to nobody meanwhile: it is taken on an
+/// address that nothing is sent to.
+class tOwnPort {
+ public:
+  tOwnPort() {
+    const int on = 1;
+    EXPECT_EQ(setsockopt(m_Holder.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on), 0);
+  }
+
+  operator uint16_t() const { return m_Holder.Port(); }
+
+ private:
+  tTakenPort m_Holder{0x7F000002};  // 127.0.0.2
+};
 
 /// Sends from an own address to a port of this machine.
 void SendTo(uint16_t port, const tBytes& bytes) {
@@ -78,7 +90,7 @@ TEST(UdpTxSocket, SendsAnEmptyDatagram) {
 }
 
 TEST(UdpTxSocket, IsBoundToThePortAsItStandsInNetworkOrder) {
-  const uint16_t port = FreePort();
+  const tOwnPort port;
   const tTakenPort receiver;
   CUdpTxSocket sender;
   ASSERT_TRUE(sender.Create(1));
@@ -113,7 +125,7 @@ TEST(UdpTxSocketDeathTest, NeedsADestination) {
 
 TEST(UdpRxSocket, ReceivesADatagramAndTellsItsSender) {
   CUdpRxSocket socket;
-  const uint16_t port = FreePort();
+  const tOwnPort port;
   ASSERT_TRUE(socket.CreateSocket(port));
   SendTo(port, {1, 2, 3});
   tBytes buffer(10);
@@ -127,7 +139,7 @@ TEST(UdpRxSocket, ReceivesADatagramAndTellsItsSender) {
 
 TEST(UdpRxSocket, CutsADatagramToTheBuffer) {
   CUdpRxSocket socket;
-  const uint16_t port = FreePort();
+  const tOwnPort port;
   ASSERT_TRUE(socket.CreateSocket(port));
   SendTo(port, {1, 2, 3});
   SendTo(port, {});
@@ -142,7 +154,7 @@ TEST(UdpRxSocket, CutsADatagramToTheBuffer) {
 
 TEST(UdpRxSocket, SharesItsPortWithOthersOfItsKindOnly) {
   const tCapturedLog log;
-  const uint16_t port = FreePort();
+  const tOwnPort port;
   CUdpRxSocket first;
   CUdpRxSocket second;
   EXPECT_TRUE(first.CreateSocket(port));
@@ -160,7 +172,7 @@ TEST(UdpRxSocket, SharesItsPortWithOthersOfItsKindOnly) {
 
 TEST(UdpRxSocket, NeverReturnsADatagramOfItsOwnUnit) {
   CUdpRxSocket socket;
-  const uint16_t port = FreePort();
+  const tOwnPort port;
   ASSERT_TRUE(socket.CreateSocket(port));
   SendTo(port, {1});
   SendTo(port, {2});
@@ -175,8 +187,9 @@ TEST(UdpRxSocket, NeverReturnsADatagramOfItsOwnUnit) {
 }
 
 TEST(UdpRxSocket, ShutdownEndsABlockedReadAndEveryLaterOneInSilence) {
+  const tOwnPort port;
   CUdpRxSocket socket;
-  ASSERT_TRUE(socket.CreateSocket(FreePort()));
+  ASSERT_TRUE(socket.CreateSocket(port));
   const tCapturedLog log;
   std::thread stopper([&] { socket.Shutdown(); });
   tBytes buffer(10);
@@ -189,7 +202,7 @@ TEST(UdpRxSocket, ShutdownEndsABlockedReadAndEveryLaterOneInSilence) {
 
 TEST(UdpRxSocket, CloseReportsThePortOnceAndNothingWithoutASocket) {
   const tCapturedLog log;
-  const uint16_t port = FreePort();
+  const tOwnPort port;
   {
     CUdpRxSocket socket;
     socket.Close();
@@ -217,8 +230,9 @@ TEST(UdpRxSocket, ReportsTheErrorOfAReadTwice) {
 
 TEST(UdpRxSocket, ReportsAGroupThatItCannotJoinOrLeave) {
   const tCapturedLog log;
+  const tOwnPort port;
   CUdpRxSocket socket;
-  ASSERT_TRUE(socket.CreateSocket(FreePort()));
+  ASSERT_TRUE(socket.CreateSocket(port));
   EXPECT_FALSE(socket._AddMultiCast("127.0.0.1")) << "no multicast group";
   const std::string addError = std::to_string(socket.LastError());
   EXPECT_FALSE(socket._DropMultiCast("127.0.0.1"));

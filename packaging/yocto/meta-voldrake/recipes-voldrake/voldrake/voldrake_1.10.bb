@@ -23,7 +23,8 @@ EXTRA_OECMAKE = "\
     -DVOLDRAKE_SYSV=${@bb.utils.contains('DISTRO_FEATURES', 'sysvinit', 'ON', 'OFF', d)} \
 "
 
-PACKAGECONFIG ??= "manuals static-runtime"
+PACKAGECONFIG ??= "hald manuals static-runtime"
+PACKAGECONFIG[hald] = "-DVOLDRAKE_HALD=ON,-DVOLDRAKE_HALD=OFF,udev util-linux"
 PACKAGECONFIG[tools] = "-DVOLDRAKE_TOOLS=ON,-DVOLDRAKE_TOOLS=OFF"
 PACKAGECONFIG[manuals] = "-DVOLDRAKE_MANUALS=ON,-DVOLDRAKE_MANUALS=OFF,python3-native"
 PACKAGECONFIG[static-runtime] = "-DVOLDRAKE_STATIC_RUNTIME=ON,-DVOLDRAKE_STATIC_RUNTIME=OFF"
@@ -31,12 +32,24 @@ PACKAGECONFIG[ignore-unknown-announcements] = "\
     -DVOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS=ON,-DVOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS=OFF"
 inherit ${@bb.utils.contains('PACKAGECONFIG', 'manuals', 'python3native', '', d)}
 
-SYSTEMD_SERVICE:${PN} = "voldrake.service"
-INITSCRIPT_NAME = "voldrake"
+SYSTEMD_PACKAGES = "${PN} ${PN}-hald"
+SYSTEMD_SERVICE:${PN} = "voldrake.service voldrake-bus.service"
+SYSTEMD_SERVICE:${PN}-hald = "voldrake-hald.service"
+INITSCRIPT_PACKAGES = "${PN} ${PN}-hald"
+INITSCRIPT_NAME:${PN} = "voldrake"
+INITSCRIPT_NAME:${PN}-hald = "voldrake-hald"
 # The NFS server starts and stops at 20, and the message bus stops at 20.
-INITSCRIPT_PARAMS = "start 60 2 3 4 5 . stop 10 0 1 6 ."
+INITSCRIPT_PARAMS:${PN} = "start 60 2 3 4 5 . stop 10 0 1 6 ."
+INITSCRIPT_PARAMS:${PN}-hald = "start 59 2 3 4 5 . stop 11 0 1 6 ."
 
-PACKAGES =+ "${PN}-tools ${PN}-bash-completion ${PN}-zsh-completion"
+PACKAGES =+ "${PN}-hald ${PN}-tools ${PN}-bash-completion ${PN}-zsh-completion"
+FILES:${PN}-hald = "\
+    ${sbindir}/voldrake-hald \
+    ${sysconfdir}/init.d/voldrake-hald \
+    ${systemd_system_unitdir}/voldrake-hald.service \
+    ${datadir}/dbus-1/system-services \
+    ${datadir}/dbus-1/system.d/voldrake-hald.conf \
+"
 FILES:${PN}-tools = "${bindir} ${libdir}/wireshark"
 FILES:${PN}-bash-completion = "${datadir}/bash-completion"
 FILES:${PN}-zsh-completion = "${datadir}/zsh"
@@ -51,6 +64,8 @@ CONFFILES:${PN} = "${sysconfdir}/default/voldrake ${sysconfdir}/logrotate.d/vold
 
 # mount.nfs, exportfs and the server's helpers; mount, umount and mountpoint.
 RDEPENDS:${PN} = "dbus"
+RDEPENDS:${PN}-hald = "dbus udev"
+RRECOMMENDS:${PN}-hald = "util-linux-mount"
 RRECOMMENDS:${PN} = "\
     kernel-module-nfs \
     kernel-module-nfsd \
@@ -60,6 +75,7 @@ RRECOMMENDS:${PN} = "\
     util-linux-mount \
     util-linux-mountpoint \
     util-linux-umount \
+    ${@bb.utils.contains('PACKAGECONFIG', 'hald', '${PN}-hald', '', d)} \
 "
 
 # nfs-utils has no list of its own; without one its server does not start and exportfs fails.
