@@ -8,7 +8,7 @@ CONTENT_ID = "CHARTS-2026"
 SERIAL_NUMBER = "100234"
 
 #: What other units can have. exportfs takes the others too, but the NFS server then refuses them.
-_EXPORTABLE = ("vfat", "ext4")
+_EXPORTABLE = ("vfat", "ext4", "ntfs")
 
 
 @dataclass(frozen=True)
