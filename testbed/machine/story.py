@@ -82,7 +82,8 @@ class Story:
         return True
 
     def cold_boot(self) -> None:
-        """Cold boot with a card in."""
+        """The card is told, and mounted by the other unit once the NFS server is there."""
+        self._expected_errors.append(_SHARES_COME_AND_GO)
         charts = media.card(self._media / "card", FileSystem("vfat", "CHARTS", 30,
                                                              {"route.txt": "To the lighthouse\n"}))
         self.north.emulator.insert(0, charts)
