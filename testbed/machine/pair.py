@@ -88,6 +88,7 @@ class Pair(Lifespan):
             texts += [text for path, text in arrivals.items() if path not in told]
             unit.expect_messages(*texts, *again.get(unit.name, []))
             unit.wait_for_surface(wanted)
+            unit.old_names -= set(wanted.mounts_below_mnt())  # those go with the share
             self._told[unit.name] = arrivals
 
     def cut_power(self, unit: Unit) -> None:

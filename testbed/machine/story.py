@@ -23,7 +23,7 @@ _ALWAYS_EXPECTED = (
     # A medium that is torn out while it is mounted, or that was and is seen again.
     r"kernel: .*(I/O error, dev (sd|mmcblk)|Buffer I/O error on dev|FAT-fs \(\w+\): (unable to read"
     r"|Directory bread|FAT read failed|Volume was not properly)|EXT4-fs (error|\(\w+\): I/O error)"
-    r"|device offline error|Synchronize Cache|exFAT-fs \(\w+\): error)",
+    r"|device offline error|access beyond end of device|Synchronize Cache|exFAT-fs \(\w+\): error)",
 )
 
 #: A share is offered while its server is not there yet, or no more.
