@@ -79,3 +79,12 @@ closing_lines() {
     -e 's/^[0-9]*% tests passed.*/  ctest:  &/p' \
     -e 's/^Total Test time.*/  ctest:  &/p' "$logs/$1.log"
 }
+
+# Makes what builds for 32-bit ARM link against, unless it is there: $sysroot.
+make_sysroot() {
+  sysroot=$PWD/build/sysroot-armhf
+  scripts/setup scripts/packages.armhf
+  [ -d "$sysroot" ] || step "Making the sysroot (armhf)" sysroot-armhf scripts/unpack-armhf "$sysroot" \
+    libc6-dev libstdc++-12-dev libdbus-1-dev libglib2.0-dev libmount-dev libudev-dev \
+    libgtest-dev libgmock-dev libbenchmark-dev
+}

@@ -1,0 +1,111 @@
+"""A prompt on a running pair of units."""
+
+import cmd
+
+from testbed.machine import media
+from testbed.machine.media import FileSystem
+from testbed.machine.pair import Pair
+from testbed.machine.unit import Unit
+
+_INTRODUCTION = """\
+Two units, north and south, each the other's peer. Everything that their display applications are
+told is shown. "help" shows the commands."""
+
+
+class _Shell(cmd.Cmd):
+    prompt = "voldrake> "
+
+    def __init__(self, pair: Pair) -> None:
+        super().__init__()
+        self._pair = pair
+        self._units: dict[str, Unit] = {unit.name: unit for unit in pair.units}
+        self._shown = {unit.name: 0 for unit in pair.units}
+
+    def do_plug(self, line: str) -> None:
+        """plug UNIT NAME [vfat|exfat|ntfs|ext4|card]: plugs a stick, or a card into slot 0."""
+        unit, name, *kind = line.split()
+        content = FileSystem("vfat", name.upper()[:11], 30)
+        image = self._pair.directory / "media" / f"shell-{name}"
+        if kind == ["card"]:
+            made = image if image.exists() else media.card(image, content)
+            self._units[unit].emulator.insert(0, made)
+            return
+        if kind:
+            content = FileSystem(kind[0], name.upper()[:11], 30)
+        made = image if image.exists() else media.make(image, content)
+        self._pair.plug(self._units[unit], name, made)
+
+    def do_pull(self, line: str) -> None:
+        """pull NAME: tears a stick out; pull UNIT card: takes the card out of slot 0."""
+        words = line.split()
+        if words[1:] == ["card"]:
+            self._units[words[0]].emulator.eject(0)
+        else:
+            self._pair.pull(words[0])
+
+    def do_cable(self, line: str) -> None:
+        """cable out, cable in: the network cable between the units."""
+        if line == "out":
+            self._pair.pull_cable()
+        else:
+            self._pair.plug_cable()
+
+    def do_power(self, line: str) -> None:
+        """power UNIT cut, power UNIT on: there is no goodbye."""
+        name, what = line.split()
+        if what == "cut":
+            self._pair.cut_power(self._units[name])
+        else:
+            self._units[name].start()
+
+    def do_on(self, line: str) -> None:
+        """on UNIT COMMAND...: runs a shell command on a unit."""
+        name, _, command = line.partition(" ")
+        print(self._units[name].run(command, check=False), end="")
+
+    def do_surface(self, line: str) -> None:
+        """surface UNIT: what is mounted, linked and exported there."""
+        print(self._units[line].surface())
+
+    def do_told(self, _: str) -> None:
+        """told: shows what the applications were told since the last time; Enter does too."""
+        self._show_told()
+
+    def do_quit(self, _: str) -> bool:
+        """quit: switches both off."""
+        return True
+
+    do_EOF = do_quit
+
+    def emptyline(self) -> bool:
+        return False
+
+    def onecmd(self, line: str) -> bool:
+        try:
+            return bool(super().onecmd(line))
+        except (AssertionError, LookupError, OSError, RuntimeError, StopIteration,
+                ValueError) as error:
+            print(f"{type(error).__name__}: {error}; \"help\" shows how commands are written")
+            return False
+
+    def postcmd(self, stop: bool, line: str) -> bool:
+        self._show_told()
+        return stop
+
+    def _show_told(self) -> None:
+        for unit in self._pair.units:
+            told = unit.application.since()[self._shown[unit.name]:]
+            self._shown[unit.name] += len(told)
+            for event in told:
+                print(f"  {unit.name} was told: {event.text}")
+
+
+def run(pair: Pair) -> int:
+    """Boot both, read commands until `quit` or the end of input; 0."""
+    print("Booting two units ...", flush=True)
+    pair.switch_on(*pair.units)
+    try:
+        _Shell(pair).cmdloop(_INTRODUCTION)
+    except KeyboardInterrupt:
+        print()
+    return 0
