@@ -14,7 +14,7 @@ namespace halkernel {
 namespace {
 
 constexpr int kVersion = 1;
-constexpr off_t kMaxFileBytes = 8 * 1024 * 1024;
+constexpr off_t kMaxFileBytes = off_t{8} * 1024 * 1024;
 constexpr const char* kHead = "state";
 
 using KeyFilePointer = glib::Pointer<GKeyFile, g_key_file_unref>;
@@ -167,6 +167,7 @@ std::string FormatState(const State& state) {
   std::vector<std::string> directories;
   for (const std::string& directory : state.directories) directories.push_back(Escaped(directory));
   std::vector<const gchar*> list;
+  list.reserve(directories.size());
   for (const std::string& directory : directories) list.push_back(directory.c_str());
   g_key_file_set_string_list(file.get(), kHead, "directories", list.data(), list.size());
   for (std::size_t number = 0; number < state.objects.size(); ++number) {

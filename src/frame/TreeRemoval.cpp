@@ -118,7 +118,9 @@ void tTreeRemoval::_Enter(tFileDescriptor directory, const std::string& name,
 }
 
 bool tTreeRemoval::_Remove(const std::string& name) {
+  const bool isTop = m_Levels.size() == 1;
   if (unlinkat(m_Here.Get(), name.c_str(), 0) == 0) return true;
+  if (errno == EBUSY && !isTop) return true;  // a file that another is mounted on
   tFileDescriptor inner = OpenOnSameMount(m_Here, name.c_str());
   if (inner.IsOpen()) {
     std::vector<std::string> entries =
@@ -126,7 +128,6 @@ bool tTreeRemoval::_Remove(const std::string& name) {
     _Enter(std::move(inner), name, std::move(entries));
     return true;
   }
-  const bool isTop = m_Levels.size() == 1;
   if (errno == ENOENT) return !isTop;
   if (errno == EXDEV && !isTop) return true;
   return _Fail(name);

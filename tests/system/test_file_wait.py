@@ -30,10 +30,13 @@ def start_traced(unit: Unit, *words: str) -> Trace:
 
 
 def calls_until_work_begins(unit: Unit, trace: Trace) -> list[str]:
-    """The system calls until the wait is over; the daemon then goes to work."""
+    """The system calls from the line that tells of the wait until it is over; the daemon then goes
+    to work."""
     unit.hal.expect_call("FindDeviceByCapability")
     texts = trace.lines()
-    return texts[:next(at for at, text in enumerate(texts) if "initHal()" in text)]
+    begin, end = (next(at for at, text in enumerate(texts) if line in text)
+                  for line in (WAITING, "initHal()"))
+    return texts[begin:end]
 
 
 def pauses(texts: list[str]) -> int:

@@ -214,6 +214,17 @@ def test_a_kernel_without_openat2_makes_no_difference(running_unit: Unit, log_di
 
 
 @pytest.mark.native("another call would be seen")
+def test_a_file_that_is_mounted_is_passed_over_without_openat2(running_unit: Unit,
+                                                               log_directory: Path) -> None:
+    fill(running_unit, "charts", "sda1/file")
+    mount_over(running_unit, "/media/charts", "/media/sda1/file")
+    since = bring_without(running_unit, log_directory, "ENOSYS")
+    assert warnings(running_unit, since) == ["Failed to remove /media/sda1",
+                                             "DeviceAdded: failed to remove /media/sda1"]
+    assert running_unit.sandbox.path("/media/charts").exists()
+
+
+@pytest.mark.native("another call would be seen")
 def test_where_mounts_cannot_be_told_apart_nothing_is_entered(running_unit: Unit,
                                                               log_directory: Path) -> None:
     fill(running_unit, "sda1/inner/file")

@@ -38,6 +38,15 @@ timespec Moved(const timespec& time, int64_t nanoseconds) {
   return moved;
 }
 
+// With 64-bit times on a 32-bit machine the C library's functions have names of their own.
+#ifdef __USE_TIME_BITS64
+constexpr const char* kClockGettime = "__clock_gettime64";
+constexpr const char* kTimedWait = "__pthread_cond_timedwait64";
+#else
+constexpr const char* kClockGettime = "clock_gettime";
+constexpr const char* kTimedWait = "pthread_cond_timedwait";
+#endif
+
 template <typename tFunction>
 tFunction* Next(const char* name) {
   return reinterpret_cast<tFunction*>(dlsym(RTLD_NEXT, name));
@@ -73,16 +82,31 @@ bool SeeWait(bool timeOut) {
 }  // namespace
 
 extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
-  static auto* const next = Next<int(clockid_t, timespec*)>("clock_gettime");
+  static auto* const next = Next<int(clockid_t, timespec*)>(kClockGettime);
   const int result = next(clock, time);
   if (result == 0 && clock == CLOCK_MONOTONIC) *time = Moved(*time, gPassed);
   return result;
 }
 
+#ifdef __USE_TIME_BITS64
+// The C++ runtime was built with 32-bit times; its monotonic clock asks for them.
+struct tTimespec32 {
+  int32_t seconds;
+  int32_t nanoseconds;
+};
+extern "C" int ClockGettime32(clockid_t clock, tTimespec32* time) __asm__("clock_gettime");
+extern "C" int ClockGettime32(clockid_t clock, tTimespec32* time) {
+  timespec now{};
+  const int result = clock_gettime(clock, &now);
+  *time = {static_cast<int32_t>(now.tv_sec), static_cast<int32_t>(now.tv_nsec)};
+  return result;
+}
+#endif
+
 extern "C" int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                       const timespec* deadline) {
   static auto* const next =
-      Next<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)>("pthread_cond_timedwait");
+      Next<int(pthread_cond_t*, pthread_mutex_t*, const timespec*)>(kTimedWait);
   if (gInHand) return WaitInHand(condition, mutex, *deadline);
   const timespec real = Moved(*deadline, -gPassed);
   return next(condition, mutex, &real);
