@@ -127,7 +127,8 @@ def test_daemon_needs_the_bus_library_and_glib_alone(programs: list[Path]) -> No
                              capture_output=True, check=True).stdout
     needed = set(re.findall(r"\(NEEDED\).*\[(.+)\.so\.\d+\]", section))
     # The C library's loader gives each thread its variables.
-    assert needed - {"ld-linux-armhf"} == {"libdbus-1", "libglib-2.0", "libc"}
+    beyond_the_loader = {name for name in needed if not name.startswith("ld-linux")}
+    assert beyond_the_loader == {"libdbus-1", "libglib-2.0", "libc"}
 
 
 def test_daemon_for_the_unit_is_small_and_counts_in_64_bits(packages: list[Path],
