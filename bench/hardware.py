@@ -5,6 +5,7 @@ mocked udev sends an event. The floor is a program that only reads the event wit
 command that nobody asked for over the bus, or a service that serves nothing.
 """
 
+import queue
 import re
 import time
 from pathlib import Path
@@ -12,10 +13,9 @@ from statistics import median
 
 from bench.figures import Figure
 from bench.rest import resident, wake_ups
-from bench.stage import processor_nanoseconds, wait_until
-from testbed import target
+from bench.stage import processor_nanoseconds
+from testbed import target, timeouts
 from testbed.hald import HaldMachine
-from testbed.process import Process
 from testbed.udev import Disk, FileSystem, usb_disk
 
 _BARE_UDEV = "bench/bare-udev"
@@ -43,6 +43,7 @@ def _events(logs: Path, cycles: int) -> list[Figure]:
     walls: dict[str, float] = {}
     used: dict[str, float] = {}
     for who in ("ours", "floor"):
+        lines: queue.Queue[str] = queue.Queue()
         with HaldMachine(logs / who) as machine:
             stick = usb_disk(partitions=[FileSystem("A")])
             # A partition that udev has not dealt with is no volume yet.
@@ -52,12 +53,14 @@ def _events(logs: Path, cycles: int) -> list[Figure]:
                 machine.start_service(debug=False)
                 process = machine.process
             else:
-                process = _spawn(machine, _BARE_UDEV)
-                wait_until(lambda: "ready" in process.stdout(), "bare-udev is ready")
+                process = machine.sandbox.spawn([_program(machine, _BARE_UDEV)], "bare-udev",
+                                                environment=machine.udev.environment(),
+                                                on_line=lines.put)
+                assert lines.get(timeout=timeouts.START) == "ready"
             machine.udev.set(stick.partitions[1], USEC_INITIALIZED=initialised)
             assert process
             before = processor_nanoseconds(process.pid)
-            found = [_cycle(machine, stick, process if who == "floor" else None)
+            found = [_cycle(machine, stick, lines if who == "floor" else None)
                      for _ in range(cycles)]
             used[who] = (processor_nanoseconds(process.pid) - before) / cycles / 1000
             walls[who] = median(found) * 1e6
@@ -67,20 +70,19 @@ def _events(logs: Path, cycles: int) -> list[Figure]:
                    used["floor"], None, "us")]
 
 
-def _cycle(machine: HaldMachine, stick: Disk, reader: Process | None) -> float:
-    """A partition comes and goes; how long the first took to be told or read."""
+def _cycle(machine: HaldMachine, stick: Disk, lines: "queue.Queue[str] | None") -> float:
+    """A partition comes and goes; how long the first took to be announced, or to be read by the
+    program that writes these lines."""
     partition = stick.partitions[1]
-    lines = len(reader.stdout().splitlines()) if reader else 0
     machine.udev.announce(partition)
     sent = machine.udev.sent
-    if reader:
-        wait_until(lambda: len(reader.stdout().splitlines()) > lines, "the event is read")
-        seen = float(reader.stdout().splitlines()[lines])
+    if lines is not None:
+        seen = float(lines.get(timeout=timeouts.EVENT))
     else:
         seen = machine.hal.events.expect(f"DeviceAdded {_VOLUME}").data
     machine.udev.event(partition, "remove")
-    if reader:
-        wait_until(lambda: len(reader.stdout().splitlines()) > lines + 1, "the event is read")
+    if lines is not None:
+        lines.get(timeout=timeouts.EVENT)
     else:
         machine.hal.events.expect(f"DeviceRemoved {_VOLUME}")
     return seen - sent
@@ -155,8 +157,3 @@ def _program(machine: HaldMachine, name: str) -> str:
         machine.sandbox.write(inside, (target.build_directory() / name).read_bytes())
         machine.sandbox.path(inside).chmod(0o755)
     return inside
-
-
-def _spawn(machine: HaldMachine, name: str) -> Process:
-    return machine.sandbox.spawn([_program(machine, name)],
-                                 environment=machine.udev.environment())
