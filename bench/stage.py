@@ -26,7 +26,7 @@ MICRO = "bench/voldrake-bench"
 PORT = "8080"
 #: The floors log nothing; neither does the daemon beside them, unless something goes wrong.
 QUIET = ("--debuglevel", "1")
-_TIMEOUT = 300.0
+_TIMEOUT = 1800.0
 
 
 class Stage(Sandbox):
