@@ -94,6 +94,15 @@ def test_a_second_service_ends_and_touches_nothing(running: HaldMachine, stick: 
     assert running.mounts() == {"/media/sda1": "/dev/sda1"}
 
 
+def test_a_second_service_without_a_state_to_read_writes_none(running: HaldMachine,
+                                                             stick: Disk) -> None:
+    running.udev.plug(stick)
+    running.settle()
+    running.sandbox.path(STATE_FILE).unlink()
+    assert run(running).returncode == 1
+    assert not running.sandbox.path(STATE_FILE).exists()
+
+
 def test_a_second_service_leaves_a_directory_before_its_mount(running: HaldMachine,
                                                               stick: Disk) -> None:
     running.udev.plug(stick)
