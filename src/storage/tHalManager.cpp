@@ -1,5 +1,5 @@
 // The connection to the bus and the signals that come over it. The calls to the hardware service
-// are in HalCalls.cpp, the gathering of a volume's record in VolumeInfo.cpp.
+// are in HalCalls.cpp, the gathering of a volume's record in HalVolumeQuery.cpp.
 
 #include "storage/tHalManager.h"
 

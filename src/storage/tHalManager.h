@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "storage/DBusOwners.h"
+#include "storage/DBusHandles.h"
 
 class IHalManagerCallback;
 struct HalVolumeInfo;

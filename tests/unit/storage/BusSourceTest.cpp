@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "storage/DBusOwners.h"
+#include "storage/DBusHandles.h"
 #include "support/Deadline.h"
 #include "support/TemporaryDirectory.h"
 

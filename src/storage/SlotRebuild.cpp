@@ -1,4 +1,4 @@
-#include "storage/CardReaderTree.h"
+#include "storage/SlotRebuild.h"
 
 #include <fcntl.h>
 #include <unistd.h>
