@@ -21,8 +21,24 @@ inline constexpr const char* kHalVolumePrefix = "/org/freedesktop/Hal/devices/vo
 inline constexpr const char* kHalUnknownDisk =
     "/org/freedesktop/Hal/devices/computer_storage_unknown_disk";
 
+// Capabilities that devices are found by.
+inline constexpr const char* kHalVolumeCapability = "volume";
+inline constexpr const char* kHalMmcHostCapability = "mmc_host";
+
+// Property keys.
 inline constexpr const char* kHalParent = "info.parent";
+inline constexpr const char* kHalSubsystem = "linux.subsystem";
+inline constexpr const char* kHalSysfsPath = "linux.sysfs_path";
 inline constexpr const char* kHalBlockDevice = "block.device";
-inline constexpr const char* kHalMmcHost = "mmc_host.host";
+inline constexpr const char* kHalVolumeFileSystemType = "volume.fstype";
 inline constexpr const char* kHalVolumeIsMounted = "volume.is_mounted";
+inline constexpr const char* kHalVolumeMountPoint = "volume.mount_point";
 inline constexpr const char* kHalVolumeIsMountedReadOnly = "volume.is_mounted_read_only";
+inline constexpr const char* kHalMmcCid = "mmc.cid";
+inline constexpr const char* kHalMmcHost = "mmc_host.host";
+inline constexpr const char* kHalUsbVendorId = "usb_device.vendor_id";
+inline constexpr const char* kHalUsbProductId = "usb_device.product_id";
+inline constexpr const char* kHalScsiHost = "scsi.host";
+inline constexpr const char* kHalScsiBus = "scsi.bus";
+inline constexpr const char* kHalScsiTarget = "scsi.target";
+inline constexpr const char* kHalScsiLun = "scsi.lun";

@@ -47,14 +47,14 @@ bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
   if (Contains(info.ControllerId, "scsi")) _GetScsiAddress(info);
   if (!ok) return false;
 
-  info.FileSystemType = propertyString(volume, "volume.fstype", ok);
+  info.FileSystemType = propertyString(volume, kHalVolumeFileSystemType, ok);
   if (!ok) return false;
   info.BlockDevice = propertyString(volume, kHalBlockDevice, ok);
   if (!ok) return false;
   info.IsMounted = propertyBool(volume, kHalVolumeIsMounted, ok);
   if (!ok) return false;
   if (!info.IsMounted) return true;
-  info.MountPoint = propertyString(volume, "volume.mount_point", ok);
+  info.MountPoint = propertyString(volume, kHalVolumeMountPoint, ok);
   if (!ok) return false;
   info.ReadOnly = propertyBool(volume, kHalVolumeIsMountedReadOnly, ok);
   return ok;
@@ -62,12 +62,12 @@ bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
 
 bool tHalManager::_GetMmcHost(HalVolumeInfo& info) {
   bool ok = false;
-  info.Cid = propertyString(info.ControllerId.c_str(), "mmc.cid", ok);
+  info.Cid = propertyString(info.ControllerId.c_str(), kHalMmcCid, ok);
   if (!ok) return false;
   info.MMCHost = propertyInt(info.HostID.c_str(), kHalMmcHost, ok);
   if (ok) return true;
 
-  const std::vector<std::string> hosts = findDeviceByCapability("mmc_host");
+  const std::vector<std::string> hosts = findDeviceByCapability(kHalMmcHostCapability);
   Log("mmc_host detection", kLogDebug);
   for (const std::string& host : hosts) {
     Log(Printable(host), kLogDebug);
@@ -84,23 +84,23 @@ bool tHalManager::_GetMmcHost(HalVolumeInfo& info) {
 bool tHalManager::_GetUsbHub(HalVolumeInfo& info) {
   bool ok = false;
   const char* host = info.HostID.c_str();
-  const std::string path = propertyString(host, "linux.sysfs_path", ok);
+  const std::string path = propertyString(host, kHalSysfsPath, ok);
   if (!ok) return false;
   // A path of another form only leaves the hub unknown.
   if (std::string hub; UsbHubFromSysfsPath(path, hub)) info.USBHub = hub;
-  info.VendorId = propertyIntInherited(host, "usb_device.vendor_id", ok);
-  if (ok) info.ProductId = propertyIntInherited(host, "usb_device.product_id", ok);
+  info.VendorId = propertyIntInherited(host, kHalUsbVendorId, ok);
+  if (ok) info.ProductId = propertyIntInherited(host, kHalUsbProductId, ok);
   return ok;
 }
 
 bool tHalManager::_GetScsiAddress(HalVolumeInfo& info) {
   bool ok = false;
   const char* controller = info.ControllerId.c_str();
-  const std::string subsystem = propertyString(controller, "linux.subsystem", ok);
+  const std::string subsystem = propertyString(controller, kHalSubsystem, ok);
   if (!ok || !Contains(subsystem, "scsi")) return ok;
-  info.SCSIHost = propertyIntInherited(controller, "scsi.host", ok);
-  if (ok) info.SCSIBus = propertyIntInherited(controller, "scsi.bus", ok);
-  if (ok) info.SCSITarget = propertyIntInherited(controller, "scsi.target", ok);
-  if (ok) info.SCSILun = propertyIntInherited(controller, "scsi.lun", ok);
+  info.SCSIHost = propertyIntInherited(controller, kHalScsiHost, ok);
+  if (ok) info.SCSIBus = propertyIntInherited(controller, kHalScsiBus, ok);
+  if (ok) info.SCSITarget = propertyIntInherited(controller, kHalScsiTarget, ok);
+  if (ok) info.SCSILun = propertyIntInherited(controller, kHalScsiLun, ok);
   return ok;
 }

@@ -6,6 +6,7 @@
 #include "frame/Log.h"
 #include "frame/Text.h"
 #include "sharing/ServicePublisher.h"
+#include "storage/HalNames.h"
 #include "storage/MountPointNameManager.h"
 #include "storage/tHalManager.h"
 #include "volumes/MediaLinks.h"
@@ -17,7 +18,9 @@ void tVoldrake::_ManualScan() {
   RemoveDanglingLinks(kMediaDirectory);
   _RefreshContentId();
   _RefreshSerialNumber();
-  for (const std::string& udi : m_pHalManager->findDeviceByCapability("volume")) _ScanVolume(udi);
+  for (const std::string& udi : m_pHalManager->findDeviceByCapability(kHalVolumeCapability)) {
+    _ScanVolume(udi);
+  }
   if (!m_InternalSharePath.empty() && m_pServicePublisher) {
     m_pServicePublisher->AddServiceNFS(m_InternalSharePath, MEDIA_TYPE_T::kInternalDisk, "",
                                        m_ContentId.Text(), m_SerialNumber.Text(),
