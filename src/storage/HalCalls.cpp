@@ -1,5 +1,7 @@
 // The calls that tHalManager makes to the hardware service.
 
+#include <utility>
+
 #include "frame/Log.h"
 #include "frame/Settings.h"
 #include "frame/Text.h"
@@ -60,8 +62,8 @@ tDBusMessage tHalManager::_CallHal(DBusMessage* call, const char* operation) {
   return reply;
 }
 
-tDBusMessage tHalManager::_QueryProperty(const char* udi, const char* key, const char* method,
-                                         int type, const char* operation, void* value) {
+tDBusMessage tHalManager::_CallForProperty(const char* udi, const char* key, const char* method,
+                                           const char* operation) {
   if (m_pConnection == nullptr) {
     Log("HAL: Connection - closed", kLogWarning);
     return nullptr;
@@ -71,38 +73,82 @@ tDBusMessage tHalManager::_QueryProperty(const char* udi, const char* key, const
     Log(LogText(operation, "could not create DBus message"), kLogWarning);
     return nullptr;
   }
-  tDBusMessage reply = _CallHal(call.get(), operation);
-  if (!reply) return nullptr;
-  DBusMessageIter result;
-  if (!dbus_message_iter_init(reply.get(), &result) ||
-      dbus_message_iter_get_arg_type(&result) != type) {
-    Log(LogText(operation, "invalid message type"), kLogWarning);
-    return nullptr;
-  }
-  dbus_message_iter_get_basic(&result, value);
-  return reply;
+  return _CallHal(call.get(), operation);
 }
 
+namespace {
+
+/// How a property of each type is asked for, what its reply holds and what that stands for.
+template <typename tValue>
+struct tPropertyKind;
+
+template <>
+struct tPropertyKind<int32_t> {
+  static constexpr const char* kMethod = "GetPropertyInteger";
+  static constexpr const char* kOperation = "propertyInt()";
+  static constexpr int kReplyType = DBUS_TYPE_INT32;
+  using tReplied = dbus_int32_t;
+  static int32_t Value(dbus_int32_t replied) { return replied; }
+};
+
+template <>
+struct tPropertyKind<bool> {
+  static constexpr const char* kMethod = "GetPropertyBoolean";
+  static constexpr const char* kOperation = "propertyBool()";
+  static constexpr int kReplyType = DBUS_TYPE_BOOLEAN;
+  using tReplied = dbus_bool_t;
+  static bool Value(dbus_bool_t replied) { return replied != FALSE; }
+};
+
+template <>
+struct tPropertyKind<std::string> {
+  static constexpr const char* kMethod = "GetPropertyString";
+  static constexpr const char* kOperation = "propertyString()";
+  static constexpr int kReplyType = DBUS_TYPE_STRING;
+  using tReplied = const char*;
+  static std::string Value(const char* replied) { return replied != nullptr ? replied : ""; }
+};
+
+/// The value or, `ok` being false then, that of a property that cannot be read.
+template <typename tValue>
+tValue ValueOr(std::optional<tValue> property, bool& ok) {
+  ok = property.has_value();
+  return std::move(property).value_or(tValue{});
+}
+
+}  // namespace
+
+template <typename tValue>
+std::optional<tValue> tHalManager::_QueryProperty(const char* udi, const char* key) {
+  using tKind = tPropertyKind<tValue>;
+  const tDBusMessage reply = _CallForProperty(udi, key, tKind::kMethod, tKind::kOperation);
+  if (!reply) return std::nullopt;
+  DBusMessageIter result;
+  if (!dbus_message_iter_init(reply.get(), &result) ||
+      dbus_message_iter_get_arg_type(&result) != tKind::kReplyType) {
+    Log(LogText(tKind::kOperation, "invalid message type"), kLogWarning);
+    return std::nullopt;
+  }
+  typename tKind::tReplied replied{};
+  dbus_message_iter_get_basic(&result, &replied);
+  return tKind::Value(replied);
+}
+
+// Used where a volume's record is gathered, too.
+template std::optional<int32_t> tHalManager::_QueryProperty(const char* udi, const char* key);
+template std::optional<bool> tHalManager::_QueryProperty(const char* udi, const char* key);
+template std::optional<std::string> tHalManager::_QueryProperty(const char* udi, const char* key);
+
 int32_t tHalManager::propertyInt(const char* udi, const char* key, bool& ok) {
-  dbus_int32_t value = 0;
-  ok = _QueryProperty(udi, key, "GetPropertyInteger", DBUS_TYPE_INT32, "propertyInt()", &value) !=
-       nullptr;
-  return value;
+  return ValueOr(_QueryProperty<int32_t>(udi, key), ok);
 }
 
 bool tHalManager::propertyBool(const char* udi, const char* key, bool& ok) {
-  dbus_bool_t value = FALSE;
-  ok = _QueryProperty(udi, key, "GetPropertyBoolean", DBUS_TYPE_BOOLEAN, "propertyBool()",
-                      &value) != nullptr;
-  return value;
+  return ValueOr(_QueryProperty<bool>(udi, key), ok);
 }
 
 std::string tHalManager::propertyString(const char* udi, const char* key, bool& ok) {
-  const char* value = nullptr;
-  const tDBusMessage reply =
-      _QueryProperty(udi, key, "GetPropertyString", DBUS_TYPE_STRING, "propertyString()", &value);
-  ok = reply != nullptr;
-  return value != nullptr ? value : "";
+  return ValueOr(_QueryProperty<std::string>(udi, key), ok);
 }
 
 int32_t tHalManager::propertyIntInherited(const char* udi, const char* key, bool& ok) {

@@ -1,6 +1,8 @@
 // How tHalManager gathers the record of a volume: a fixed sequence of property queries up the chain
 // of devices, from the volume over its disk and controller to the host.
 
+#include <utility>
+
 #include "frame/Log.h"
 #include "frame/Text.h"
 #include "storage/HalNames.h"
@@ -16,91 +18,96 @@ bool Contains(const std::string& text, const char* part) {
 
 }  // namespace
 
-bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
-  bool ok = false;
-  const char* volume = info.VolumeId.c_str();
+template <typename tValue>
+bool tHalManager::_ReadProperty(const std::string& udi, const char* key, tValue& value) {
+  std::optional<tValue> property = _QueryProperty<tValue>(udi.c_str(), key);
+  const bool read = property.has_value();
+  value = read ? std::move(*property) : tValue{};
+  return read;
+}
 
-  info.StorageDeviceId = propertyString(volume, kHalParent, ok);
-  if (!ok) return false;
+bool tHalManager::_ReadInherited(const std::string& udi, const char* key, int32_t& value) {
+  bool ok = false;
+  value = propertyIntInherited(udi.c_str(), key, ok);
+  return ok;
+}
+
+bool tHalManager::GetVolumeInfo(HalVolumeInfo& info) {
+  return _GetDevicesAbove(info) && _GetBus(info) && _GetMount(info);
+}
+
+bool tHalManager::_GetDevicesAbove(HalVolumeInfo& info) {
+  if (!_ReadProperty(info.VolumeId, kHalParent, info.StorageDeviceId)) return false;
   if (info.StorageDeviceId == kHalUnknownDisk) {
     Log("GetVolumeInfo() Found computer_storage_unknown_disk.", kLogDebug);
     // Without an answer the device is as unknown as any other that is none of the unit's slots.
+    bool ok = false;
     const std::string backing = propertyString(kHalUnknownDisk, kHalBlockDevice, ok);
     Log("GetVolumeInfo() Backing device is " + Printable(backing), kLogDebug);
     _RebuildCardReaderTree(backing);
   }
-  info.ControllerId = propertyString(info.StorageDeviceId.c_str(), kHalParent, ok);
-  if (!ok) return false;
-  info.HostID = propertyString(info.ControllerId.c_str(), kHalParent, ok);
-  if (!ok) return false;
+  return _ReadProperty(info.StorageDeviceId, kHalParent, info.ControllerId) &&
+         _ReadProperty(info.ControllerId, kHalParent, info.HostID);
+}
 
+bool tHalManager::_GetBus(HalVolumeInfo& info) {
   // A card without identity is no usable volume; a USB device without port path, ids or SCSI
   // address is.
+  bool usable = true;
   if (Contains(info.ControllerId, "mmc")) {
     info.BusType = "mmc";
-    ok = _GetMmcHost(info);
+    usable = _GetMmcHost(info);
   }
   if (Contains(info.ControllerId, "usb")) {
     info.BusType = "usb";
     _GetUsbHub(info);
   }
   if (Contains(info.ControllerId, "scsi")) _GetScsiAddress(info);
-  if (!ok) return false;
+  return usable;
+}
 
-  info.FileSystemType = propertyString(volume, kHalVolumeFileSystemType, ok);
-  if (!ok) return false;
-  info.BlockDevice = propertyString(volume, kHalBlockDevice, ok);
-  if (!ok) return false;
-  info.IsMounted = propertyBool(volume, kHalVolumeIsMounted, ok);
-  if (!ok) return false;
+bool tHalManager::_GetMount(HalVolumeInfo& info) {
+  if (!_ReadProperty(info.VolumeId, kHalVolumeFileSystemType, info.FileSystemType) ||
+      !_ReadProperty(info.VolumeId, kHalBlockDevice, info.BlockDevice) ||
+      !_ReadProperty(info.VolumeId, kHalVolumeIsMounted, info.IsMounted)) {
+    return false;
+  }
   if (!info.IsMounted) return true;
-  info.MountPoint = propertyString(volume, kHalVolumeMountPoint, ok);
-  if (!ok) return false;
-  info.ReadOnly = propertyBool(volume, kHalVolumeIsMountedReadOnly, ok);
-  return ok;
+  return _ReadProperty(info.VolumeId, kHalVolumeMountPoint, info.MountPoint) &&
+         _ReadProperty(info.VolumeId, kHalVolumeIsMountedReadOnly, info.ReadOnly);
 }
 
 bool tHalManager::_GetMmcHost(HalVolumeInfo& info) {
-  bool ok = false;
-  info.Cid = propertyString(info.ControllerId.c_str(), kHalMmcCid, ok);
-  if (!ok) return false;
-  info.MMCHost = propertyInt(info.HostID.c_str(), kHalMmcHost, ok);
-  if (ok) return true;
+  if (!_ReadProperty(info.ControllerId, kHalMmcCid, info.Cid)) return false;
+  if (_ReadProperty(info.HostID, kHalMmcHost, info.MMCHost)) return true;
 
   const std::vector<std::string> hosts = findDeviceByCapability(kHalMmcHostCapability);
   Log("mmc_host detection", kLogDebug);
   for (const std::string& host : hosts) {
     Log(Printable(host), kLogDebug);
-    bool hasParent = false;
-    const std::string parent = propertyString(host.c_str(), kHalParent, hasParent);
-    if (!hasParent || parent != info.HostID) continue;
+    std::string parent;
+    if (!_ReadProperty(host, kHalParent, parent) || parent != info.HostID) continue;
     Log("Matched host", kLogDebug);
-    info.MMCHost = propertyInt(host.c_str(), kHalMmcHost, ok);
-    break;
+    return _ReadProperty(host, kHalMmcHost, info.MMCHost);
   }
-  return ok;
+  return false;
 }
 
 bool tHalManager::_GetUsbHub(HalVolumeInfo& info) {
-  bool ok = false;
-  const char* host = info.HostID.c_str();
-  const std::string path = propertyString(host, kHalSysfsPath, ok);
-  if (!ok) return false;
+  std::string path;
+  if (!_ReadProperty(info.HostID, kHalSysfsPath, path)) return false;
   // A path of another form only leaves the hub unknown.
   if (std::string hub; UsbHubFromSysfsPath(path, hub)) info.USBHub = hub;
-  info.VendorId = propertyIntInherited(host, kHalUsbVendorId, ok);
-  if (ok) info.ProductId = propertyIntInherited(host, kHalUsbProductId, ok);
-  return ok;
+  return _ReadInherited(info.HostID, kHalUsbVendorId, info.VendorId) &&
+         _ReadInherited(info.HostID, kHalUsbProductId, info.ProductId);
 }
 
 bool tHalManager::_GetScsiAddress(HalVolumeInfo& info) {
-  bool ok = false;
-  const char* controller = info.ControllerId.c_str();
-  const std::string subsystem = propertyString(controller, kHalSubsystem, ok);
-  if (!ok || !Contains(subsystem, "scsi")) return ok;
-  info.SCSIHost = propertyIntInherited(controller, kHalScsiHost, ok);
-  if (ok) info.SCSIBus = propertyIntInherited(controller, kHalScsiBus, ok);
-  if (ok) info.SCSITarget = propertyIntInherited(controller, kHalScsiTarget, ok);
-  if (ok) info.SCSILun = propertyIntInherited(controller, kHalScsiLun, ok);
-  return ok;
+  std::string subsystem;
+  if (!_ReadProperty(info.ControllerId, kHalSubsystem, subsystem)) return false;
+  if (!Contains(subsystem, "scsi")) return true;
+  return _ReadInherited(info.ControllerId, kHalScsiHost, info.SCSIHost) &&
+         _ReadInherited(info.ControllerId, kHalScsiBus, info.SCSIBus) &&
+         _ReadInherited(info.ControllerId, kHalScsiTarget, info.SCSITarget) &&
+         _ReadInherited(info.ControllerId, kHalScsiLun, info.SCSILun);
 }

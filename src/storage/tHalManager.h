@@ -3,6 +3,7 @@
 #include <dbus/dbus.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -90,10 +91,19 @@ class tHalManager {
   /// `operation` is the caller's name as it stands in the log.
   tDBusMessage _CallHal(DBusMessage* call, const char* operation);
 
-  /// Reads one property of basic type `type` into `value`, whose meaning is the bus library's.
-  /// Returns the reply, which owns a string value; null, logged, on failure.
-  tDBusMessage _QueryProperty(const char* udi, const char* key, const char* method, int type,
-                              const char* operation, void* value);
+  /// Asks for a property. Null, logged, when no reply comes.
+  tDBusMessage _CallForProperty(const char* udi, const char* key, const char* method,
+                                const char* operation);
+
+  /// Reads a property that is an int32_t, a bool or a std::string. Empty, logged, when no reply of
+  /// that type comes.
+  template <typename tValue>
+  std::optional<tValue> _QueryProperty(const char* udi, const char* key);
+
+  // Reads a property into a field, which is 0, false or empty on failure. True when it was read.
+  template <typename tValue>
+  [[nodiscard]] bool _ReadProperty(const std::string& udi, const char* key, tValue& value);
+  [[nodiscard]] bool _ReadInherited(const std::string& udi, const char* key, int32_t& value);
 
   /// A call that asks for a mount, still without arguments. Null, logged, on failure.
   tDBusMessage _NewMountCall(const char* udi);
@@ -110,7 +120,11 @@ class tHalManager {
   void _HandleDeviceAdded(DBusMessage* message);
   void _HandleDeviceRemoved(DBusMessage* message);
 
-  bool _GetMmcHost(HalVolumeInfo& info);
+  // The steps of `GetVolumeInfo`. False when a query failed that the step needs.
+  [[nodiscard]] bool _GetDevicesAbove(HalVolumeInfo& info);
+  [[nodiscard]] bool _GetBus(HalVolumeInfo& info);
+  [[nodiscard]] bool _GetMount(HalVolumeInfo& info);
+  [[nodiscard]] bool _GetMmcHost(HalVolumeInfo& info);
   bool _GetUsbHub(HalVolumeInfo& info);
   bool _GetScsiAddress(HalVolumeInfo& info);
 
