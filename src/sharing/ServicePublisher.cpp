@@ -135,7 +135,7 @@ void CServicePublisher::run() {
       const tMutexLock lock(m_Exports.mutex);
       if (m_NetworkReady) {
         if (m_Publishing) _AnnounceAll(message);
-        if (m_Exports.services.empty() && m_PeerAddress != 0) _KeepPeerAlive();
+        if (m_Exports.services.empty() && m_PeerAddress != 0) _ShowPeerOurAddress();
       }
       if (m_PeerAddress != 0) _FlushOnThirdPassWithPeer();
     }
@@ -155,7 +155,7 @@ void CServicePublisher::_AnnounceAll(CNfsServiceMessage& message) {
   }
 }
 
-void CServicePublisher::_KeepPeerAlive() {
+void CServicePublisher::_ShowPeerOurAddress() {
   // The peer learns this unit's address from any datagram, and there is no announcement to send.
   m_pTxSocket->SetAddress(ntohl(m_PeerAddress), kAnnouncementPort);
   m_pTxSocket->TxPacket({});

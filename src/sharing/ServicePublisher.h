@@ -67,7 +67,7 @@ class CServicePublisher : public tThread {
   bool _IsNetWorkReConfigured() EXCLUDES(m_Exports.mutex);
 
  private:
-  void _KeepPeerAlive() REQUIRES(m_Exports.mutex);
+  void _ShowPeerOurAddress() REQUIRES(m_Exports.mutex);
   void _FlushOnThirdPassWithPeer() REQUIRES(m_Exports.mutex);
   void _WithdrawAll() EXCLUDES(m_Exports.mutex);
   bool _OpenTransmitSocket(in_addr_t address) REQUIRES(m_Exports.mutex);

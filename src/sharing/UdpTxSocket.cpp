@@ -8,16 +8,16 @@
 #include "frame/Assert.h"
 #include "frame/SystemCall.h"
 
-bool CUdpTxSocket::_Keep(bool succeeded) {
+bool CUdpTxSocket::_RememberError(bool succeeded) {
   if (!succeeded) m_LastError = errno;
   return succeeded;
 }
 
 bool CUdpTxSocket::Create(int multicastTimeToLive) {
   m_Socket.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  return _Keep(m_Socket.IsOpen() &&
-               setsockopt(m_Socket.Get(), IPPROTO_IP, IP_MULTICAST_TTL, &multicastTimeToLive,
-                          sizeof multicastTimeToLive) == 0);
+  return _RememberError(m_Socket.IsOpen() &&
+                        setsockopt(m_Socket.Get(), IPPROTO_IP, IP_MULTICAST_TTL,
+                                   &multicastTimeToLive, sizeof multicastTimeToLive) == 0);
 }
 
 bool CUdpTxSocket::SetAddress(const std::string& address, uint16_t port) {
@@ -41,14 +41,15 @@ bool CUdpTxSocket::Bind(in_addr_t hostOrderAddress, uint16_t networkOrderPort) {
   own.sin_family = AF_INET;
   own.sin_port = networkOrderPort;
   own.sin_addr.s_addr = htonl(hostOrderAddress);
-  return _Keep(bind(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) == 0);
+  return _RememberError(bind(m_Socket.Get(), reinterpret_cast<const sockaddr*>(&own), sizeof own) ==
+                        0);
 }
 
 bool CUdpTxSocket::TxPacket(std::span<const uint8_t> bytes) {
   VOLDRAKE_ASSERT(m_AddressSet == true);
-  return _Keep(RetryInterrupted([&] {
-                 return sendto(m_Socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL,
-                               reinterpret_cast<const sockaddr*>(&m_Destination),
-                               sizeof m_Destination);
-               }) >= 0);
+  return _RememberError(RetryInterrupted([&] {
+                          return sendto(m_Socket.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL,
+                                        reinterpret_cast<const sockaddr*>(&m_Destination),
+                                        sizeof m_Destination);
+                        }) >= 0);
 }

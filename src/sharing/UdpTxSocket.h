@@ -33,7 +33,7 @@ class CUdpTxSocket {
   [[nodiscard]] int LastError() const { return m_LastError; }
 
  private:
-  [[nodiscard]] bool _Keep(bool succeeded);
+  [[nodiscard]] bool _RememberError(bool succeeded);
 
   bool m_AddressSet = false;
   sockaddr_in m_Destination{};
