@@ -99,8 +99,7 @@ void CServiceBrowser::_ReceiveOne(CUdpRxSocket& socket) {
   size_t length = 0;
   std::string sender;
   bool isPeer = false;
-  const std::span<uint8_t> readable(m_Buffer.data(), CNfsServiceMessage::kMaxBytes);
-  switch (socket.FilteredRead(readable, &length, &sender, isPeer)) {
+  switch (socket.FilteredRead(m_Buffer, &length, &sender, isPeer)) {
     case tReadResult::kReceived:
       break;
     case tReadResult::kUnresolved:
@@ -111,7 +110,6 @@ void CServiceBrowser::_ReceiveOne(CUdpRxSocket& socket) {
       return;
   }
   if (isPeer) m_pCallback->OnPeerFound(sender);
-  m_Buffer[length] = 0;
   if (m_Message.Decode({m_Buffer.data(), length})) _HandleAnnouncement(sender, isPeer);
 }
 

@@ -56,8 +56,8 @@ class CServiceBrowser : public tThread {
   const std::string m_PeerMac;
   CServiceList m_ServiceList;
 
-  // The browser's thread only. One byte more than is read, so that a zero always follows.
-  std::array<uint8_t, CNfsServiceMessage::kMaxBytes + 1> m_Buffer{};
+  // The browser's thread only.
+  std::array<uint8_t, CNfsServiceMessage::kMaxBytes> m_Buffer{};
   CNfsServiceMessage m_Message;
 
   tMutex m_SocketLock;

@@ -8,6 +8,7 @@
 #include "frame/Log.h"
 #include "frame/Shell.h"
 #include "frame/Text.h"
+#include "sharing/DottedAddress.h"
 #include "sharing/LinkLocalAddress.h"
 #include "sharing/NfsServiceMessage.h"
 #include "sharing/ServiceBrowser.h"
@@ -22,12 +23,6 @@ constexpr const char* kEverybody = "*";
 
 bool CommandFailed(int waitStatus) {
   return (waitStatus & 0xFF00) != 0;
-}
-
-std::string Dotted(in_addr_t address) {
-  char text[INET_ADDRSTRLEN] = "";
-  inet_ntop(AF_INET, &address, text, sizeof text);
-  return text;
 }
 
 }  // namespace
@@ -70,7 +65,7 @@ void CServicePublisher::RemoveServiceNFS(const std::string& path) {
     message.Set(kServiceWithdrawn, *service);
     m_pTxSocket->TxPacket(message.Datagram());
   }
-  if (m_PeerAddress != 0) _Unexport(Dotted(m_PeerAddress), path);
+  if (m_PeerAddress != 0) _Unexport(Dotted({m_PeerAddress}), path);
   _Unexport(kEverybody, path);
   m_Exports.services.erase(service);
   Log("RemoveServiceNFS: " + Printable(path), kLogDebug);
@@ -90,7 +85,7 @@ void CServicePublisher::SetPeerIpAddress(const std::string& address) {
     // A peer that changes its address gets even the read-only volumes writable, unlike one that was
     // known when they were added.
     for (const NFS_DATA_T& service : m_Exports.services) {
-      if (m_PeerAddress != 0) _Unexport(Dotted(m_PeerAddress), service.path);
+      if (m_PeerAddress != 0) _Unexport(Dotted({m_PeerAddress}), service.path);
       _Export("rw", address, service.path);
     }
   }
@@ -195,14 +190,14 @@ bool CServicePublisher::_OpenTransmitSocket(in_addr_t address) {
   if (!m_pTxSocket->Create(kAnnouncementTimeToLive)) return false;
   m_pTxSocket->SetAddress(kAnnouncementGroup, kAnnouncementPort);
   if (!m_pTxSocket->Bind(ntohl(address), 0)) return false;
-  Log("CServicePublisher::_IsNetWorkReConfigured " + Dotted(address), kLogDebug);
+  Log("CServicePublisher::_IsNetWorkReConfigured " + Dotted({address}), kLogDebug);
   return true;
 }
 
 void CServicePublisher::_ExportService(const NFS_DATA_T& service) {
   if (!m_NetworkReady) return;
   if (m_PeerAddress != 0 && !service.readOnly) {
-    _Export("rw", Dotted(m_PeerAddress), service.path);
+    _Export("rw", Dotted({m_PeerAddress}), service.path);
   }
   _Export("ro", kEverybody, service.path);
 }

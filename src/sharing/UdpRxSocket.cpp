@@ -1,41 +1,19 @@
 #include "sharing/UdpRxSocket.h"
 
 #include <arpa/inet.h>
-#include <net/if_arp.h>
 #include <netinet/ether.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
-#include <string_view>
-#include <thread>
 
 #include "frame/Assert.h"
 #include "frame/Log.h"
 #include "frame/NetworkInterfaces.h"
 #include "frame/SystemCall.h"
 #include "frame/Text.h"
-#include "sharing/SharingNames.h"
-
-namespace {
-
-constexpr int kResolveTries = 4;
-constexpr std::chrono::milliseconds kResolvePause{250};
-
-/// Port 9 as stored without conversion to network order, which is 2304 on the wire of a
-/// little-endian unit; what listens there does not matter, the datagram only makes the kernel
-/// resolve the sender.
-constexpr uint16_t kNudgePortAsStored = 9;
-
-std::string Dotted(const sockaddr_in& address) {
-  char text[INET_ADDRSTRLEN];
-  return inet_ntop(AF_INET, &address.sin_addr, text, sizeof text) != nullptr ? text : "";
-}
-
-}  // namespace
+#include "sharing/DottedAddress.h"
 
 bool CUdpRxSocket::_Fail(const char* operation) {
   m_LastError = errno;
@@ -105,32 +83,21 @@ bool CUdpRxSocket::_DropSavedMultiCast() {
   return false;
 }
 
-bool CUdpRxSocket::_BlockingRead(std::span<uint8_t> buffer, size_t* lenRx, sockaddr_in* sender) {
-  VOLDRAKE_ASSERT(lenRx != 0);
-  sockaddr_in source{};
+ssize_t CUdpRxSocket::_Receive(std::span<uint8_t> buffer, int flags, sockaddr_in& sender) {
+  sender = {};
   iovec element{buffer.data(), buffer.size()};
   msghdr message{};
-  message.msg_name = &source;
-  message.msg_namelen = sizeof source;
+  message.msg_name = &sender;
+  message.msg_namelen = sizeof sender;
   message.msg_iov = &element;
   message.msg_iovlen = 1;
-  ssize_t length = -1;
-  if (m_CatchingUp) {
-    length = RetryInterrupted([&] { return recvmsg(m_Socket.Get(), &message, MSG_DONTWAIT); });
-    if (length < 0) {
-      m_CatchingUp = false;
-      if (m_DroppedCatchingUp > 0) {
-        Log("CUdpRxSocket::FilteredRead: dropped " + std::to_string(m_DroppedCatchingUp) +
-                " datagrams of senders without known hardware address",
-            kLogWarning);
-      }
-      m_DroppedCatchingUp = 0;
-      message.msg_namelen = sizeof source;
-    }
-  }
-  if (length < 0) {
-    length = RetryInterrupted([&] { return recvmsg(m_Socket.Get(), &message, 0); });
-  }
+  return RetryInterrupted([&] { return recvmsg(m_Socket.Get(), &message, flags); });
+}
+
+bool CUdpRxSocket::_BlockingRead(std::span<uint8_t> buffer, size_t* lenRx, sockaddr_in* sender) {
+  VOLDRAKE_ASSERT(lenRx != 0);
+  sockaddr_in source;
+  const ssize_t length = _Receive(buffer, 0, source);
   if (length < 0) {
     m_LastError = errno;
     // What the line calls the port is the error number too: those who read logs know it so.
@@ -139,8 +106,7 @@ bool CUdpRxSocket::_BlockingRead(std::span<uint8_t> buffer, size_t* lenRx, socka
         kLogInfo);
     return false;
   }
-  // Only a socket that was shut down gives a datagram from nobody.
-  if (message.msg_namelen == 0) return false;
+  if (source.sin_family == AF_UNSPEC) return false;
   *lenRx = static_cast<size_t>(length);
   if (sender != nullptr) *sender = source;
   return true;
@@ -158,69 +124,33 @@ tReadResult CUdpRxSocket::FilteredRead(std::span<uint8_t> buffer, size_t* lenRx,
   isPeer = false;
   sockaddr_in source{};
   do {
-    if (!_BlockingRead(buffer, lenRx, &source)) return tReadResult::kFailed;
+    if (!_ReadNext(buffer, lenRx, source)) return tReadResult::kFailed;
   } while (_IsOwnAddress(source.sin_addr.s_addr));
-  if (sender != nullptr) *sender = Dotted(source);
-  tHardwareAddress address{};
-  if (!_ResolveSender(source, address)) return tReadResult::kUnresolved;
-  isPeer = address == m_PeerMac && m_PeerMac != tHardwareAddress{};
+  if (sender != nullptr) *sender = Dotted(source.sin_addr);
+  const std::optional<tHardwareAddress> address = m_Resolver.Resolve(m_Socket.Get(), source);
+  if (!address) {
+    m_LastError = m_Resolver.LastError();
+    return tReadResult::kUnresolved;
+  }
+  isPeer = *address == m_PeerMac && m_PeerMac != tHardwareAddress{};
   return tReadResult::kReceived;
+}
+
+bool CUdpRxSocket::_ReadNext(std::span<uint8_t> buffer, size_t* lenRx, sockaddr_in& sender) {
+  if (m_Resolver.IsCatchingUp()) {
+    const ssize_t length = _Receive(buffer, MSG_DONTWAIT, sender);
+    if (length >= 0) {
+      *lenRx = static_cast<size_t>(length);
+      return sender.sin_family != AF_UNSPEC;
+    }
+    m_Resolver.EndCatchingUp();
+  }
+  return _BlockingRead(buffer, lenRx, &sender);
 }
 
 bool CUdpRxSocket::_IsOwnAddress(in_addr_t address) {
   return GetInterfaceAddresses(m_OwnAddresses) &&
          std::find(m_OwnAddresses.begin(), m_OwnAddresses.end(), address) != m_OwnAddresses.end();
-}
-
-bool CUdpRxSocket::_ResolveSender(const sockaddr_in& sender, tHardwareAddress& address) {
-  if (m_CatchingUp) {
-    if (_QueryHardwareAddress(sender, address)) return true;
-    ++m_DroppedCatchingUp;
-    _NudgeSender(sender);
-    return false;
-  }
-  for (int attempt = 1; attempt <= kResolveTries; ++attempt) {
-    if (_QueryHardwareAddress(sender, address)) return true;
-    if (attempt == kResolveTries) {
-      Log("attempt " + std::to_string(attempt) + " to obtain MAC for " + Dotted(sender) +
-              " failed with error " + std::to_string(m_LastError),
-          kLogError);
-    }
-    _NudgeSender(sender);
-    std::this_thread::sleep_for(kResolvePause);
-  }
-  m_CatchingUp = true;
-  return false;
-}
-
-bool CUdpRxSocket::_QueryHardwareAddress(const sockaddr_in& sender, tHardwareAddress& address) {
-  arpreq request{};
-  memcpy(&request.arp_pa, &sender, sizeof sender);
-  std::string_view(kShareInterface).copy(request.arp_dev, sizeof request.arp_dev - 1);
-  if (ioctl(m_Socket.Get(), SIOCGARP, &request) != 0) {
-    m_LastError = errno;
-    return false;
-  }
-  if ((request.arp_flags & ATF_COM) == 0) {
-    // The kernel is still asking around; its entry holds six zero bytes so far.
-    m_LastError = ENXIO;
-    return false;
-  }
-  memcpy(address.data(), request.arp_ha.sa_data, address.size());
-  return true;
-}
-
-void CUdpRxSocket::_NudgeSender(const sockaddr_in& sender) {
-  using std::chrono::steady_clock;
-  // Senders can be made up, and each would take a place in the kernel's table of neighbours.
-  if (steady_clock::now() < m_NextNudge) return;
-  sockaddr_in destination = sender;
-  destination.sin_port = kNudgePortAsStored;
-  const uint8_t zero = 0;
-  // A datagram that cannot be sent shows as an address that stays unknown.
-  sendto(m_Socket.Get(), &zero, sizeof zero, MSG_NOSIGNAL,
-         reinterpret_cast<const sockaddr*>(&destination), sizeof destination);
-  m_NextNudge = steady_clock::now() + kResolvePause;
 }
 
 bool CUdpRxSocket::SetPeerMac(const std::string& mac) {

@@ -1,9 +1,8 @@
 #pragma once
 
 #include <netinet/in.h>
+#include <sys/types.h>
 
-#include <array>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "frame/FileDescriptor.h"
+#include "sharing/SenderResolver.h"
 
 /// What came of a filtered read.
 enum class tReadResult {
@@ -50,10 +50,8 @@ class CUdpRxSocket {
   [[nodiscard]] bool ReadFrom(std::span<uint8_t> buffer, size_t* lenRx, in_addr_t* hostOrderSender);
 
   /// As `_BlockingRead`, but passes over the unit's own datagrams. `sender`, unless null, receives
-  /// the dotted address; `isPeer` whether the sender's hardware address is the peer's. An address
-  /// that the kernel does not know is asked for up to four times, 250 ms apart; when it stays
-  /// unknown the datagram counts as not received. What queued up meanwhile gets one try each, so
-  /// that senders nobody can resolve do not hold up those who can be.
+  /// the dotted address; `isPeer` whether the sender's hardware address is the peer's. A datagram
+  /// whose sender's address the resolver does not find counts as not received.
   [[nodiscard]] tReadResult FilteredRead(std::span<uint8_t> buffer, size_t* lenRx,
                                          std::string* sender, bool& isPeer);
 
@@ -70,14 +68,13 @@ class CUdpRxSocket {
   [[nodiscard]] int LastError() const { return m_LastError; }
 
  private:
-  using tHardwareAddress = std::array<uint8_t, 6>;
-
   bool _Fail(const char* operation);
   bool _IsOwnAddress(in_addr_t address);
-  [[nodiscard]] bool _QueryHardwareAddress(const sockaddr_in& sender, tHardwareAddress& address);
-  [[nodiscard]] bool _ResolveSender(const sockaddr_in& sender, tHardwareAddress& address);
-  /// Has the kernel resolve the sender, unless another was nudged within the last 250 ms.
-  void _NudgeSender(const sockaddr_in& sender);
+  /// One recvmsg. Gives the datagram's length, -1 on failure. Once the socket was shut down the
+  /// sender has no address family.
+  [[nodiscard]] ssize_t _Receive(std::span<uint8_t> buffer, int flags, sockaddr_in& sender);
+  /// The next datagram; while the resolver catches up, of those that are queued first.
+  [[nodiscard]] bool _ReadNext(std::span<uint8_t> buffer, size_t* lenRx, sockaddr_in& sender);
 
   tFileDescriptor m_Socket;
   ip_mreq m_SavedMembership{};
@@ -85,9 +82,6 @@ class CUdpRxSocket {
   int m_LastError = 0;
   uint16_t m_Port = 65535;
   tHardwareAddress m_PeerMac{};
-  /// A sender could not be resolved; what is queued is worked off without waiting for anybody.
-  bool m_CatchingUp = false;
-  unsigned m_DroppedCatchingUp = 0;
-  std::chrono::steady_clock::time_point m_NextNudge;
+  tSenderResolver m_Resolver;
   std::vector<in_addr_t> m_OwnAddresses;  ///< kept between reads for its memory only
 };
