@@ -11,13 +11,14 @@ namespace {
 
 constexpr std::chrono::milliseconds kRetryPause{100};
 constexpr std::chrono::milliseconds kReadFailurePause{1000};
+constexpr int kTicksBetweenLooks = 10;
 
 }  // namespace
 
 CServiceBrowser::CServiceBrowser(IServiceBrowserCallback* pCallback, std::string peerMac)
     : m_pCallback(pCallback),
       m_PeerMac(std::move(peerMac)),
-      m_ServiceList((VOLDRAKE_ASSERT(m_pCallback != 0), m_pCallback)) {
+      m_ServiceList(*this, (VOLDRAKE_ASSERT(m_pCallback != 0), m_pCallback)) {
   m_ServiceList.Start();
 }
 
@@ -34,7 +35,13 @@ void CServiceBrowser::StopBrowsing() {
   Stop();
 }
 
-void CServiceBrowser::CheckInterface() {
+void CServiceBrowser::tWatchingList::_Ticked() {
+  if (++m_TicksSinceLook < kTicksBetweenLooks) return;
+  m_TicksSinceLook = 0;
+  m_Browser._CheckInterface();
+}
+
+void CServiceBrowser::_CheckInterface() {
   const tShareInterface present = GetShareInterface();
   const tMutexLock lock(m_SocketLock);
   if (m_pListening == nullptr) return;

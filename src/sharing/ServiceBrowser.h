@@ -13,10 +13,12 @@ class CUdpRxSocket;
 class IServiceBrowserCallback;
 
 /// Listens to the announcements of other units, keeps them in the service list and tells the
-/// receiver when the peer unit, recognised by its hardware address, is heard.
+/// receiver when the peer unit, recognised by its hardware address, is heard. Joins the group again
+/// when the interface has changed.
 ///
 /// Threads: the owner starts and stops; `run` is the only user of the socket but for the shutdown
-/// that ends its blocked read. Announcements are handled on the browser's thread, which a slow
+/// that ends its blocked read. The read has no time-out, so the list's thread, which ticks anyway,
+/// looks at the interface. Announcements are handled on the browser's thread, which a slow
 /// mount holds up. Everything that comes from the network is untrusted.
 class CServiceBrowser : public tThread {
  public:
@@ -31,11 +33,6 @@ class CServiceBrowser : public tThread {
   /// on.
   void StopBrowsing() EXCLUDES(m_SocketLock);
 
-  /// Has the group joined again, on a new socket, when the interface is another than the one that
-  /// it was joined on (a driver loaded anew makes a new interface of the old name, on which nobody
-  /// has joined) or has another link-local address; logs that. Any thread; does not block.
-  void CheckInterface() EXCLUDES(m_SocketLock);
-
   /// The list of shares; lives as long as the browser.
   [[nodiscard]] CServiceList& ServiceList() { return m_ServiceList; }
 
@@ -43,6 +40,25 @@ class CServiceBrowser : public tThread {
   void run() override EXCLUDES(m_SocketLock);
 
  private:
+  class tWatchingList : public CServiceList {
+   public:
+    tWatchingList(CServiceBrowser& browser, IServiceBrowserCallback* pCallback)
+        : CServiceList(pCallback), m_Browser(browser) {}
+
+   protected:
+    /// Has the browser look at its interface once a second.
+    void _Ticked() override;
+
+   private:
+    CServiceBrowser& m_Browser;
+    int m_TicksSinceLook = 0;
+  };
+
+  /// Has the group joined again, on a new socket, when the interface is another than the one that
+  /// it was joined on (a driver loaded anew makes a new interface of the old name, on which nobody
+  /// has joined) or has another link-local address; logs that. Does not block.
+  void _CheckInterface() EXCLUDES(m_SocketLock);
+
   /// False when stopped meanwhile.
   [[nodiscard]] bool _WaitForNetwork();
   /// False once the socket was shut down in favour of a new one.
@@ -54,7 +70,7 @@ class CServiceBrowser : public tThread {
 
   IServiceBrowserCallback* const m_pCallback;
   const std::string m_PeerMac;
-  CServiceList m_ServiceList;
+  tWatchingList m_ServiceList;
 
   // The browser's thread only.
   std::array<uint8_t, CNfsServiceMessage::kMaxBytes> m_Buffer{};

@@ -56,6 +56,7 @@ void CServiceList::Republish() {
 void CServiceList::run() {
   while (!StopRequested()) {
     _CountDown();
+    _Ticked();
     WaitForWake(std::chrono::milliseconds(kTickMs));
   }
   _RemoveAll();

@@ -37,6 +37,9 @@ class CServiceList : public tThread {
   void run() override EXCLUDES(m_Mutex);
   void _CountDown() EXCLUDES(m_Mutex);
 
+  /// Called on the list's thread after each tick, every 100 ms, without the mutex.
+  virtual void _Ticked() {}
+
  private:
   void _RemoveAll() EXCLUDES(m_Mutex);
 

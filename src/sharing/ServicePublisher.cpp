@@ -11,7 +11,6 @@
 #include "sharing/DottedAddress.h"
 #include "sharing/LinkLocalAddress.h"
 #include "sharing/NfsServiceMessage.h"
-#include "sharing/ServiceBrowser.h"
 #include "sharing/SharingNames.h"
 #include "sharing/UdpTxSocket.h"
 
@@ -125,7 +124,6 @@ void CServicePublisher::StopAndWait() {
 void CServicePublisher::run() {
   CNfsServiceMessage message;
   while (!StopRequested()) {
-    if (CServiceBrowser* const browser = m_pBrowser) browser->CheckInterface();
     {
       const tMutexLock lock(m_Exports.mutex);
       if (m_NetworkReady) {

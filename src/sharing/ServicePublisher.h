@@ -10,7 +10,6 @@
 #include "sharing/ExportTable.h"
 
 class CNfsServiceMessage;
-class CServiceBrowser;
 class CUdpTxSocket;
 
 /// Shares the unit's volumes: exports each over NFS with the system's exportfs, read-only to
@@ -21,8 +20,8 @@ class CUdpTxSocket;
 /// for it; without that nothing is exported or announced, and what is added meanwhile is exported
 /// as soon as an address comes. A new address redoes all exports.
 ///
-/// Threads: every operation may be called by any thread but `StartPublishing`, `SetBrowser` and
-/// `StopAndWait`, which belong to the owner. The export table's mutex guards what changes together;
+/// Threads: every operation may be called by any thread but `StartPublishing` and `StopAndWait`,
+/// which belong to the owner. The export table's mutex guards what changes together;
 /// the export commands run while it is held, so an operation that needs it may block for as long as
 /// they take.
 class CServicePublisher : public tThread {
@@ -50,10 +49,6 @@ class CServicePublisher : public tThread {
 
   /// Begins to announce. Does not block, whatever the exports take.
   void StartPublishing();
-
-  /// Has the browser look at its interface once a pass, which this thread makes anyway. Not owned;
-  /// outlives this thread.
-  void SetBrowser(CServiceBrowser* pBrowser) { m_pBrowser = pBrowser; }
 
   /// Withdraws every volume, stops the thread, and gives the NFS clients time to let go: at least
   /// three seconds, at most about seven, for as long as the table of remote mounts keeps changing.
@@ -87,6 +82,4 @@ class CServicePublisher : public tThread {
   // Looked at without the mutex too. But for `StartPublishing` they are changed with it only.
   std::atomic<bool> m_Publishing = false;
   std::atomic<in_addr_t> m_PeerAddress = 0;  ///< in network order; 0 while unknown
-
-  std::atomic<CServiceBrowser*> m_pBrowser = nullptr;
 };

@@ -28,15 +28,14 @@ tVoldrake::tVoldrake(tHalManager* pHalManager, ConfigManager* pConfigManager, in
   m_pServiceBrowser = std::make_unique<CServiceBrowser>(this, std::move(peerMac));
   VOLDRAKE_ASSERT(m_pServiceBrowser != 0);
   m_pServiceBrowser->Start();
-  m_pServicePublisher->SetBrowser(m_pServiceBrowser.get());
   m_pServicePublisher->StartPublishing();
   _ManualScan();
 }
 
 tVoldrake::~tVoldrake() {
-  m_pServicePublisher->Stop();  // its thread looks after the browser
   m_pServiceBrowser->StopBrowsing();
   m_pServiceBrowser.reset();
+  m_pServicePublisher->Stop();
   m_pServicePublisher.reset();
   m_pMessageClient->StopAfterDelivery();
 }
