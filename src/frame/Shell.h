@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -17,3 +18,7 @@
 /// Runs a command through the shell and waits for it. Gives the wait status, -1 when it could not
 /// be started. Any thread; blocks for as long as the command takes.
 int RunCommand(const std::string& command);
+
+/// What runs the commands of a class: `RunCommand`, or what a test has in its place, which records
+/// the command lines and says how they end. Called by whichever thread has something to run.
+using tCommandRunner = std::function<int(const std::string& command)>;

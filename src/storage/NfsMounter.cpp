@@ -7,26 +7,12 @@
 
 #include "frame/FileSystem.h"
 #include "frame/Log.h"
-#include "frame/Shell.h"
 #include "frame/Text.h"
 #include "sharing/NfsData.h"
 #include "storage/HalVolumeInfo.h"
 #include "storage/RemoteMountPath.h"
 
 namespace {
-
-/// Makes the mount directory. True when a file system is mounted there already.
-bool PrepareDirectory(const std::string& path) {
-  if (mkdir(path.c_str(), 0700) == 0) return false;
-  if (errno != EEXIST) {
-    // The line ends without the number that it announces: those who read logs know it so.
-    Log("ERROR Failed to create directory '" + Printable(path) + "' with error ", kLogError);
-    return false;
-  }
-  if (RunCommand("mountpoint -q " + ShellWord(path)) != 0) return false;
-  Log("Mountpoint: '" + Printable(path) + "' is already mounted.", kLogInfo);
-  return true;
-}
 
 /// True when the last step of the path is no name of its own, which a source can only bring about
 /// under a root with fewer than two slashes: what is mounted there would not be below the root.
@@ -37,6 +23,18 @@ bool LeadsElsewhere(std::string_view path) {
 
 }  // namespace
 
+bool CNfsMounter::_PrepareDirectory(const std::string& path) {
+  if (mkdir(path.c_str(), 0700) == 0) return false;
+  if (errno != EEXIST) {
+    // The line ends without the number that it announces: those who read logs know it so.
+    Log("ERROR Failed to create directory '" + Printable(path) + "' with error ", kLogError);
+    return false;
+  }
+  if (m_Run("mountpoint -q " + ShellWord(path)) != 0) return false;
+  Log("Mountpoint: '" + Printable(path) + "' is already mounted.", kLogInfo);
+  return true;
+}
+
 bool CNfsMounter::MountRemoteShare(const NFS_DATA_T& share, std::string& mountPath) {
   mountPath = MakeRemoteMountPath(share.path);
   if (LeadsElsewhere(mountPath)) {
@@ -45,13 +43,13 @@ bool CNfsMounter::MountRemoteShare(const NFS_DATA_T& share, std::string& mountPa
         kLogError);
     return false;
   }
-  const bool mounted = PrepareDirectory(mountPath);
+  const bool mounted = _PrepareDirectory(mountPath);
   const std::string mode = share.fromPeer && !share.readOnly ? "rw" : "ro";
   const std::string command = mounted ? "mount -o remount," + mode + " " + ShellWord(mountPath)
                                       : "mount -t nfs -o " + mode +
                                             ",rsize=1280,soft,udp,noatime,nodiratime " +
                                             ShellWord(share.path) + " " + ShellWord(mountPath);
-  const int status = RunCommand(command);
+  const int status = m_Run(command);
   if (status == 0) {
     Log("Mount command: '" + Printable(command) + "' PASS", kLogInfo);
     return true;
@@ -64,7 +62,7 @@ bool CNfsMounter::MountRemoteShare(const NFS_DATA_T& share, std::string& mountPa
 bool CNfsMounter::UnmountRemoteShare(const NFS_DATA_T& share, std::string& mountPath) {
   mountPath = MakeRemoteMountPath(share.path);
   const std::string command = "umount -f -l " + ShellWord(mountPath);
-  const int status = RunCommand(command);
+  const int status = m_Run(command);
   RemoveDirectory(mountPath, false);
   if (status == 0) {
     Log("Umount command: " + Printable(command) + " PASS", kLogInfo);
@@ -75,7 +73,7 @@ bool CNfsMounter::UnmountRemoteShare(const NFS_DATA_T& share, std::string& mount
 }
 
 bool CNfsMounter::UnmountVolume(const HalVolumeInfo& info) {
-  const int status = RunCommand("umount " + ShellWord(info.MountPoint));
+  const int status = m_Run("umount " + ShellWord(info.MountPoint));
   RemoveDirectory(info.MountPoint, false);
   return status == 0;
 }
