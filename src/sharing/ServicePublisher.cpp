@@ -3,10 +3,10 @@
 #include <arpa/inet.h>
 
 #include <thread>
+#include <utility>
 
 #include "frame/FileSystem.h"
 #include "frame/Log.h"
-#include "frame/Shell.h"
 #include "frame/Text.h"
 #include "sharing/DottedAddress.h"
 #include "sharing/LinkLocalAddress.h"
@@ -26,7 +26,8 @@ bool CommandFailed(int waitStatus) {
 
 }  // namespace
 
-CServicePublisher::CServicePublisher(tExportTable& exports) : m_Exports(exports) {}
+CServicePublisher::CServicePublisher(tExportTable& exports, tCommandRunner run)
+    : m_Exports(exports), m_Run(std::move(run)) {}
 
 CServicePublisher::~CServicePublisher() = default;
 
@@ -62,7 +63,7 @@ void CServicePublisher::RemoveServiceNFS(const std::string& path) {
   if (m_NetworkReady) {
     CNfsServiceMessage message;
     message.Set(kServiceWithdrawn, *service);
-    m_pTxSocket->TxPacket(message.Datagram());
+    _Send(message.Datagram());
   }
   if (m_PeerAddress != 0) _Unexport(Dotted({m_PeerAddress}), path);
   _Unexport(kEverybody, path);
@@ -93,7 +94,7 @@ void CServicePublisher::SetPeerIpAddress(const std::string& address) {
 
 void CServicePublisher::RestartNfsServer() {
   const tMutexLock lock(m_Exports.mutex);
-  if (CommandFailed(RunCommand("exportfs -a -r"))) {
+  if (CommandFailed(m_Run("exportfs -a -r"))) {
     Log("CServicePublisher::RestartNfsServer: error clearing exports", kLogError);
   }
   for (const NFS_DATA_T& service : m_Exports.services) _ExportService(service);
@@ -144,14 +145,14 @@ void CServicePublisher::_AnnounceAll(CNfsServiceMessage& message) {
   for (const NFS_DATA_T& service : m_Exports.services) {
     if (LogsAt(kLogDebug)) Log("CServicePublisher::run: " + Printable(service.path), kLogDebug);
     message.Set(kServiceAnnounced, service);
-    m_pTxSocket->TxPacket(message.Datagram());
+    _Send(message.Datagram());
   }
 }
 
 void CServicePublisher::_ShowPeerOurAddress() {
   // The peer learns this unit's address from any datagram, and there is no announcement to send.
   m_pTxSocket->SetAddress(ntohl(m_PeerAddress), kAnnouncementPort);
-  m_pTxSocket->TxPacket({});
+  _Send({});
   m_pTxSocket->SetAddress(kAnnouncementGroup, kAnnouncementPort);
 }
 
@@ -166,7 +167,7 @@ void CServicePublisher::_WithdrawAll() {
     CNfsServiceMessage message;
     for (const NFS_DATA_T& service : m_Exports.services) {
       message.Set(kServiceWithdrawn, service);
-      m_pTxSocket->TxPacket(message.Datagram());
+      _Send(message.Datagram());
     }
   }
   m_Publishing = false;
@@ -174,7 +175,7 @@ void CServicePublisher::_WithdrawAll() {
 
 bool CServicePublisher::_IsNetWorkReConfigured() {
   in_addr_t address = 0;
-  const bool hasAddress = GetLinkLocalAddress(address);
+  const bool hasAddress = _ReadAddress(address);
   const tMutexLock lock(m_Exports.mutex);
   if (!hasAddress) return std::exchange(m_NetworkReady, false);
   if (address == m_LastAddress && m_NetworkReady) return false;
@@ -192,6 +193,14 @@ bool CServicePublisher::_OpenTransmitSocket(in_addr_t address) {
   return true;
 }
 
+bool CServicePublisher::_ReadAddress(in_addr_t& address) {
+  return GetLinkLocalAddress(address);
+}
+
+void CServicePublisher::_Send(std::span<const uint8_t> datagram) {
+  m_pTxSocket->TxPacket(datagram);
+}
+
 void CServicePublisher::_ExportService(const NFS_DATA_T& service) {
   if (!m_NetworkReady) return;
   if (m_PeerAddress != 0 && !service.readOnly) {
@@ -202,8 +211,8 @@ void CServicePublisher::_ExportService(const NFS_DATA_T& service) {
 
 void CServicePublisher::_Export(const std::string& options, const std::string& client,
                                 const std::string& path) {
-  const int status = RunCommand("exportfs -o " + options + ",no_root_squash,no_subtree_check " +
-                                ShellExportTarget(client, path));
+  const int status = m_Run("exportfs -o " + options + ",no_root_squash,no_subtree_check " +
+                           ShellExportTarget(client, path));
   const std::string target = Printable(client + ":" + path);
   if (CommandFailed(status)) {
     Log("_Export: error exporting " + target, kLogError);
@@ -213,11 +222,11 @@ void CServicePublisher::_Export(const std::string& options, const std::string& c
 }
 
 void CServicePublisher::_Unexport(const std::string& client, const std::string& path) {
-  RunCommand("exportfs -u " + ShellExportTarget(client, path));
+  m_Run("exportfs -u " + ShellExportTarget(client, path));
 }
 
 void CServicePublisher::_ExportFlush() {
-  if (CommandFailed(RunCommand("exportfs -f"))) {
+  if (CommandFailed(m_Run("exportfs -f"))) {
     Log("_ExportFlush: 'exportfs -f' FAILED", kLogError);
   } else {
     Log("_ExportFlush: 'exportfs -f' PASS", kLogInfo);

@@ -4,8 +4,10 @@
 
 #include <atomic>
 #include <memory>
+#include <span>
 #include <string>
 
+#include "frame/Shell.h"
 #include "frame/tThread.h"
 #include "sharing/ExportTable.h"
 
@@ -21,13 +23,12 @@ class CUdpTxSocket;
 /// as soon as an address comes. A new address redoes all exports.
 ///
 /// Threads: every operation may be called by any thread but `StartPublishing` and `StopAndWait`,
-/// which belong to the owner. The export table's mutex guards what changes together;
-/// the export commands run while it is held, so an operation that needs it may block for as long as
-/// they take.
+/// which belong to the owner. The export table's mutex guards what changes together; the export
+/// commands run while it is held, so an operation that needs it may block for as long as they take.
 class CServicePublisher : public tThread {
  public:
   /// `exports` is not owned and outlives this object.
-  explicit CServicePublisher(tExportTable& exports);
+  explicit CServicePublisher(tExportTable& exports, tCommandRunner run = RunCommand);
   ~CServicePublisher() override;
 
   /// Shares a volume; an entry that its path already has is kept. False, with an error line, when
@@ -61,6 +62,13 @@ class CServicePublisher : public tThread {
   /// True when the link-local address came, went or changed since the last look.
   bool _IsNetWorkReConfigured() EXCLUDES(m_Exports.mutex);
 
+  // The network as the publisher sees it; a test has one of its own.
+
+  /// Reads the link-local address, in network order. False when there is none.
+  [[nodiscard]] virtual bool _ReadAddress(in_addr_t& address);
+  /// Sends one datagram, which may be empty, to the transmit socket's destination.
+  virtual void _Send(std::span<const uint8_t> datagram) REQUIRES(m_Exports.mutex);
+
  private:
   void _ShowPeerOurAddress() REQUIRES(m_Exports.mutex);
   void _FlushOnThirdPassWithPeer() REQUIRES(m_Exports.mutex);
@@ -74,6 +82,7 @@ class CServicePublisher : public tThread {
   void _ExportFlush();
 
   tExportTable& m_Exports;
+  const tCommandRunner m_Run;
   std::unique_ptr<CUdpTxSocket> m_pTxSocket GUARDED_BY(m_Exports.mutex);
   bool m_NetworkReady GUARDED_BY(m_Exports.mutex) = false;
   in_addr_t m_LastAddress GUARDED_BY(m_Exports.mutex) = 0;
