@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "frame/Assert.h"
-#include "frame/ConfigManager.h"
 #include "frame/FileSystem.h"
 #include "frame/Log.h"
 #include "frame/NfsRoot.h"
@@ -16,9 +15,9 @@
 #include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
 #include "sharing/ServicePublisher.h"
-#include "storage/CardReader.h"
 #include "storage/MountPointNameManager.h"
 #include "storage/tHalManager.h"
+#include "volumes/FriendlyName.h"
 #include "volumes/MediaLinks.h"
 #include "volumes/tVoldrake.h"
 
@@ -81,30 +80,10 @@ void tVoldrake::_DeviceMounted(const std::string& udi) {
     Log("_DeviceMounted: Failed to get Volume Info", kLogError);
     return;
   }
-  std::unique_ptr<UsbMapMatch> match;
-  _FindUsbMapEntry(info, &match);
-  _AddMountPoint(info, match.get());
+  _AddMountPoint(info, _FindUsbMapEntry(info));
 }
 
-void tVoldrake::_FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatch>* pMatch) {
-  if (info.BusType.find("usb") == std::string::npos) return;
-  for (const auto& [usbid, entry] : m_pConfigManager->GetUsbMap()) {
-    if (info.USBHub.find(usbid) != std::string::npos) {
-      Log("_DeviceMounted: HalVolumeInfo.USBHub " + Printable(info.USBHub) + " matches " + usbid,
-          kLogInfo);
-    } else if (IsSmscCardReader(info.VendorId, info.ProductId)) {
-      Log("_DeviceMounted: HalVolumeInfo.VendorId/ProductId matches SMSC support for id " + usbid,
-          kLogInfo);
-      ReadCardSerial(info.BlockDevice.c_str(), info.Cid);
-    } else {
-      continue;
-    }
-    if (pMatch != nullptr) *pMatch = std::make_unique<UsbMapMatch>(entry);
-    return;
-  }
-}
-
-void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const UsbMapMatch* match) {
+void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const std::optional<UsbMapMatch>& match) {
   // Between two queries a volume may be unmounted; it then has no mount point to export or report.
   if (!info.IsMounted || info.MountPoint.empty()) {
     Log("_AddMountPoint: Volume not mounted: " + Printable(info.VolumeId), kLogDebug);
@@ -159,33 +138,4 @@ void tVoldrake::_CreateMediaLink(HalVolumeInfo& info, const std::string& mountPo
   }
   Log("symlink: " + link, kLogInfo);
   info.LinkPath = path;
-}
-
-void tVoldrake::_PrintHalVolumeInfo(const HalVolumeInfo& info) {
-  const auto isOn = [&info](const char* bus) {
-    return info.BusType.find(bus) != std::string::npos;
-  };
-  const auto print = [](const char* label, const std::string& value) {
-    Log(std::string("_PrintHalVolumeInfo: ") + label + value, kLogInfo);
-  };
-  Log(std::string(75, '-'), kLogInfo);
-  print("VolumeId = ", Printable(info.VolumeId));
-  print("StorageDeviceId =  ", Printable(info.StorageDeviceId));
-  print("ControllerId = ", Printable(info.ControllerId));
-  print("HostID = ", Printable(info.HostID));
-  print("BusType = ", info.BusType);
-  if (isOn("usb")) print("USBHub = ", Printable(info.USBHub));
-  if (isOn("mmc")) print("MMCHost = ", std::to_string(info.MMCHost));
-  print("Cid = ", Printable(info.Cid));
-  print("FileSystemType = ", Printable(info.FileSystemType));
-  print("IsMounted = ", FlagText(info.IsMounted));
-  print("MountPoint = ", Printable(info.MountPoint));
-  print("ReadOnly = ", FlagText(info.ReadOnly));
-  print("BlockDevice = ", Printable(info.BlockDevice));
-  if (isOn("scsi")) {
-    print("SCSIHost = ", std::to_string(info.SCSIHost));
-    print("SCSIBus = ", std::to_string(info.SCSIBus));
-    print("SCSITarget = ", std::to_string(info.SCSITarget));
-    print("SCSILun = ", std::to_string(info.SCSILun));
-  }
 }

@@ -1,8 +1,7 @@
 // The volumes that are there without an event: tVoldrake's scan at start-up and after a simulated
-// re-insertion, and the test that keeps some volumes away altogether.
+// re-insertion.
 
 #include "frame/Assert.h"
-#include "frame/ConfigManager.h"
 #include "frame/Log.h"
 #include "frame/Text.h"
 #include "sharing/ServicePublisher.h"
@@ -52,13 +51,4 @@ void tVoldrake::_ScanVolume(const std::string& udi) {
   VOLDRAKE_ASSERT(RetVal == true);
   // The service reports the mount as an event, and its refusal has been logged.
   _RequestMount(info, name, "ManualScan: failed to remove ");
-}
-
-bool tVoldrake::_IsInExclusionList(const HalVolumeInfo& info) {
-  if (m_pConfigManager->GetIgnoreMap().contains(info.BlockDevice)) {
-    Log("_IsInExclusionList: " + Printable(info.BlockDevice), kLogInfo);
-    return true;
-  }
-  return info.BusType.find("usb") == std::string::npos &&
-         info.BusType.find("mmc") == std::string::npos;
 }

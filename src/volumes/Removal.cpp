@@ -69,8 +69,8 @@ void tVoldrake::_DeviceReMountedRo(const std::string& udi) {
   info.VolumeId = udi;
   if (!m_pHalManager->GetVolumeInfo(info)) return;
   if (_IsInExclusionList(info)) return;
-  _FindUsbMapEntry(info, nullptr);
-  _AddMountPoint(info, nullptr);
+  _FindUsbMapEntry(info);  // for the card's identity; the name and the link do without the match
+  _AddMountPoint(info, std::nullopt);
 }
 
 void tVoldrake::_DeviceReMountedRw(const std::string& udi) {

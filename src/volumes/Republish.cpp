@@ -6,6 +6,7 @@
 #include "frame/Text.h"
 #include "messaging/tMessageClient.h"
 #include "sharing/ServiceBrowser.h"
+#include "volumes/FriendlyName.h"
 #include "volumes/tVoldrake.h"
 
 bool tVoldrake::SignalAction(int signalNumber) {
@@ -32,9 +33,7 @@ void tVoldrake::Republish() {
     m_Republishing = false;
   }
   for (HalVolumeInfo& volume : m_Volumes) {
-    std::unique_ptr<UsbMapMatch> match;
-    _FindUsbMapEntry(volume, &match);
-    const std::string name = FriendlyName(volume, match.get());
+    const std::string name = FriendlyName(volume, _FindUsbMapEntry(volume));
     if (_IsInExclusionList(volume)) continue;
     _PublishArrival(volume, name);
     Log("Republish: \"" + name + "\" --> " +

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,7 +12,7 @@
 #include "storage/HalVolumeInfo.h"
 #include "storage/IHalManagerCallback.h"
 #include "storage/NfsMounter.h"
-#include "volumes/FriendlyName.h"
+#include "volumes/Identity.h"
 #include "volumes/IdentityText.h"
 
 class CMountPointNameManager;
@@ -74,10 +75,7 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   /// hardware service agreed.
   bool _RequestMount(const HalVolumeInfo& info, const std::string& name,
                      const char* leftoverWarning);
-  /// Looks the volume up in the USB map; when it is in a supported card reader, also reads the
-  /// card's CID into the record. On a match `*pMatch` receives the entry, unless `pMatch` is null.
-  void _FindUsbMapEntry(HalVolumeInfo& info, std::unique_ptr<UsbMapMatch>* pMatch);
-  void _AddMountPoint(HalVolumeInfo& info, const UsbMapMatch* match);
+  void _AddMountPoint(HalVolumeInfo& info, const std::optional<UsbMapMatch>& match);
   void _PublishArrival(const HalVolumeInfo& info, const std::string& friendlyName);
   void _CreateMediaLink(HalVolumeInfo& info, const std::string& mountPoint);
   void _RefreshContentId() { m_ContentId.Refresh(); }
@@ -92,7 +90,16 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   // ManualScan.cpp: the volumes that are there without an event.
   void _ManualScan();
   void _ScanVolume(const std::string& udi);
+
+  // Exclusion.cpp
   bool _IsInExclusionList(const HalVolumeInfo& info);
+
+  // Identity.cpp
+  /// Looks the volume up in the USB map. When it is in a supported card reader, asks that for the
+  /// card's CID, for up to two seconds, and writes it to the record. Nullopt when there is no
+  /// match.
+  std::optional<UsbMapMatch> _FindUsbMapEntry(HalVolumeInfo& info);
+  void _PrintHalVolumeInfo(const HalVolumeInfo& info);
 
   // Republish.cpp
   void Republish();
@@ -101,8 +108,6 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   /// True while so many messages wait for the application that no share is taken; one line in the
   /// log says when that begins.
   bool _TooManyReportsWait();
-
-  void _PrintHalVolumeInfo(const HalVolumeInfo& info);
 
   tHalManager* const m_pHalManager;
   ConfigManager* const m_pConfigManager;

@@ -32,27 +32,27 @@ TEST(FriendlyName, FollowsBusMatchAndReader) {
   const UsbMapMatch unnamed;
   const struct {
     tDevice device;
-    const UsbMapMatch* match;
+    std::optional<UsbMapMatch> match;
     const char* name;
   } cases[] = {
-      {{.bus = "mmc", .mmcHost = 1}, nullptr, "Memory Card - 1"},
-      {{.bus = "mmc", .mmcHost = 0}, nullptr, "Memory Card - 0"},
-      {{.bus = "mmc", .mmcHost = 12}, &chartPort, "Memory Card - 12"},
-      {{.bus = "mmc", .mmcHost = -1}, nullptr, "Memory Card - -1"},
-      {{.bus = "usb"}, nullptr, "USB Mass Storage"},
-      {{.bus = "usb", .vendor = 0x0424, .product = 0x4040}, nullptr, "USB Mass Storage"},
-      {{.bus = "usb", .vendor = 0x0781, .product = 0x5567}, &chartPort, " - Chart Port"},
-      {{.bus = "usb"}, &unnamed, " - "},
-      {{.bus = "usb", .vendor = 0x0424, .product = 0x4040, .lun = 0}, &chartPort, "KR20 - 1"},
-      {{.bus = "usb", .vendor = 0x0424, .product = 0x4040, .lun = 2}, &chartPort, "KR20 - 3"},
-      {{.bus = "usb", .vendor = 0x0424, .product = 0x2240, .lun = 2}, &chartPort, " - Chart Port"},
-      {{.bus = "usb", .vendor = 0x4040, .product = 0x0424}, &chartPort, " - Chart Port"},
-      {{.bus = "usbmmc", .mmcHost = 3}, nullptr, "Memory Card - 3USB Mass Storage"},
-      {{.bus = "scsi"}, nullptr, ""},
-      {{.bus = "scsi"}, &chartPort, ""},
-      {{.bus = ""}, &chartPort, ""},
-      {{.bus = "USB"}, nullptr, ""},
-      {{.bus = "MMC"}, nullptr, ""},
+      {{.bus = "mmc", .mmcHost = 1}, std::nullopt, "Memory Card - 1"},
+      {{.bus = "mmc", .mmcHost = 0}, std::nullopt, "Memory Card - 0"},
+      {{.bus = "mmc", .mmcHost = 12}, chartPort, "Memory Card - 12"},
+      {{.bus = "mmc", .mmcHost = -1}, std::nullopt, "Memory Card - -1"},
+      {{.bus = "usb"}, std::nullopt, "USB Mass Storage"},
+      {{.bus = "usb", .vendor = 0x0424, .product = 0x4040}, std::nullopt, "USB Mass Storage"},
+      {{.bus = "usb", .vendor = 0x0781, .product = 0x5567}, chartPort, " - Chart Port"},
+      {{.bus = "usb"}, unnamed, " - "},
+      {{.bus = "usb", .vendor = 0x0424, .product = 0x4040, .lun = 0}, chartPort, "KR20 - 1"},
+      {{.bus = "usb", .vendor = 0x0424, .product = 0x4040, .lun = 2}, chartPort, "KR20 - 3"},
+      {{.bus = "usb", .vendor = 0x0424, .product = 0x2240, .lun = 2}, chartPort, " - Chart Port"},
+      {{.bus = "usb", .vendor = 0x4040, .product = 0x0424}, chartPort, " - Chart Port"},
+      {{.bus = "usbmmc", .mmcHost = 3}, std::nullopt, "Memory Card - 3USB Mass Storage"},
+      {{.bus = "scsi"}, std::nullopt, ""},
+      {{.bus = "scsi"}, chartPort, ""},
+      {{.bus = ""}, chartPort, ""},
+      {{.bus = "USB"}, std::nullopt, ""},
+      {{.bus = "MMC"}, std::nullopt, ""},
   };
   for (const auto& [device, match, name] : cases) {
     EXPECT_EQ(FriendlyName(InfoOf(device), match), name) << device.bus;
@@ -65,7 +65,7 @@ TEST(FriendlyName, SlotNumbersDoNotOverflow) {
                                  .vendor = 0x0424,
                                  .product = 0x4040,
                                  .lun = std::numeric_limits<int32_t>::max()}),
-                         &match),
+                         match),
             "KR20 - 2147483648");
 }
 
