@@ -1,11 +1,7 @@
 // The arrival of a local volume: tVoldrake's way from a device of the hardware service to an entry
 // in the volume list.
 
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 
 #include "frame/Assert.h"
 #include "frame/FileSystem.h"
@@ -20,20 +16,6 @@
 #include "volumes/FriendlyName.h"
 #include "volumes/MediaLinks.h"
 #include "volumes/tVoldrake.h"
-
-namespace {
-
-/// True when something stands at "/media/" + `name` that no file system is mounted on. A name that
-/// is empty or leads elsewhere than to an entry of "/media" never is a leftover, for what it names
-/// would be deleted.
-bool IsLeftover(const std::string& name) {
-  if (name.empty() || name == "." || name == ".." || name.find('/') != std::string::npos) {
-    return false;
-  }
-  return IsSameDevice(kMediaDirectory, kMediaPrefix + name);
-}
-
-}  // namespace
 
 void tVoldrake::_DeviceAdded(const std::string& udi) {
   Log("_DeviceAdded: " + Printable(udi), kLogDebug);
@@ -101,7 +83,7 @@ void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const std::optional<UsbMapMa
   m_pServicePublisher->AddServiceNFS(info.MountPoint, MEDIA_TYPE_T::kVolume, info.Cid,
                                      m_ContentId.Text(), m_SerialNumber.Text(),
                                      FriendlyName(info, match), info.ReadOnly);
-  _CreateMediaLink(info, info.MountPoint);
+  CreateMediaLink(info, m_MmcHostIndex);
   _PublishArrival(info, FriendlyName(info, match));
   m_Volumes.push_back(info);
   _PrintHalVolumeInfo(info);
@@ -117,25 +99,4 @@ void tVoldrake::_PublishArrival(const HalVolumeInfo& info, const std::string& fr
                          .contentId = m_ContentId.Text(),
                          .serialNumber = m_SerialNumber.Text()};
   m_pMessageClient->PublishDataSource(arrival);
-}
-
-void tVoldrake::_CreateMediaLink(HalVolumeInfo& info, const std::string& mountPoint) {
-  const std::string name = MediaLinkName(info.BusType, mountPoint, info.MMCHost, m_MmcHostIndex);
-  const std::string path = kMediaPrefix + name;
-  const std::string target = MediaLinkTarget(mountPoint);
-  const std::string link = Printable(path + " -> " + target);
-  if (name.find('/') != std::string::npos) {
-    // It comes from a mount point below a disk's own directory.
-    Log("symlink refused: " + link, kLogError);
-    Log("symlink error: a link whose name has a slash would not stand in /media itself", kLogError);
-    return;
-  }
-  if (symlink(target.c_str(), path.c_str()) != 0) {
-    const int error = errno;
-    Log("symlink failed: " + link, kLogError);
-    Log(std::string("symlink error: ") + strerror(error), kLogError);
-    return;
-  }
-  Log("symlink: " + link, kLogInfo);
-  info.LinkPath = path;
 }

@@ -6,9 +6,13 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstring>
 #include <string_view>
 
 #include "frame/FileSystem.h"
+#include "frame/Log.h"
+#include "frame/Text.h"
+#include "storage/HalVolumeInfo.h"
 
 namespace {
 
@@ -43,6 +47,39 @@ std::string MediaLinkName(const std::string& busType, const std::string& mountPo
 std::string MediaLinkTarget(const std::string& mountPoint) {
   const size_t prefixLength = std::string_view(kMediaPrefix).size();
   return mountPoint.substr(std::min(prefixLength, mountPoint.size()));
+}
+
+void CreateMediaLink(HalVolumeInfo& info, int mmcHostIndex) {
+  const std::string name = MediaLinkName(info.BusType, info.MountPoint, info.MMCHost, mmcHostIndex);
+  const std::string path = kMediaPrefix + name;
+  const std::string target = MediaLinkTarget(info.MountPoint);
+  const std::string link = Printable(path + " -> " + target);
+  if (name.find('/') != std::string::npos) {
+    // It comes from a mount point below a disk's own directory.
+    Log("symlink refused: " + link, kLogError);
+    Log("symlink error: a link whose name has a slash would not stand in /media itself", kLogError);
+    return;
+  }
+  if (symlink(target.c_str(), path.c_str()) != 0) {
+    const int error = errno;
+    Log("symlink failed: " + link, kLogError);
+    Log(std::string("symlink error: ") + strerror(error), kLogError);
+    return;
+  }
+  Log("symlink: " + link, kLogInfo);
+  info.LinkPath = path;
+}
+
+void RemoveMediaLink(const HalVolumeInfo& info) {
+  if (!info.LinkPath.empty()) unlink(info.LinkPath.c_str());
+}
+
+bool IsMediaEntryName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
+}
+
+bool IsLeftover(const std::string& name) {
+  return IsMediaEntryName(name) && IsSameDevice(kMediaDirectory, kMediaPrefix + name);
 }
 
 void RemoveDanglingLinks(const std::string& directory) {

@@ -1,8 +1,6 @@
 // How a local volume leaves tVoldrake's list, and what the changes of its mount state mean. Nothing
 // here unmounts: the hardware service and the kernel have done that, or will.
 
-#include <unistd.h>
-
 #include <algorithm>
 
 #include "frame/Log.h"
@@ -13,6 +11,7 @@
 #include "sharing/ServicePublisher.h"
 #include "storage/HalNames.h"
 #include "storage/tHalManager.h"
+#include "volumes/MediaLinks.h"
 #include "volumes/tVoldrake.h"
 
 void tVoldrake::HalManagerPropertyChangedCb(const char* udi, const char* key) {
@@ -48,8 +47,7 @@ void tVoldrake::_DeviceRemoved(const std::string& udi) {
   Log("_DeviceRemoved: Found Volume in list: ", kLogInfo);
   DataSourceInfo removal{.path = MapNfsRootPath(entry->MountPoint)};
   m_pMessageClient->PublishDataSource(removal);
-  // A link that somebody else took away is as good as deleted.
-  if (!entry->LinkPath.empty()) unlink(entry->LinkPath.c_str());
+  RemoveMediaLink(*entry);
   m_pServicePublisher->RemoveServiceNFS(entry->MountPoint);
   m_Volumes.erase(entry);
 }

@@ -77,7 +77,6 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
                      const char* leftoverWarning);
   void _AddMountPoint(HalVolumeInfo& info, const std::optional<UsbMapMatch>& match);
   void _PublishArrival(const HalVolumeInfo& info, const std::string& friendlyName);
-  void _CreateMediaLink(HalVolumeInfo& info, const std::string& mountPoint);
   void _RefreshContentId() { m_ContentId.Refresh(); }
   void _RefreshSerialNumber() { m_SerialNumber.Refresh(); }
 

@@ -1,9 +1,13 @@
 #include "volumes/MediaLinks.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 #include <sys/stat.h>
 
+#include "storage/HalVolumeInfo.h"
+#include "support/CapturedLog.h"
 #include "support/TemporaryDirectory.h"
+
+using testing::ElementsAre;
 
 namespace {
 
@@ -73,6 +77,46 @@ TEST(MediaLinkTarget, IsTheMountPointWithoutItsFirstSevenCharacters) {
   for (const auto& [mountPoint, target] : cases) {
     EXPECT_EQ(MediaLinkTarget(mountPoint), target) << mountPoint;
   }
+}
+
+TEST(MediaEntryName, DoesNotLeadOutOfItsDirectory) {
+  for (const char* name : {"sda1", "mmcblk0p1", "...", " ", ".hidden", "my stick"}) {
+    EXPECT_TRUE(IsMediaEntryName(name)) << name;
+  }
+  for (const char* name : {"", ".", "..", "/", "a/b", "../etc", "sda1/", "/sda1"}) {
+    EXPECT_FALSE(IsMediaEntryName(name)) << name;
+    EXPECT_FALSE(IsLeftover(name)) << name;
+  }
+}
+
+TEST(MediaLink, IsRefusedWhenItsNameHasASlash) {
+  HalVolumeInfo info;
+  info.BusType = "usb";
+  info.MountPoint = "/media/sda1/charts";
+  const tCapturedLog log;
+  CreateMediaLink(info, 1);
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(tLogLine{kLogError,
+                                   "symlink refused: /media/USB Memory Card A1/CHARTS -> "
+                                   "sda1/charts"},
+                          tLogLine{kLogError,
+                                   "symlink error: a link whose name has a slash would not stand "
+                                   "in /media itself"}));
+  EXPECT_EQ(info.LinkPath, "");
+}
+
+TEST(MediaLink, IsDeletedByItsRecordedPath) {
+  const tTemporaryDirectory directory;
+  HalVolumeInfo info;
+  info.LinkPath = directory.Link("link", "sda1");
+  const HalVolumeInfo without;
+  const tCapturedLog log;
+  RemoveMediaLink(without);
+  EXPECT_TRUE(directory.Holds("link"));
+  RemoveMediaLink(info);
+  EXPECT_FALSE(directory.Holds("link"));
+  RemoveMediaLink(info);
+  EXPECT_THAT(log.Lines(), testing::IsEmpty()) << "a link that is gone is no failure";
 }
 
 TEST(RemoveDanglingLinks, DeletesTheLinksOfADirectoryThatLeadNowhere) {
