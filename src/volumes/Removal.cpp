@@ -1,5 +1,5 @@
-// How a local volume leaves tVoldrake's list, and what the changes of its mount state mean. Nothing
-// here unmounts: the hardware service and the kernel have done that, or will.
+// How a local volume leaves tVoldrake's list, and what a remount means. Nothing here unmounts: the
+// hardware service and the kernel have done that, or will.
 
 #include <algorithm>
 
@@ -9,35 +9,9 @@
 #include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
 #include "sharing/ServicePublisher.h"
-#include "storage/HalNames.h"
 #include "storage/tHalManager.h"
 #include "volumes/MediaLinks.h"
 #include "volumes/tVoldrake.h"
-
-void tVoldrake::HalManagerPropertyChangedCb(const char* udi, const char* key) {
-  const std::string property = key;
-  bool ok = false;
-  if (property == kHalVolumeIsMounted) {
-    const bool mounted = m_pHalManager->propertyBool(udi, key, ok);
-    if (!ok) return;
-    if (mounted) {
-      _DeviceMounted(udi);
-    } else {
-      _DeviceRemoved(udi);
-    }
-  } else if (property == kHalVolumeIsMountedReadOnly) {
-    const bool readOnly = m_pHalManager->propertyBool(udi, key, ok);
-    Log(std::string("HalManagerPropertyChangedCb MountedRo ") + FlagText(readOnly) + " " +
-            FlagText(ok),
-        kLogDebug);
-    if (!ok) return;
-    if (readOnly) {
-      _DeviceReMountedRo(udi);
-    } else {
-      _DeviceReMountedRw(udi);
-    }
-  }
-}
 
 void tVoldrake::_DeviceRemoved(const std::string& udi) {
   const auto entry =

@@ -44,11 +44,3 @@ void tVoldrake::Stop() {
   m_pServicePublisher->StopAndWait();
   m_pServiceBrowser->StopBrowsing();
 }
-
-void tVoldrake::HalManagerDeviceAddedCb(const char* udi) {
-  _DeviceAdded(udi);
-}
-
-void tVoldrake::HalManagerDeviceRemovedCb(const char* udi) {
-  _DeviceRemoved(udi);
-}

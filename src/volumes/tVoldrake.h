@@ -52,6 +52,7 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   /// (three seconds and more) and stops listening to other units.
   void Stop();
 
+  // HalEvents.cpp
   void HalManagerDeviceAddedCb(const char* udi) override;
   void HalManagerDeviceRemovedCb(const char* udi) override;
   void HalManagerPropertyChangedCb(const char* udi, const char* key) override;
@@ -80,7 +81,7 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   void _RefreshContentId() { m_ContentId.Refresh(); }
   void _RefreshSerialNumber() { m_SerialNumber.Refresh(); }
 
-  // Removal.cpp: how an entry leaves the list, and what property changes mean.
+  // Removal.cpp: how an entry leaves the list, and what remounts mean.
   void _DeviceRemoved(const std::string& udi);
   void _UnmountAll();
   void _DeviceReMountedRo(const std::string& udi);
