@@ -28,30 +28,31 @@ void tVoldrake::_DeviceAdded(const std::string& udi) {
   info.VolumeId = udi;
   if (!m_pHalManager->GetVolumeInfo(info)) return;
   if (_IsInExclusionList(info)) return;
-  if (info.IsMounted) {
-    _DeviceMounted(udi);
-    return;
-  }
-  std::string name;
-  const bool RetVal = m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice);
+  static constexpr tMountTexts kTexts{
+      "DeviceAdded: failed to remove ",
+      "_DeviceAdded: MountVolume success: ", "_DeviceAdded: MountVolume failed: "};
+  const bool RetVal = _MountOrRegister(info, kTexts);
   if (!RetVal) Log("_DeviceAdded: GetNextMountPointName failed", kLogError);
   VOLDRAKE_ASSERT(RetVal == true);
-  const bool mounted = _RequestMount(info, name, "DeviceAdded: failed to remove ");
-  const std::string request = Printable(udi + " " + name + " " + info.FileSystemType);
-  if (mounted) {
-    Log("_DeviceAdded: MountVolume success: " + request, kLogInfo);
-  } else {
-    Log("_DeviceAdded: MountVolume failed: " + request, kLogError);
-  }
 }
 
-bool tVoldrake::_RequestMount(const HalVolumeInfo& info, const std::string& name,
-                              const char* leftoverWarning) {
+bool tVoldrake::_MountOrRegister(const HalVolumeInfo& info, const tMountTexts& texts) {
+  if (info.IsMounted) {
+    _DeviceMounted(info.VolumeId);
+    return true;
+  }
+  std::string name;
+  if (!m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice)) return false;
   if (IsLeftover(name) &&
       RemoveDirectory(kMediaPrefix + name, true, tLinkPolicy::kDoNotFollow) != 0) {
-    Log(leftoverWarning + (kMediaPrefix + Printable(name)), kLogWarning);
+    Log(texts.leftoverStays + (kMediaPrefix + Printable(name)), kLogWarning);
   }
-  return m_pHalManager->mountVolume(info.VolumeId.c_str(), name, info.FileSystemType);
+  const bool agreed = m_pHalManager->mountVolume(info.VolumeId.c_str(), name, info.FileSystemType);
+  if (const char* const text = agreed ? texts.agreed : texts.refused) {
+    Log(text + Printable(info.VolumeId + " " + name + " " + info.FileSystemType),
+        agreed ? kLogInfo : kLogError);
+  }
+  return true;
 }
 
 void tVoldrake::_DeviceMounted(const std::string& udi) {

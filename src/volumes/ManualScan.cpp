@@ -6,7 +6,6 @@
 #include "frame/Text.h"
 #include "sharing/ServicePublisher.h"
 #include "storage/HalNames.h"
-#include "storage/MountPointNameManager.h"
 #include "storage/tHalManager.h"
 #include "volumes/MediaLinks.h"
 #include "volumes/tVoldrake.h"
@@ -42,13 +41,8 @@ void tVoldrake::_ScanVolume(const std::string& udi) {
     Log("_ManualScan: Excluded", kLogInfo);
     return;
   }
-  if (info.IsMounted) {
-    _DeviceMounted(udi);
-    return;
-  }
-  std::string name;
-  const bool RetVal = m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice);
+  // A mount that the service refuses is logged by the call.
+  static constexpr tMountTexts kTexts{"ManualScan: failed to remove ", nullptr, nullptr};
+  const bool RetVal = _MountOrRegister(info, kTexts);
   VOLDRAKE_ASSERT(RetVal == true);
-  // The service reports the mount as an event, and its refusal has been logged.
-  _RequestMount(info, name, "ManualScan: failed to remove ");
 }

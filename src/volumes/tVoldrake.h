@@ -68,14 +68,20 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   virtual bool SignalAction(int signalNumber);
 
  private:
+  /// What the log says of the request for a mount; null: nothing.
+  struct tMountTexts {
+    const char* leftoverStays;  ///< before the path of a leftover that cannot be deleted
+    const char* agreed;         ///< before the volume's id, its name and its file system's type
+    const char* refused;        ///< likewise
+  };
+
   // Arrival.cpp: from a device of the hardware service to an entry in the list.
   void _DeviceAdded(const std::string& udi);
+  /// Registers a volume that is mounted. Has any other mounted, after clearing away what an earlier
+  /// run left where it will be; the hardware service then reports the mount. False, with nothing
+  /// done, when the volume has no mount-point name.
+  [[nodiscard]] bool _MountOrRegister(const HalVolumeInfo& info, const tMountTexts& texts);
   void _DeviceMounted(const std::string& udi);
-  /// Has the volume mounted under `name`, after clearing away what an earlier run left there;
-  /// `leftoverWarning` goes before the path of a leftover that cannot be deleted. True when the
-  /// hardware service agreed.
-  bool _RequestMount(const HalVolumeInfo& info, const std::string& name,
-                     const char* leftoverWarning);
   void _AddMountPoint(HalVolumeInfo& info, const std::optional<UsbMapMatch>& match);
   void _PublishArrival(const HalVolumeInfo& info, const std::string& friendlyName);
   void _RefreshContentId() { m_ContentId.Refresh(); }
