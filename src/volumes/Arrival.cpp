@@ -6,15 +6,14 @@
 #include "frame/Assert.h"
 #include "frame/FileSystem.h"
 #include "frame/Log.h"
-#include "frame/NfsRoot.h"
 #include "frame/Text.h"
-#include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
 #include "sharing/ServicePublisher.h"
 #include "storage/MountPointNameManager.h"
 #include "storage/tHalManager.h"
 #include "volumes/FriendlyName.h"
 #include "volumes/MediaLinks.h"
+#include "volumes/Reports.h"
 #include "volumes/tVoldrake.h"
 
 void tVoldrake::_DeviceAdded(const std::string& udi) {
@@ -91,13 +90,6 @@ void tVoldrake::_AddMountPoint(HalVolumeInfo& info, const std::optional<UsbMapMa
 }
 
 void tVoldrake::_PublishArrival(const HalVolumeInfo& info, const std::string& friendlyName) {
-  DataSourceInfo arrival{.arrival = true,
-                         .memoryCard = !info.Cid.empty(),
-                         .readOnly = info.ReadOnly,
-                         .path = MapNfsRootPath(info.MountPoint),
-                         .friendlyName = friendlyName,
-                         .key = info.Cid,
-                         .contentId = m_ContentId.Text(),
-                         .serialNumber = m_SerialNumber.Text()};
+  DataSourceInfo arrival = ArrivalOf(info, friendlyName, m_ContentId.Text(), m_SerialNumber.Text());
   m_pMessageClient->PublishDataSource(arrival);
 }

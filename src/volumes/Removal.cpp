@@ -4,13 +4,12 @@
 #include <algorithm>
 
 #include "frame/Log.h"
-#include "frame/NfsRoot.h"
 #include "frame/Text.h"
-#include "messaging/DataSourceInfo.h"
 #include "messaging/tMessageClient.h"
 #include "sharing/ServicePublisher.h"
 #include "storage/tHalManager.h"
 #include "volumes/MediaLinks.h"
+#include "volumes/Reports.h"
 #include "volumes/tVoldrake.h"
 
 void tVoldrake::_DeviceRemoved(const std::string& udi) {
@@ -19,7 +18,7 @@ void tVoldrake::_DeviceRemoved(const std::string& udi) {
                    [&udi](const HalVolumeInfo& volume) { return volume.VolumeId == udi; });
   if (entry == m_Volumes.end()) return;
   Log("_DeviceRemoved: Found Volume in list: ", kLogInfo);
-  DataSourceInfo removal{.path = MapNfsRootPath(entry->MountPoint)};
+  DataSourceInfo removal = RemovalOf(entry->MountPoint);
   m_pMessageClient->PublishDataSource(removal);
   RemoveMediaLink(*entry);
   m_pServicePublisher->RemoveServiceNFS(entry->MountPoint);

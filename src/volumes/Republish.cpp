@@ -7,6 +7,7 @@
 #include "messaging/tMessageClient.h"
 #include "sharing/ServiceBrowser.h"
 #include "volumes/FriendlyName.h"
+#include "volumes/RemoteVolumes.h"
 #include "volumes/tVoldrake.h"
 
 bool tVoldrake::SignalAction(int signalNumber) {
@@ -27,11 +28,7 @@ bool tVoldrake::SignalAction(int signalNumber) {
 
 void tVoldrake::Republish() {
   m_pMessageClient->ClearPending();
-  if (m_pServiceBrowser) {
-    m_Republishing = true;
-    m_pServiceBrowser->ServiceList().Republish();
-    m_Republishing = false;
-  }
+  if (m_pServiceBrowser) m_pRemoteVolumes->Republish(m_pServiceBrowser->ServiceList());
   for (HalVolumeInfo& volume : m_Volumes) {
     const std::string name = FriendlyName(volume, _FindUsbMapEntry(volume));
     if (_IsInExclusionList(volume)) continue;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -11,7 +10,6 @@
 #include "sharing/IServiceBrowserCallback.h"
 #include "storage/HalVolumeInfo.h"
 #include "storage/IHalManagerCallback.h"
-#include "storage/NfsMounter.h"
 #include "volumes/Identity.h"
 #include "volumes/IdentityText.h"
 
@@ -21,6 +19,7 @@ class CServicePublisher;
 class ConfigManager;
 class tHalManager;
 class tMessageClient;
+class tRemoteVolumes;
 
 /// The heart of the daemon: knows which local volumes are in use and carries each through its life.
 /// The hardware service reports a device; the volume is described, tested against the exclusions
@@ -31,10 +30,7 @@ class tMessageClient;
 /// unique. Between the request for a mount and the report of it nothing is remembered: a mount that
 /// fails is not tried again until the service reports the device anew.
 ///
-/// Threads: everything about local volumes runs on the main thread, so the list has no lock. The
-/// remote side (the IServiceBrowserCallback operations) runs on the browser's and the service
-/// list's threads and touches nothing of it. The workers that this object owns are reached through
-/// their public operations.
+/// Threads: the main thread's alone, but for the three IServiceBrowserCallback operations.
 class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
  public:
   /// Starts the workers and registers the volumes that are already there. Blocks for as long as the
@@ -57,7 +53,7 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   void HalManagerDeviceRemovedCb(const char* udi) override;
   void HalManagerPropertyChangedCb(const char* udi, const char* key) override;
 
-  // RemoteVolumes.cpp
+  // What is heard of other units goes to the remote volumes, on the thread that has heard it.
   void OnPeerFound(const std::string& address) override;
   bool OnServiceAdded(const NFS_DATA_T& share) override;
   void OnServiceRemoved(const NFS_DATA_T& share) override;
@@ -110,26 +106,23 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   // Republish.cpp
   void Republish();
 
-  // RemoteVolumes.cpp
-  /// True while so many messages wait for the application that no share is taken; one line in the
-  /// log says when that begins.
-  bool _TooManyReportsWait();
-
+  // Constant after construction.
   tHalManager* const m_pHalManager;
   ConfigManager* const m_pConfigManager;
-  tExportTable m_Exports;  ///< used by the publisher
-  std::unique_ptr<CMountPointNameManager> m_pMountPointNameManager;
-  std::unique_ptr<tMessageClient> m_pMessageClient;
-  std::unique_ptr<CServicePublisher> m_pServicePublisher;
-  std::unique_ptr<CServiceBrowser> m_pServiceBrowser;
-  CNfsMounter m_NfsMounter;
-  std::vector<HalVolumeInfo> m_Volumes;  ///< in the order in which they were added
-  bool m_SharesRefused = false;          ///< used with the service list's lock held
-  /// Shares that were taken once are reported again however many reports wait.
-  std::atomic<bool> m_Republishing = false;
   const std::string m_InternalSharePath;
-  tIdentityText m_ContentId;
-  tIdentityText m_SerialNumber;
   const std::string m_PlatformFamily;  ///< for debugging: nothing depends on it
   const int m_MmcHostIndex;
+
+  // Synchronised by themselves. The pointers are set by the constructor.
+  tExportTable m_Exports;  ///< used by the publisher
+  std::unique_ptr<tMessageClient> m_pMessageClient;
+  std::unique_ptr<CServicePublisher> m_pServicePublisher;
+  std::unique_ptr<tRemoteVolumes> m_pRemoteVolumes;
+  std::unique_ptr<CServiceBrowser> m_pServiceBrowser;
+
+  // The main thread's.
+  std::unique_ptr<CMountPointNameManager> m_pMountPointNameManager;
+  std::vector<HalVolumeInfo> m_Volumes;  ///< in the order in which they were added
+  tIdentityText m_ContentId;
+  tIdentityText m_SerialNumber;
 };

@@ -10,8 +10,8 @@
 #include "storage/HalVolumeInfo.h"
 #include "support/CapturedLog.h"
 #include "support/NfsRootSetting.h"
+#include "support/OwnNfsRoot.h"
 #include "support/RecordedCommands.h"
-#include "support/TemporaryDirectory.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -20,7 +20,7 @@ namespace {
 
 const std::string kOptions = ",rsize=1280,soft,udp,noatime,nodiratime ";
 const std::string kSource = "169.254.3.7:/media/sda1";
-/// Where that is mounted: the root has two slashes, so that all of them are the source's.
+/// Where that is mounted.
 const std::string kMountPath = "./mnt/169.254.3.7:-media-sda1";
 
 NFS_DATA_T Share(const std::string& source = kSource) {
@@ -29,15 +29,8 @@ NFS_DATA_T Share(const std::string& source = kSource) {
   return share;
 }
 
-/// Works in a directory of its own, in which the NFS root is the directory "mnt".
 class NfsMounter : public testing::Test {
  protected:
-  NfsMounter() : m_Before(std::filesystem::current_path()) {
-    m_Directory.MakeDirectory("mnt");
-    std::filesystem::current_path(m_Directory.Path());
-  }
-  ~NfsMounter() override { std::filesystem::current_path(m_Before); }
-
   [[nodiscard]] bool Mount(const NFS_DATA_T& share) {
     return m_Mounter.MountRemoteShare(share, m_MountPath);
   }
@@ -47,9 +40,7 @@ class NfsMounter : public testing::Test {
   std::string m_MountPath;
 
  private:
-  const std::filesystem::path m_Before;
-  const tTemporaryDirectory m_Directory;
-  const tNfsRootSetting m_Root{"./mnt/"};
+  const tOwnNfsRoot m_Root;
 };
 
 TEST_F(NfsMounter, MountsWritableOnlyWhatThePeerSharesWritable) {
