@@ -7,7 +7,7 @@ from testbed import prompt, story, target, twounits
 from testbed.network import Network
 from testbed.stage import Stage
 from testbed.timeline import Timeline
-from testbed.tools import NfsTools
+from testbed.nfs import NfsTools
 
 
 def main(arguments: list[str]) -> int:

@@ -10,7 +10,7 @@ from testbed.medialinks import MediaLinks
 from testbed.monitor import Monitor, Told
 from testbed.network import Network
 from testbed.tape import Wanted
-from testbed.tools import NfsTools
+from testbed.nfs import NfsTools
 from testbed.unit import Unit
 from testbed.waiting import wait_until
 

@@ -7,7 +7,7 @@ import pytest
 
 from testbed.network import Network
 from testbed.peer import Peer
-from testbed.tools import NfsTools
+from testbed.nfs import NfsTools
 from testbed.unit import Unit
 
 

@@ -15,7 +15,7 @@ from testbed.daemon import INFO
 from testbed.network import Network
 from testbed.peer import Announcement, Peer
 from testbed.strace import Strace
-from testbed.tools import NfsTools
+from testbed.nfs import NfsTools
 from testbed.unit import Unit
 from testbed.waiting import wait_until
 
