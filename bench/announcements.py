@@ -9,7 +9,7 @@ from bench import stage
 from bench.figures import CannotMeasure, Figure
 from bench.stage import Stage, processor_nanoseconds, wait_until
 from testbed.network import Network
-from testbed.peer import PORT, Announcement, Peer
+from testbed.otherunit import PORT, Announcement, OtherUnit
 from testbed.sandbox import Sandbox
 
 _BURST = 20
@@ -28,7 +28,7 @@ def announcement(logs: Path, rounds: int, count: int) -> list[Figure]:
     for _ in range(rounds):
         for who, found in samples.items():
             with (Network() as network, Stage(logs, network, "169.254.1.1") as place,
-                  Peer(network, logs / "peer", "169.254.3.7") as peer):
+                  OtherUnit(network, logs / "peer", "169.254.3.7") as peer):
                 pid = _start(place, who)
                 _make_known(place, peer, pid)
                 found.append(_cost_of_one(place, peer, pid, count))
@@ -55,7 +55,7 @@ def udp_queue(place: Sandbox) -> tuple[int, int]:
     raise CannotMeasure("nobody listens to announcements")
 
 
-def send_paced(place: Sandbox, peer: Peer, count: int, pace: float) -> bool:
+def send_paced(place: Sandbox, peer: OtherUnit, count: int, pace: float) -> bool:
     """Send that many announcements of the share and wait until all were read.
 
     False when some were dropped.
@@ -79,7 +79,7 @@ def _start(place: Stage, who: str) -> int:
     return place.pid_of(program)
 
 
-def _make_known(place: Stage, peer: Peer, pid: int) -> None:
+def _make_known(place: Stage, peer: OtherUnit, pid: int) -> None:
     """Return when the hardware address is known, and to the daemon also the share."""
     greet(place, peer)
     before = processor_nanoseconds(pid)
@@ -89,7 +89,7 @@ def _make_known(place: Stage, peer: Peer, pid: int) -> None:
     time.sleep(1)  # the mount that follows
 
 
-def greet(place: Sandbox, peer: Peer) -> None:
+def greet(place: Sandbox, peer: OtherUnit) -> None:
     """Have the kernel of the place learn the peer's hardware address."""
     known = f"{peer.address} "
     with place.in_network(lambda: socket.socket(socket.AF_INET, socket.SOCK_DGRAM)) as greeter:
@@ -98,7 +98,7 @@ def greet(place: Sandbox, peer: Peer) -> None:
         lambda: Path("/proc/thread-self/net/arp").read_text()), "the peer's address is known")
 
 
-def _cost_of_one(place: Stage, peer: Peer, pid: int, count: int) -> float:
+def _cost_of_one(place: Stage, peer: OtherUnit, pid: int, count: int) -> float:
     """Nanoseconds, at the fastest pace that drops none."""
     pace = _PACE
     while pace >= _SLOWEST:

@@ -18,7 +18,7 @@ from bench.figures import CannotMeasure
 from bench.stage import wait_until
 from testbed import target
 from testbed.network import Network
-from testbed.peer import Announcement, Peer
+from testbed.otherunit import Announcement, OtherUnit
 from testbed.unit import Unit
 
 RECORD = Path(__file__).parent / "instructions.json"
@@ -44,7 +44,7 @@ def count(log_directory: Path) -> dict[str, int]:
     for file in log_directory.glob("callgrind.out*"):
         file.unlink()
     with (Network() as network, Unit(log_directory, network=network) as unit,
-          Peer(network, log_directory / "peer", "169.254.3.7") as peer):
+          OtherUnit(network, log_directory / "peer", "169.254.3.7") as peer):
         for tool, does in (("exportfs", "true"), ("mount", "true"), ("umount", "true"),
                            ("mountpoint", "false")):
             unit.sandbox.path(f"/srv/tools/{tool}").symlink_to(f"/usr/bin/{does}")
@@ -85,7 +85,7 @@ def build_flags(directory: Path) -> dict[str, str]:
     return {name: re.search(rf"^{name}:\w+=(.*)$", cache, re.MULTILINE)[1] for name in FLAGS}
 
 
-def _announce(unit: Unit, peer: Peer) -> None:
+def _announce(unit: Unit, peer: OtherUnit) -> None:
     """Let the unit hear of one share, and then many times again."""
     assert unit.eth0
     unit.eth0.up()

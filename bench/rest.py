@@ -15,7 +15,7 @@ from bench.stage import Stage, processor_nanoseconds, threads, wait_until
 from testbed import target
 from testbed.application import Application
 from testbed.network import Network
-from testbed.peer import Announcement, Peer
+from testbed.otherunit import Announcement, OtherUnit
 from testbed.tape import Tape
 
 #: The daemon's threads in the order of their start, and how often their waits end in a second.
@@ -77,7 +77,7 @@ def memory(logs: Path, few: int, many: int) -> list[Figure]:
 def share_memory(logs: Path, few: int, many: int) -> list[Figure]:
     """Heap memory that each share of another unit adds."""
     with (Network() as network, Stage(logs, network, "169.254.1.1") as place,
-          Peer(network, logs / "peer", "169.254.3.7") as peer):
+          OtherUnit(network, logs / "peer", "169.254.3.7") as peer):
         application = Application(place, Tape(), _APPLICATION_PORT)
         application.listen()
         daemon = [place.program(stage.DAEMON), "--port", str(_APPLICATION_PORT), *stage.QUIET]

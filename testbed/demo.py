@@ -5,9 +5,9 @@ from pathlib import Path
 
 from testbed import prompt, story, target, twounits
 from testbed.network import Network
+from testbed.nfs import NfsTools
 from testbed.stage import Stage
 from testbed.timeline import Timeline
-from testbed.nfs import NfsTools
 
 
 def main(arguments: list[str]) -> int:

@@ -9,8 +9,8 @@ from testbed.lifespan import Lifespan
 from testbed.medialinks import MediaLinks
 from testbed.monitor import Monitor, Told
 from testbed.network import Network
-from testbed.tape import Wanted
 from testbed.nfs import NfsTools
+from testbed.tape import Wanted
 from testbed.unit import Unit
 from testbed.waiting import wait_until
 

@@ -6,8 +6,8 @@ from typing import Callable, Iterator
 import pytest
 
 from testbed.network import Network
-from testbed.peer import Peer
 from testbed.nfs import NfsTools
+from testbed.otherunit import OtherUnit
 from testbed.unit import Unit
 
 
@@ -27,13 +27,14 @@ def tools(unit: Unit) -> NfsTools:
 
 
 @pytest.fixture
-def make_peer(network: Network, unit: Unit, log_directory: Path) -> Iterator[Callable[..., Peer]]:
+def make_peer(network: Network, unit: Unit,
+              log_directory: Path) -> Iterator[Callable[..., OtherUnit]]:
     """Makes one more unit of sockets, with this address; its events are on the unit's tape."""
-    peers: list[Peer] = []
+    peers: list[OtherUnit] = []
 
-    def make(address: str) -> Peer:
+    def make(address: str) -> OtherUnit:
         name = f"peer{len(peers) + 1}"
-        peer = Peer(network, log_directory / name, address, unit.tape, name)
+        peer = OtherUnit(network, log_directory / name, address, unit.tape, name)
         peers.append(peer)
         peer.start()
         return peer
@@ -44,6 +45,6 @@ def make_peer(network: Network, unit: Unit, log_directory: Path) -> Iterator[Cal
 
 
 @pytest.fixture
-def peer(make_peer: Callable[..., Peer]) -> Peer:
+def peer(make_peer: Callable[..., OtherUnit]) -> OtherUnit:
     """Another unit of sockets at 169.254.3.7."""
     return make_peer("169.254.3.7")

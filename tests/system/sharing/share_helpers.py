@@ -9,7 +9,7 @@ import pytest
 
 from testbed import target
 from testbed.daemon import DEBUG, INFO
-from testbed.peer import Peer
+from testbed.otherunit import OtherUnit
 from testbed.strace import Strace
 from testbed.unit import Unit
 from testbed.waiting import wait_until
@@ -86,7 +86,7 @@ def start_sharing(unit: Unit, *arguments: str) -> None:
                    "the exports are made")
 
 
-def start_with_peer(unit: Unit, peer: Peer, *arguments: str) -> None:
+def start_with_peer(unit: Unit, peer: OtherUnit, *arguments: str) -> None:
     """Start the daemon and have it discover the peer, which announces nothing."""
     start_listening(unit, "--peer-mac", peer.eth0.hardware_address(), *arguments)
     peer.send(b"")

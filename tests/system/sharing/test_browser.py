@@ -9,7 +9,7 @@ from share_helpers import LIFE, export, mount, seconds_of_silence, start_listeni
 from testbed import target, timeouts
 from testbed.application import message
 from testbed.daemon import ERROR, INFO, WARNING
-from testbed.peer import GROUP, PORT, Announcement, NUDGE_PORT
+from testbed.otherunit import GROUP, PORT, Announcement, NUDGE_PORT
 from testbed.strace import Strace
 from testbed.waiting import wait_until
 

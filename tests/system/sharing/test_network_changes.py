@@ -7,7 +7,7 @@ import pytest
 from share_helpers import (CLEAR_EXPORTS, export, gaps, listens, network_table, open_descriptors,
                            processor_share, start_listening, start_sharing, start_with_peer)
 from testbed.daemon import DEBUG, INFO
-from testbed.peer import Announcement
+from testbed.otherunit import Announcement
 from testbed.strace import Strace
 from testbed.waiting import wait_until
 

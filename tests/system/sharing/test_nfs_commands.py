@@ -9,7 +9,7 @@ import pytest
 from share_helpers import (CLEAR_EXPORTS, export, mount, start_listening, start_sharing,
                            start_with_peer, unmount)
 from testbed.daemon import DEBUG, ERROR, INFO, WARNING
-from testbed.peer import WITHDRAWN, Announcement
+from testbed.otherunit import WITHDRAWN, Announcement
 from testbed.strace import Strace
 
 SOURCE = "169.254.3.7:/media/sda1"

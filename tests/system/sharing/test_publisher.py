@@ -8,7 +8,7 @@ from share_helpers import (CLEAR_EXPORTS, FLUSH_EXPORTS, PASS, TO_GROUP, export,
                            start_listening, start_with_peer)
 from testbed import timeouts
 from testbed.daemon import DEBUG, ERROR, INFO
-from testbed.peer import PORT, WITHDRAWN, Announcement
+from testbed.otherunit import PORT, WITHDRAWN, Announcement
 from testbed.strace import Strace, Trace
 
 STICK = "usb stick"

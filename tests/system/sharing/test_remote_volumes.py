@@ -8,7 +8,7 @@ import pytest
 from share_helpers import mount, start_listening, unmount
 from testbed.application import message
 from testbed.daemon import ERROR, INFO, WARNING
-from testbed.peer import Announcement
+from testbed.otherunit import Announcement
 
 CID = "1b534d303030303010206bb243009ae5"  # with the right check digits
 BAD_KEY = "Error computing CID CRC - Invalid CID length"

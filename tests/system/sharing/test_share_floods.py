@@ -11,7 +11,7 @@ import pytest
 from share_helpers import add_quick_tools, nothing_waits, start_listening, start_sharing
 from testbed import timeouts
 from testbed.daemon import WARNING
-from testbed.peer import Announcement
+from testbed.otherunit import Announcement
 from testbed.waiting import wait_until
 
 REAL = Announcement("/media/real", name="real")

@@ -8,7 +8,7 @@ import pytest
 
 from share_helpers import mount, start_listening, start_with_peer
 from testbed.daemon import ERROR, WARNING
-from testbed.peer import WITHDRAWN, Announcement
+from testbed.otherunit import WITHDRAWN, Announcement
 
 RUN = "touch /tmp/owned"
 NASTY = [

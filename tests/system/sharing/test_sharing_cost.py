@@ -8,7 +8,7 @@ import pytest
 from share_helpers import (add_quick_tools, nothing_waits, processor_seconds, reading_thread,
                            start_listening)
 from testbed import timeouts
-from testbed.peer import Announcement
+from testbed.otherunit import Announcement
 from testbed.strace import Strace
 from testbed.waiting import wait_until
 

@@ -9,7 +9,7 @@ import pytest
 from share_helpers import listens, mount, start_listening, start_sharing, start_with_peer, unmount
 from testbed import timeouts
 from testbed.daemon import INFO
-from testbed.peer import WITHDRAWN, Announcement
+from testbed.otherunit import WITHDRAWN, Announcement
 from testbed.strace import Strace
 from testbed.waiting import wait_until
 

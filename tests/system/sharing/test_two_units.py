@@ -13,9 +13,9 @@ from share_helpers import (LIFE, listens, mount, seconds_of_silence,
 from testbed.application import message
 from testbed.daemon import INFO
 from testbed.network import Network
-from testbed.peer import Announcement, Peer
-from testbed.strace import Strace
 from testbed.nfs import NfsTools
+from testbed.otherunit import Announcement, OtherUnit
+from testbed.strace import Strace
 from testbed.unit import Unit
 from testbed.waiting import wait_until
 
@@ -56,7 +56,7 @@ def source(number: int, path: str = "/media/sda1") -> str:
 
 
 @contextmanager
-def in_its_name(peer: Peer, address: str, share: Announcement) -> Iterator[None]:
+def in_its_name(peer: OtherUnit, address: str, share: Announcement) -> Iterator[None]:
     """Meanwhile the peer announces the share as if it came from this address."""
     ended = threading.Event()
 
@@ -160,7 +160,7 @@ def test_a_unit_that_is_back_before_its_shares_are_forgotten_was_never_away(
     first, second = make_units(2)
     first.hal.plug(STICK)
     second.application.expect_message("dataarrival")
-    with Peer(network, log_directory / "peer", "169.254.3.7") as peer:
+    with OtherUnit(network, log_directory / "peer", "169.254.3.7") as peer:
         with in_its_name(peer, "169.254.1.1", Announcement("/media/sda1")):
             first.daemon.kill()
             first.start_daemon()

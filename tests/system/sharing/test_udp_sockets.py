@@ -8,7 +8,7 @@ from share_helpers import (TO_GROUP, gaps, listens, mount, open_descriptors, pro
                            reading_thread, start_listening, unmount)
 from testbed import timeouts
 from testbed.daemon import ERROR, INFO, WARNING
-from testbed.peer import NUDGE_PORT, Announcement
+from testbed.otherunit import NUDGE_PORT, Announcement
 from testbed.strace import Strace
 from testbed.waiting import wait_until
 

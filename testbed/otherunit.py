@@ -1,6 +1,6 @@
 """A unit on the wire that lives in the test process, and what it says and hears.
 
-`Peer` has a network of its own with an eth0 on the wire; it sends announcements, records what
+`OtherUnit` has a network of its own with an eth0 on the wire; it sends announcements, records what
 others send, and answers ARP or does not. `Announcement` is the datagram, written from its format
 alone so that it can contradict the daemon:
 
@@ -105,7 +105,7 @@ class Datagram:
         return Announcement.decode(self.raw)
 
 
-class Peer(Lifespan):
+class OtherUnit(Lifespan):
     """Another unit on the wire.
 
     It answers ARP like any host (`answer_arp` changes that) and records on its channel what
@@ -260,7 +260,7 @@ class Peer(Lifespan):
 class Announcer:
     """Announces volumes once a period, the first time at once, until it is stopped."""
 
-    def __init__(self, peer: Peer, volumes: Iterable[Announcement], period: float) -> None:
+    def __init__(self, peer: OtherUnit, volumes: Iterable[Announcement], period: float) -> None:
         self._peer = peer
         self._volumes = [volume.encode() for volume in volumes]
         self._period = period
