@@ -16,4 +16,6 @@
 #define EXCLUDES(...) VOLDRAKE_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define ACQUIRE(...) VOLDRAKE_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) VOLDRAKE_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+/// For a function that holds a lock which the analysis cannot see.
+#define NO_THREAD_SAFETY_ANALYSIS VOLDRAKE_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 #define ACQUIRED_BEFORE(...) VOLDRAKE_THREAD_ATTRIBUTE(acquired_before(__VA_ARGS__))

@@ -376,7 +376,7 @@ class tMeasuredPublisher : public tPublisher {
   }
 
  protected:
-  void _Send(std::span<const uint8_t> datagram) override {
+  void _Send(std::span<const uint8_t> datagram) override NO_THREAD_SAFETY_ANALYSIS {
     if (m_Sent == 0) m_Current = {steady_clock::now(), UseOfThisThread(), {}};
     CServicePublisher::_Send(datagram);
     if (++m_Sent < m_Services) return;
