@@ -65,6 +65,7 @@ def read_only_mounts() -> dict[Path, Path]:
     built = {INSIDE / "bin" / name: _built(name) for name in _PROGRAMS}
     mounts = {inside: outside for inside, outside in built.items() if outside.exists()}
     mounts[INSIDE / "helpers"] = REPOSITORY / "testbed" / "helpers"
+    mounts[INSIDE / "examples"] = REPOSITORY / "docs" / "examples"
     if emulated():
         mounts[_EMULATOR_INSIDE] = Path(os.environ["VOLDRAKE_EMULATOR"]).resolve()
     # Libraries only: the emulator sends every path that exists there into the sysroot, so it
