@@ -29,8 +29,10 @@ HIDDEN = {"kLogDebug", "LOG_DEBUG"}
 HEADING = re.compile(r"### (voldrake|voldrake-hald): (\w+)")
 ROW = re.compile(r"\| `(.*?)` \|")
 
-TOKEN = re.compile(r'"(?:[^"\\]|\\.)*"|\'(?:[^\'\\]|\\.)*\'|//[^\n]*|/\*.*?\*/|\w+|\s+|.', re.DOTALL)
-CONSTANT = re.compile(r'\bconst(?:expr)?\b[^;=(]*?\b(k\w+)(?:\[\])?(?: = |\{)("(?:[^"\\]|\\.)*")\}?;')
+TOKEN = re.compile(r'''"(?:[^"\\]|\\.)*" | '(?:[^'\\]|\\.)*' | //[^\n]* | /\*.*?\*/
+                       | \w+ | \s+ | .''', re.DOTALL | re.VERBOSE)
+CONSTANT = re.compile(r'\bconst(?:expr)?\b[^;=(]*?\b(k\w+)(?:\[\])?'
+                      r'(?: = |\{)("(?:[^"\\]|\\.)*")\}?;')
 TEXT_FUNCTION = re.compile(r"std::string (\w+)\(([^()]*)\) \{\s*return ([^;]*);\s*\}")
 
 Tokens = list[str]

@@ -52,7 +52,8 @@ def seen(unit: Unit, level: int, since: Mark = Mark(0), until: Match | None = No
 def unexplained(lines: list[LogLine]) -> list[LogLine]:
     """The lines of levels 1 to 3 for which the document's tables have no row but one that fits
     every line."""
-    rows = [(_LEVELS[level], _pattern(row)) for level, table in _TABLE.findall(_DOCUMENT.read_text())
+    rows = [(_LEVELS[level], _pattern(row))
+            for level, table in _TABLE.findall(_DOCUMENT.read_text())
             for row in re.findall(r"^\| `(.*?)` \|", table, re.MULTILINE)]
     rows = [(level, pattern) for level, pattern in rows if pattern != _ANYTHING]
     return [line for line in lines if line.level <= INFO

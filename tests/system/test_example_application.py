@@ -138,7 +138,8 @@ def test_a_volume_is_found_behind_a_link(running_unit: Unit) -> None:
 
 @pytest.mark.parametrize("sent", [
     b"", b"\0", encode("<message/>")[:-1], encode("<message/>"), encode("<message >"),
-    b"\0\x06\0\0\0\x02\xd8\0", b"\0\x06\0\x01\0\x02\0a", b"\0\x06\0\0\0\x04\0a", b"\0\x05\0\0\0\x01a",
+    b"\0\x06\0\0\0\x02\xd8\0", b"\0\x06\0\x01\0\x02\0a", b"\0\x06\0\0\0\x04\0a",
+    b"\0\x05\0\0\0\x01a",
     encode("<message ><content><dataarrival path='&#300;'/></content></message>"),
     encode("<!DOCTYPE message [<!ENTITY a 'b'>]><message ><content/></message>"),
 ], ids=repr)
