@@ -122,6 +122,24 @@ def listed_by_messages(told: list[str]) -> set[str]:
     return paths
 
 
+def test_a_daemon_that_is_started_after_it_listens_has_nothing_that_waits(unit: Unit) -> None:
+    """So the messages alone are enough then."""
+    unit.start_daemon()
+    unit.application.leave()
+    unit.hal.plug(STICK)
+    unit.hal.plug(OTHER)
+    unit.settle()
+    unit.hal.pull("stick")
+    unit.settle()
+    assert unit.daemon.terminate() == 0
+    example = start_example(unit)
+    unit.start_daemon()
+    unit.hal.pull("other")
+    example.expect_stdout("told: dataremoval /media/sdb1\n", timeouts.RETRY)
+    example.kill()
+    assert said(example, "told") == ["dataarrival /media/sdb1", "dataremoval /media/sdb1"]
+
+
 def test_a_volume_is_found_behind_a_link(running_unit: Unit) -> None:
     """As where the image has a link in place of /mnt."""
     unit = running_unit
