@@ -48,9 +48,9 @@ def read_message(text: str) -> tuple[str, dict[str, str]]:
 
 def mounted() -> set[str]:
     """Every directory on which something is mounted, as the kernel has it at this moment."""
-    with open("/proc/self/mountinfo", encoding="utf-8", errors="surrogateescape") as table:
-        return {re.sub(r"\\([0-7]{3})", lambda code: chr(int(code[1], 8)), line.split(" ")[4])
-                for line in table}
+    with open("/proc/self/mountinfo", "rb") as table:
+        places = [line.split(b" ")[4].decode("utf-8", "surrogateescape") for line in table]
+    return {re.sub(r"\\([0-7]{3})", lambda code: chr(int(code[1], 8)), path) for path in places}
 
 
 def place(path: str) -> str:
@@ -66,13 +66,13 @@ def shown(text: str) -> str:
 
 def take_message(listener: socket.socket, volumes: dict[str, str]) -> None:
     """Read the next connection's message and change the list of volumes, path to name, by it."""
-    connection, _ = listener.accept()
-    with connection:
-        try:
+    try:
+        connection, _ = listener.accept()
+        with connection:
             kind, volume = read_message(read_frame(connection))
-        except (OSError, ValueError, ElementTree.ParseError) as error:
-            print(f"ignored: {shown(str(error))}", flush=True)
-            return
+    except (OSError, ValueError, ElementTree.ParseError) as error:
+        print(f"ignored: {shown(str(error))}", flush=True)
+        return
     if kind == "dataarrival":
         volumes[volume["path"]] = volume.get("friendlyname", "")
     elif kind == "dataremoval":

@@ -172,3 +172,14 @@ def test_what_the_daemon_does_not_send_is_ignored(running_unit: Unit, sent: byte
     example.kill()
     assert len(said(example, "ignored")) == 1
     assert said(example, "told") == ["dataarrival /media/sda1"]
+
+
+def test_a_connection_that_says_nothing_is_given_up(running_unit: Unit) -> None:
+    unit = running_unit
+    unit.application.leave()
+    example = start_example(unit)
+    with connect(unit):
+        unit.hal.plug(STICK)
+        example.expect_stdout("told: dataarrival /media/sda1\n", timeouts.RETRY)
+    example.kill()
+    assert said(example, "ignored") == ["timed out"]
