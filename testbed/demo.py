@@ -65,7 +65,10 @@ def _one_unit(logs: Path, interactive: bool, command: Command | None) -> int:
     with Stage(logs, command=command) as stage:
         timeline = Timeline({"": stage.unit.tape})
         try:
-            return (prompt.run if interactive else story.play)(stage, timeline)
+            status = (prompt.run if interactive else story.play)(stage, timeline)
+            if command:
+                stage.display.stop()  # so that all that it has printed is shown
+            return status
         finally:
             timeline.show()
 

@@ -9,8 +9,10 @@ from testbed.sandbox import Sandbox
 from testbed.tape import Channel, Tape
 from testbed.waiting import wait_until
 
-#: In the kernel's tables of TCP sockets: the state of one that listens.
-_LISTENS = "0A"
+#: In the kernel's tables of TCP sockets: the state of one that listens, and those of a connection
+#: that this end has not closed.
+_LISTENS = {"0A"}
+_OPEN = {"01", "08"}
 #: Its standard error goes with its output.
 _RUN = 'cd "$1" && shift && exec "$@" 2>&1'
 
@@ -51,17 +53,23 @@ class OwnApplication:
             self.present = False
             self.presence.record("the display application is gone")
 
+    def has_read_all(self) -> bool:
+        """True when it has closed every connection that was made to it."""
+        return not self._has_socket(_OPEN)
+
     def _listens(self) -> bool:
         assert self._process
         if self._process.ended():
             status = self._process.wait()
             raise AssertionError(f"{self._command[0]} has ended with status {status} and does not"
                                  f" listen on port {self._port}: {self._process.out.read_text()}")
-        return any(self._is_listener(line) for table in ("tcp", "tcp6")
-                   for line in Path(f"/proc/{self._sandbox.pid}/net/{table}").read_text()
-                   .splitlines())
+        return self._has_socket(_LISTENS)
 
-    def _is_listener(self, line: str) -> bool:
-        """Whether a line of the kernel's table is a socket that listens on the port."""
-        _, local, _, state, *_ = line.split()
-        return state == _LISTENS and local.endswith(f":{self._port:04X}")
+    def _has_socket(self, states: set[str]) -> bool:
+        """Whether a socket of the port is in one of these states."""
+        for table in ("tcp", "tcp6"):
+            for line in Path(f"/proc/{self._sandbox.pid}/net/{table}").read_text().splitlines():
+                _, local, _, state, *_ = line.split()
+                if local.endswith(f":{self._port:04X}") and state in states:
+                    return True
+        return False

@@ -64,12 +64,10 @@ def shown(text: str) -> str:
     return "".join(letter if letter.isprintable() else "?" for letter in text)
 
 
-def take_message(listener: socket.socket, volumes: dict[str, str]) -> None:
-    """Read the next connection's message and change the list of volumes, path to name, by it."""
+def take_message(connection: socket.socket, volumes: dict[str, str]) -> None:
+    """Change the list of volumes, path to name, by the message of a connection."""
     try:
-        connection, _ = listener.accept()
-        with connection:
-            kind, volume = read_message(read_frame(connection))
+        kind, volume = read_message(read_frame(connection))
     except (OSError, ValueError, ElementTree.ParseError) as error:
         print(f"ignored: {shown(str(error))}", flush=True)
         return
@@ -103,7 +101,9 @@ def main() -> None:
                 print("shown:", *(f"{shown(path)} ({shown(name)})"
                                   for path, name in display.items()), flush=True)
             if any(file == listener.fileno() for file, _ in events.poll()):
-                take_message(listener, volumes)
+                connection, _ = listener.accept()
+                with connection:
+                    take_message(connection, volumes)
 
 
 if __name__ == "__main__":
