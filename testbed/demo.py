@@ -1,12 +1,14 @@
 """The demo: units in sandboxes, a story or a prompt, and a timeline of what happens."""
 
 import argparse
+import shlex
 from pathlib import Path
 
 from testbed import prompt, story, target, twounits
 from testbed.network import Network
 from testbed.nfs import NfsTools
-from testbed.stage import Stage
+from testbed.sandbox import has_own
+from testbed.stage import Command, Stage
 from testbed.timeline import Timeline
 
 
@@ -18,15 +20,24 @@ def main(arguments: list[str]) -> int:
     parser = argparse.ArgumentParser(prog="scripts/demo", description=__doc__)
     parser.add_argument("--interactive", action="store_true", help="a prompt instead of a story")
     parser.add_argument("--two-units", action="store_true", help="only the story of two units")
+    parser.add_argument("--application", metavar="COMMAND", help="a display application that"
+                        " listens on port 8080 of 127.0.0.1, in the place of voldrake-monitor")
+    parser.add_argument("--directory", type=Path, default=Path.cwd(),
+                        help="where COMMAND runs; here, unless told otherwise")
     options = parser.parse_args(arguments)
+    command = None
+    if options.application is not None:
+        command = _command(parser, options.application, options.directory)
+        if options.two_units:
+            parser.error("--application goes with one unit")
     logs = target.log_directory() / "demo"
     for file in logs.glob("**/*.*"):
         file.unlink()
     try:
         status = 0
         if not options.two_units:
-            status = _one_unit(logs / "unit", options.interactive)
-        if options.two_units or not options.interactive:
+            status = _one_unit(logs / "unit", options.interactive, command)
+        if options.two_units or not (options.interactive or command):
             status = status or _two_units(logs)
     except (AssertionError, KeyboardInterrupt) as failure:
         print(f"\nThe demo was cut short: {str(failure) or 'interrupted'}")
@@ -36,11 +47,28 @@ def main(arguments: list[str]) -> int:
     return status
 
 
-def _one_unit(logs: Path, interactive: bool) -> int:
-    with Stage(logs) as stage:
+def _command(parser: argparse.ArgumentParser, text: str, directory: Path) -> Command:
+    """The user's application; ends the program when it cannot be one."""
+    try:
+        words = shlex.split(text)
+    except ValueError as error:
+        parser.error(f"--application: {error}")
+    if not words:
+        parser.error("--application needs a command")
+    if has_own(directory):
+        parser.error(f"the sandbox has a {directory} of its own: call the demo from the"
+                     " application's directory")
+    return Command(words, directory)
+
+
+def _one_unit(logs: Path, interactive: bool, command: Command | None) -> int:
+    with Stage(logs, command=command) as stage:
         timeline = Timeline({"": stage.unit.tape})
         try:
-            return (prompt.run if interactive else story.play)(stage, timeline)
+            status = (prompt.run if interactive else story.play)(stage, timeline)
+            if command:
+                stage.display.stop()  # so that all that it has printed is shown
+            return status
         finally:
             timeline.show()
 

@@ -3,6 +3,7 @@
 import readline  # noqa: F401  (gives `input` its line editing)
 from typing import Callable
 
+from testbed.daemon import INFO
 from testbed.hal import CommandFailed
 from testbed.stage import Stage
 from testbed.tape import NotSeen
@@ -25,7 +26,7 @@ _HELP = """\
 def run(stage: Stage, timeline: Timeline) -> int:
     """Read commands until `quit` or the end of input; the daemon's exit status."""
     commands: dict[str, Callable[[Stage, list[str]], None]] = {
-        "list": _list, "log": _log, "away": lambda stage, _: stage.monitor.stop(),
+        "list": _list, "log": _log, "away": lambda stage, _: stage.display.stop(),
         "back": _back, "help": lambda *_: print(_HELP)}
     stage.start_daemon()
     timeline.show()
@@ -57,7 +58,7 @@ def _hardware(stage: Stage, line: str) -> None:
         for answer in stage.unit.hal.command(line):
             if not line.startswith("plug"):
                 print(f"  {answer}")
-        if stage.monitor.present:
+        if stage.display.present:
             stage.told()
         else:
             stage.unit.settle()
@@ -78,15 +79,16 @@ def _list(stage: Stage, _: list[str]) -> None:
 
 def _log(stage: Stage, words: list[str]) -> None:
     count = int(words[0]) if words and words[0].isdigit() else 20
-    lines = [event.text for event in stage.unit.tape.shown() if event.source == "log"]
+    lines = [event.text for event in stage.unit.tape.shown()
+             if event.source == "log" and not (event.data and event.data.level > INFO)]
     for line in lines[-count:]:
         print(f"  {line}")
 
 
 def _back(stage: Stage, _: list[str]) -> None:
-    if stage.monitor.present:
+    if stage.display.present:
         print("The display application is there.")
         return
-    stage.monitor.start()
+    stage.display.start()
     print("What waits is told at the daemon's next try, at most 10 seconds from now;"
           " press Enter to look.")

@@ -214,5 +214,13 @@ class Sandbox(Lifespan):
         return _ENVIRONMENT | passed_on | dict(more or {})
 
 
+def has_own(directory: Path) -> bool:
+    """True for a directory that a sandbox has one of its own for, so that it cannot be put there
+    from outside."""
+    names = {"/", "/usr", "/dev", "/opt", *_MEMORY_DIRECTORIES,
+             *(f"/{name}" for name in _SYSTEM_DIRECTORIES)}
+    return str(directory) in names
+
+
 def _no_core_files() -> None:
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))

@@ -1,15 +1,17 @@
-"""What the demo plays on: a unit whose display application is the monitor."""
+"""What the demo plays on: a unit whose display application is the monitor, or the user's own."""
 
 import signal
+from dataclasses import dataclass
 from pathlib import Path
 
 from testbed import cardreader, timeouts
-from testbed.daemon import INFO
+from testbed.daemon import DEBUG, INFO, LogLine
 from testbed.lifespan import Lifespan
 from testbed.medialinks import MediaLinks
 from testbed.monitor import Monitor, Told
 from testbed.network import Network
 from testbed.nfs import NfsTools
+from testbed.ownapplication import OwnApplication
 from testbed.tape import Wanted
 from testbed.unit import Unit
 from testbed.waiting import wait_until
@@ -28,16 +30,28 @@ ignoreDevice=/dev/sdc1
 CARD_IN_READER = "0353445355303847802A5B1C4A00F300"
 
 
+@dataclass(frozen=True)
+class Command:
+    """A display application that takes the monitor's place: its words, and where it runs."""
+
+    words: list[str]
+    directory: Path
+
+
 class Stage(Lifespan):
     """A unit with three SD hosts, the configuration above and stand-in tools for NFS. With a
     network it is on that wire, and units with the same list of neighbours read each other's
-    files."""
+    files. `display` is the display application."""
 
     def __init__(self, log_directory: Path, network: Network | None = None,
-                 address: str | None = None, neighbours: list[NfsTools] | None = None) -> None:
+                 address: str | None = None, neighbours: list[NfsTools] | None = None,
+                 command: Command | None = None) -> None:
         self.unit = Unit(log_directory, mmc_hosts=3, configuration=CONFIGURATION,
-                         network=network, address=address)
-        self.monitor = Monitor(self.unit.sandbox, self.unit.tape)
+                         network=network, address=address,
+                         seen=[command.directory] if command else [])
+        self._own = (OwnApplication(self.unit.sandbox, self.unit.tape, command.words,
+                                    command.directory) if command else None)
+        self.display = self._own or Monitor(self.unit.sandbox, self.unit.tape)
         self._neighbours = neighbours
         self._links: MediaLinks | None = None
 
@@ -46,7 +60,7 @@ class Stage(Lifespan):
         self.unit.start(listen=False)
         self.tools = NfsTools(self.unit, self._neighbours)
         self._links = MediaLinks(self.unit.tape, self.unit.sandbox.path("/media"))
-        self.monitor.start()
+        self.display.start()
 
     def close(self) -> None:
         """End everything; the tape is kept with the logs."""
@@ -64,24 +78,25 @@ class Stage(Lifespan):
         sandbox = self.unit.sandbox
         environment = cardreader.environment(sandbox)
         cardreader.script(sandbox, "sdd1", f"answer {CARD_IN_READER}")
-        self.unit.start_daemon(*arguments, debug_level=INFO, environment=environment)
+        # Only at level 4 the log tells what was sent.
+        self.unit.start_daemon(*arguments, debug_level=DEBUG if self._own else INFO,
+                               environment=environment)
 
     def told(self, timeout: float = timeouts.EVENT) -> bool:
         """Wait until the application has been told all that the daemon has for it.
 
         False when that is not so after `timeout` seconds.
         """
-        announced = sum(line.text.startswith("<message ")
-                        for line in self.unit.daemon.log_lines())
+        self.unit.daemon.log_lines()  # behind a fence: what is to be told is in the log
         try:
-            wait_until(lambda: self._told() >= announced, "all is told", timeout)
+            wait_until(self._is_all_told, "all is told", timeout)
         except AssertionError:
             return False
         return True
 
     def expect_told(self, message: str, path: str, timeout: float = timeouts.EVENT) -> None:
-        """Wait until the application is told this "arrival" or "removal"; NotSeen otherwise."""
-        self.monitor.events.expect(Wanted(
+        """Wait until the monitor is told this "arrival" or "removal"; NotSeen otherwise."""
+        self.display.events.expect(Wanted(
             f"{message} of {path}",
             lambda event: isinstance(event.data, Told)
             and (event.data.fields.get("message"), event.data.fields.get("path"))
@@ -95,5 +110,16 @@ class Stage(Lifespan):
         """Wait for the daemon's end, to which it was told; its exit status."""
         return self.unit.daemon.wait(timeouts.STOP)
 
-    def _told(self) -> int:
-        return sum(isinstance(event.data, Told) for event in self.unit.tape.shown())
+    def _is_all_told(self) -> bool:
+        events = self.unit.tape.shown()
+        lines = [event.data.text for event in events if isinstance(event.data, LogLine)]
+        if self._own:
+            # What has waited when it asked for everything will not be sent.
+            asked = [number for number, line in enumerate(lines) if line.startswith("SIGUSR1: ")]
+            lines = lines[asked[-1]:] if asked else lines
+            told = sum(line.startswith("data size: ") for line in lines)
+            if not self._own.has_read_all():
+                return False
+        else:
+            told = sum(isinstance(event.data, Told) for event in events)
+        return told >= sum(line.startswith("<message ") for line in lines)

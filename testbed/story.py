@@ -62,10 +62,10 @@ def play(stage: Stage, timeline: Timeline) -> int:
     told()
 
     timeline.heading("The display application is away while a stick comes.")
-    stage.monitor.stop()
+    stage.display.stop()
     unit.hal.plug("usb late port=1-1.3 label=LATE")
     unit.settle()
-    stage.monitor.start()
+    stage.display.start()
     timeline.note("It is back. The daemon keeps the message and tries again every 10 seconds ...")
     told(timeouts.RETRY)
 

@@ -46,7 +46,7 @@ def log_directory() -> Path:
 
 def program(name: str) -> str:
     """Path of a program inside a sandbox. Raises FileNotFoundError when it is not built."""
-    outside = _built(name)
+    outside = built(name)
     if not outside.exists():
         raise FileNotFoundError(f"{outside} is not built")
     return str(INSIDE / "bin" / name)
@@ -62,9 +62,10 @@ def daemon_command() -> list[str]:
 
 def read_only_mounts() -> dict[Path, Path]:
     """What a sandbox needs besides the system: path inside -> path outside."""
-    built = {INSIDE / "bin" / name: _built(name) for name in _PROGRAMS}
-    mounts = {inside: outside for inside, outside in built.items() if outside.exists()}
+    programs = {INSIDE / "bin" / name: built(name) for name in _PROGRAMS}
+    mounts = {inside: outside for inside, outside in programs.items() if outside.exists()}
     mounts[INSIDE / "helpers"] = REPOSITORY / "testbed" / "helpers"
+    mounts[INSIDE / "examples"] = REPOSITORY / "docs" / "examples"
     if emulated():
         mounts[_EMULATOR_INSIDE] = Path(os.environ["VOLDRAKE_EMULATOR"]).resolve()
     # Libraries only: the emulator sends every path that exists there into the sysroot, so it
@@ -75,7 +76,8 @@ def read_only_mounts() -> dict[Path, Path]:
     return mounts
 
 
-def _built(name: str) -> Path:
+def built(name: str) -> Path:
+    """Where a program has been built, or would be."""
     if emulated() and name != "voldrake":
         return REPOSITORY / _DEFAULT_BUILD / _PROGRAMS[name]
     return build_directory() / _PROGRAMS[name]

@@ -13,7 +13,8 @@ from testbed.tape import Event, Mark, Tape
 _HEADING = "1"
 _COLOURS = {
     "plugged": "36", "pulled": "36", "asked": "2", "mounted": "34", "unmounted": "34",
-    "ran": "2", "linked": "35", "unlinked": "35", "told": "32;1", "ignored": "33", "refused": "31",
+    "ran": "2", "linked": "35", "unlinked": "35", "told": "32;1", "says": "32;1",
+    "ignored": "33", "refused": "31",
 }
 _MOUNTED = re.compile(r"(mounted|unmounted) \S+ (.*)")
 _OUTCOME = re.compile(r"(reply|error-reply \S+) \S+ \S+ [\w.]+\.Mount\(?")
@@ -109,6 +110,8 @@ class _Reader:
             return self._hal_row(event.text)
         if event.source == "app" and isinstance(event.data, Told):
             return "told", str(event.data)
+        if event.source == "says":
+            return "says", event.text
         if event.source == "links":
             kind = "linked" if event.text[0] == "+" else "unlinked"
             return kind, f"/media/{event.text[2:]}"

@@ -3,6 +3,7 @@
 import os
 import re
 from pathlib import Path
+from typing import Sequence
 
 from testbed import target, timeouts
 from testbed.application import FENCE_PATH, Application
@@ -41,12 +42,15 @@ class Unit(Lifespan):
 
     def __init__(self, log_directory: Path, *, mmc_hosts: int = 2, family: str | None = "3 hawk",
                  configuration: str | None = None, port: int = 8080,
-                 network: Network | None = None, address: str | None = None) -> None:
+                 network: Network | None = None, address: str | None = None,
+                 seen: Sequence[Path] = ()) -> None:
         """`mmc_hosts`: how many SD hosts the kernel shows; `family` and `configuration`: content
         of the platform file and of the configuration file, None for no such file; `network` and
-        `address`: the wire that eth0 is on."""
+        `address`: the wire that eth0 is on; `seen`: directories of this machine that the unit has
+        at the same place, write-protected."""
         self.tape = Tape()
-        self.sandbox = Sandbox(log_directory, target.read_only_mounts())
+        self.sandbox = Sandbox(log_directory, target.read_only_mounts() | {path: path
+                                                                           for path in seen})
         self.bus = Bus(self.sandbox)
         self.hal = Hal(self.sandbox, self.tape, fence=self._fence)
         self.application = Application(self.sandbox, self.tape, port, self._fence_messages)

@@ -11,12 +11,17 @@ import pytest
 from testbed import target, timeouts
 
 
-def demo(log_directory: Path, *options: str, text: str = "") -> list[str]:
-    """Lines of a demo that must end with status 0, without times, prompts and alignment."""
-    done = subprocess.run(
+def run(log_directory: Path, *options: str, text: str = "") -> subprocess.CompletedProcess[str]:
+    """A demo to its end."""
+    return subprocess.run(
         [sys.executable, "-m", "testbed", "demo", *options], cwd=target.REPOSITORY, input=text,
         env=os.environ | {"VOLDRAKE_LOG_DIR": str(log_directory)}, capture_output=True, text=True,
         timeout=6 * timeouts.RUN, check=False)
+
+
+def demo(log_directory: Path, *options: str, text: str = "") -> list[str]:
+    """Lines of a demo that must end with status 0, without times, prompts and alignment."""
+    done = run(log_directory, *options, text=text)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
     return [" ".join(re.sub(r"^(voldrake> )*( *\d+\.\d{3}  )?", "", line).split())
             for line in done.stdout.splitlines()]
@@ -100,3 +105,39 @@ def test_the_prompt_does_what_it_is_told(log_directory: Path) -> None:
 
 def test_the_end_of_input_ends_the_prompt(log_directory: Path) -> None:
     assert "daemon ended with status 0" in demo(log_directory, "--interactive")
+
+
+@pytest.mark.native("the pace is another")
+def test_the_user_s_own_application_takes_the_monitor_s_place(log_directory: Path) -> None:
+    """It asks for everything at each of its starts, and so is told everything when it is back."""
+    lines = demo(log_directory, "--application=docs/examples/display.py"
+                                " --ask='kill -USR1 $(pidof voldrake)'")
+    away = lines.index("the display application is gone")
+    assert_in_order([
+        "says told: dataarrival /media/mmcblk0p1",
+        "says shown: /media/mmcblk0p1 (Memory Card - 0)",
+        "says told: dataremoval /media/sda2",
+    ], lines[:away])
+    assert_in_order([
+        "the display application is gone",
+        "says shown:",
+        "says told: dataarrival /media/mmcblk0p1",
+        "says told: dataarrival /media/sda1",
+    ], lines[away:])
+    assert "daemon ended with status 0" in lines[away:]
+    assert not any(line.startswith("told") for line in lines)
+
+
+@pytest.mark.parametrize("options, status, complaint", [
+    (["--application=sh -c 'echo no display; exit 3'"], 1,
+     "sh has ended with status 3 and does not listen on port 8080: no display"),
+    (["--application="], 2, "--application needs a command"),
+    (["--application='"], 2, "--application: No closing quotation"),
+    (["--application=x", "--directory=/tmp"], 2, "the sandbox has a /tmp of its own"),
+    (["--application=x", "--two-units"], 2, "--application goes with one unit"),
+], ids=lambda value: " ".join(value) if isinstance(value, list) else "")
+def test_what_cannot_be_an_application_is_refused(log_directory: Path, options: list[str],
+                                                  status: int, complaint: str) -> None:
+    done = run(log_directory, *options)
+    assert done.returncode == status
+    assert complaint in done.stdout + done.stderr

@@ -61,6 +61,12 @@ def nothing_waits(unit) -> bool:
     return int(waiting[1], 16) == 0
 
 
+def ignores_unknown_types() -> bool:
+    """Whether the daemon was built to drop them."""
+    cache = target.build_directory() / "CMakeCache.txt"
+    return "VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS:BOOL=ON" in cache.read_text()
+
+
 def skip_where_senders_are_not_looked_up() -> None:
     """Skip the test where the daemon is emulated: no user-mode emulator knows SIOCGARP."""
     if target.emulated():

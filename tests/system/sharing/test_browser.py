@@ -5,8 +5,9 @@ import socket
 
 import pytest
 
-from share_helpers import LIFE, export, mount, seconds_of_silence, start_listening, unmount
-from testbed import target, timeouts
+from share_helpers import (LIFE, export, ignores_unknown_types, mount, seconds_of_silence,
+                           start_listening, unmount)
+from testbed import timeouts
 from testbed.application import message
 from testbed.daemon import ERROR, INFO, WARNING
 from testbed.otherunit import GROUP, PORT, Announcement, NUDGE_PORT
@@ -186,12 +187,6 @@ def test_a_refused_share_that_falls_silent_is_not_reported(unit, tools, peer) ->
     peer.send(LAST)
     assert unit.application.frames(until=LAST_ARRIVAL) == []
     assert tools.calls(tool="umount", until=mount("ro", LAST_SOURCE, LAST_DIRECTORY)) == []
-
-
-def ignores_unknown_types() -> bool:
-    """Whether the daemon was built to drop them."""
-    cache = target.build_directory() / "CMakeCache.txt"
-    return "VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS:BOOL=ON" in cache.read_text()
 
 
 @pytest.mark.skipif(ignores_unknown_types(), reason="the daemon is built to drop them")
