@@ -85,6 +85,6 @@ make_sysroot() {
   sysroot=$PWD/build/sysroot-armhf
   scripts/setup scripts/packages.armhf
   [ -d "$sysroot" ] || step "Making the sysroot (armhf)" sysroot-armhf scripts/unpack-armhf "$sysroot" \
-    libc6-dev libstdc++-12-dev libdbus-1-dev libglib2.0-dev libmount-dev libudev-dev \
+    libc6-dev libstdc++-12-dev libdbus-1-dev libglib2.0-dev libmount-dev libpcap-dev libudev-dev \
     libgtest-dev libgmock-dev libbenchmark-dev
 }

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 
 #include "frame/CommandLine.h"
@@ -18,6 +19,7 @@
 #include "frame/Log.h"
 #include "frame/Platform.h"
 #include "frame/Settings.h"
+#include "frame/Text.h"
 #include "storage/tHalManager.h"
 #include "volumes/tVoldrake.h"
 
@@ -39,6 +41,13 @@ void OpenMissingStandardStreams() {
     descriptor = open("/dev/null", O_RDWR);
   } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
   if (descriptor >= 0) close(descriptor);
+}
+
+int Answer(tQuestion question) {
+  const char* const text =
+      question == tQuestion::kHelp ? kHelpText : "voldrake " VOLDRAKE_VERSION "\n";
+  const bool isTold = std::fputs(text, stdout) >= 0 && std::fflush(stdout) == 0;
+  return isTold ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 void LogVersion() {
@@ -63,6 +72,17 @@ gboolean HandleSigUsr1(gpointer voldrake) {
 
 gboolean HandleSigUsr2(gpointer voldrake) {
   return voldrake != nullptr && static_cast<tVoldrake*>(voldrake)->SignalAction(SIGUSR2);
+}
+
+/// Lines that cannot be written are dropped without a word, so this is the only one about it. Told
+/// where the command line's other faults are, while standard error is still there.
+void CheckLogFile(const CommandLine& line) {
+  // A daemon that detaches goes to the root directory.
+  const bool fromRoot = line.daemonise && !line.logFile.starts_with('/');
+  const int error = line.logFile.empty() ? 0 : LogFileError((fromRoot ? "/" : "") + line.logFile);
+  if (error == 0) return;
+  std::fprintf(stderr, "Nothing is logged to %s: %s\n", Printable(line.logFile).c_str(),
+               strerror(error));
 }
 
 void ApplySettings(const CommandLine& line) {
@@ -100,7 +120,6 @@ void ShutDown() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
-  OpenMissingStandardStreams();
   signal(SIGUSR1, SIG_IGN);
   signal(SIGUSR2, SIG_IGN);
   // A log or standard error whose reader has gone must not end the daemon. What is ignored stays
@@ -108,15 +127,19 @@ int main(int argc, char* argv[]) {
   signal(SIGPIPE, [](int) {});
   // Whoever starts the daemon may have SIGCHLD ignored, which would hide how commands end.
   signal(SIGCHLD, SIG_DFL);
-  OpenSysLog();
-  SetLogLevel(kLogInfo);
 
   std::string error;
   const std::optional<CommandLine> line = ParseCommandLine(argc, argv, error);
+  if (line && line->question != tQuestion::kNone) return Answer(line->question);
+
+  OpenMissingStandardStreams();
+  OpenSysLog();
+  SetLogLevel(kLogInfo);
   if (!line) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return EXIT_FAILURE;
   }
+  CheckLogFile(*line);
   ApplySettings(*line);
   const int mmcHostIndex = MmcHostIndex(kMmcHostDirectory);
   const std::string platformFamily = PlatformFamily(kPlatformFamilyFile);
@@ -124,9 +147,11 @@ int main(int argc, char* argv[]) {
   if (line->daemonise && daemon(0, 0) != 0) return EXIT_FAILURE;
   Log("Voldrake startup", kLogInfo);
   LogVersion();
+  for (const std::string& warning : line->warnings) Log(warning, kLogWarning);
   if (line->fileTimeoutSeconds > 0) {
     WaitForFiles(line->filesToWaitFor, std::chrono::seconds(line->fileTimeoutSeconds));
   }
+  WarnOfMissingFiles(line->filesToWaitFor);
 
   StartUp(*line, mmcHostIndex, platformFamily);
   g_main_loop_run(gMainLoop.get());

@@ -6,12 +6,16 @@
 
 import sys
 
-from testbed import namespaces
+from testbed import namespaces, target
 
 
 def main() -> None:
     """Entry point: see the module's text."""
     arguments = sys.argv[1:]
+    try:
+        target.check_build_directory()
+    except NotADirectoryError as error:
+        sys.exit(f"testbed: {error}")
     if len(arguments) >= 2 and arguments[0] == "run":
         namespaces.run_in_wrapper(arguments[1:])
     elif arguments[:1] == ["demo"]:

@@ -217,13 +217,12 @@ class HaldMachine(Lifespan):
 
     def sanitizer_reports(self) -> str:
         """What sanitizers built into the programs have reported, empty when nothing."""
-        texts = (file.read_text(errors="replace") for file in self.sandbox.logs.glob("*.err"))
-        return "\n".join(text for text in texts if any(word in text for word in SANITIZER_WORDS))
+        return "\n".join(text for text in self.sandbox.errors().values()
+                         if any(word in text for word in SANITIZER_WORDS))
 
     def report(self) -> str:
         """The tape and what the service wrote, for a failed test."""
-        errors = [file.read_text(errors="replace") for file in self.sandbox.logs.glob("*.err")]
-        return "\n".join([str(self.tape), *errors])
+        return "\n".join([str(self.tape), *self.sandbox.errors().values()])
 
     def _fence_bus(self) -> None:
         text = f"fence {next(self._fences)}"

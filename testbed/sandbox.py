@@ -7,6 +7,7 @@ Everything inside but /usr lives in memory and goes with the sandbox. The one ex
 import itertools
 import json
 import os
+import re
 import resource
 import signal
 import subprocess
@@ -33,6 +34,10 @@ _ENVIRONMENT = {
     "HOME": "/tmp",
 }
 _PASSED_ON = ("ASAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS", "GLIBCXX_TUNABLES")
+#: Of every bus where the limit of open files is lower and cannot be raised; it is high enough.
+_BUS_WITHOUT_PRIVILEGE = re.compile(
+    r"^dbus-daemon\[\d+\]: \[system\] org\.freedesktop\.DBus\.Error\.AccessDenied:"
+    r" Failed to set fd limit to \d+: Operation not permitted\n", re.MULTILINE)
 _ETC = {
     "passwd": "root:x:0:0:root:/tmp:/bin/sh\n",
     "group": "root:x:0:\n",
@@ -166,6 +171,12 @@ class Sandbox(Lifespan):
     def set_network_option(self, name: str, value: str) -> None:
         """Set a kernel setting of the sandbox's network, such as "ipv4/tcp_wmem"."""
         self.in_network(lambda: Path("/proc/sys/net", name).write_text(value))
+
+    def errors(self) -> dict[str, str]:
+        """What programs inside have written to standard error, by the log's name."""
+        texts = {file.name: _BUS_WITHOUT_PRIVILEGE.sub("", file.read_text(errors="replace")).strip()
+                 for file in sorted(self.logs.glob("*.err"))}
+        return {name: text for name, text in texts.items() if text}
 
     def processes(self) -> dict[int, str]:
         """Command lines of the processes inside, without the sandbox's own; by outer id.

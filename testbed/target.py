@@ -38,6 +38,14 @@ def build_directory() -> Path:
     return (REPOSITORY / os.environ.get("VOLDRAKE_BUILD_DIR", _DEFAULT_BUILD)).resolve()
 
 
+def check_build_directory() -> None:
+    """Raise NotADirectoryError when VOLDRAKE_BUILD_DIR names something in which nothing was ever
+    configured."""
+    if "VOLDRAKE_BUILD_DIR" in os.environ and not (build_directory() / "CMakeCache.txt").exists():
+        raise NotADirectoryError(
+            f"VOLDRAKE_BUILD_DIR is {build_directory()}, which is no build directory")
+
+
 def log_directory() -> Path:
     """Where logs are kept: VOLDRAKE_LOG_DIR, or `logs` in the build directory."""
     chosen = os.environ.get("VOLDRAKE_LOG_DIR")

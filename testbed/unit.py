@@ -185,13 +185,13 @@ class Unit(Lifespan):
 
     def sanitizer_reports(self) -> str:
         """What sanitizers built into the programs have reported, empty when nothing."""
-        return "\n".join(text for _, text in self._errors()
+        return "\n".join(text for _, text in self.sandbox.errors().items()
                          if any(word in text for word in _SANITIZER_WORDS))
 
     def report(self) -> str:
         """The tape and everything on the programs' standard errors, for a failed test."""
         parts = [f"tape (seconds since the start; logs in {self.sandbox.logs}):", str(self.tape)]
-        for name, text in self._errors():
+        for name, text in self.sandbox.errors().items():
             parts += [f"{name}:", text]
         return "\n".join(parts)
 
@@ -224,9 +224,3 @@ class Unit(Lifespan):
         self.hal.pull(FENCE)
         told.expect(re.compile(f'<dataremoval path="{FENCE_PATH}"'), timeouts.RETRY)
         self._fence()
-
-    def _errors(self) -> list[tuple[str, str]]:
-        """Name and text of each program's standard error that is not empty."""
-        texts = [(file.name, file.read_text(errors="replace").strip())
-                 for file in sorted(self.sandbox.logs.glob("*.err"))]
-        return [(name, text) for name, text in texts if text]

@@ -35,6 +35,10 @@ std::string Digits(std::uint32_t value) {
   return digits;
 }
 
+bool IsKnown(std::uint16_t type) {
+  return type == kTypeAnnounce || type == kTypeWithdraw;
+}
+
 std::string HeaderFault(std::string_view datagram) {
   if (datagram.size() < kAnnouncementHeaderBytes) {
     return "the datagram has " + std::to_string(datagram.size()) + " bytes, its header alone has " +
@@ -46,7 +50,7 @@ std::string HeaderFault(std::string_view datagram) {
   if (const auto version = Field(datagram, 4); version != kVersion) {
     return "the version is " + std::to_string(version) + " instead of 1";
   }
-  if (const auto type = Field(datagram, 6); type != kTypeAnnounce && type != kTypeWithdraw) {
+  if (const auto type = Field(datagram, 6); !IsKnown(type)) {
     return "the message type is " + std::to_string(type) + ", neither 1 nor 2";
   }
   if (const auto constant = Field(datagram, 8); constant != kConstant) {
@@ -118,8 +122,11 @@ std::optional<Announcement> DecodeAnnouncement(std::string_view datagram, std::s
   return announcement;
 }
 
-bool IsTakenByUnits(std::string_view datagram) {
-  return datagram.size() > kAnnouncementHeaderBytes && Number(datagram, 0, 4) == kMagic;
+UnitReaction ReactionOfUnits(std::string_view datagram) {
+  if (datagram.size() <= kAnnouncementHeaderBytes || Number(datagram, 0, 4) != kMagic) {
+    return UnitReaction::Ignores;
+  }
+  return IsKnown(Field(datagram, 6)) ? UnitReaction::Takes : UnitReaction::Ends;
 }
 
 }  // namespace tools

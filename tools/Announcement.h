@@ -52,8 +52,15 @@ struct Announcement {
 [[nodiscard]] std::optional<Announcement> DecodeAnnouncement(std::string_view datagram,
                                                              std::string& fault);
 
-/// Whether a unit takes the datagram for an announcement: it asks for 21 bytes and the magic only,
-/// and cuts the texts at their zero bytes.
-[[nodiscard]] bool IsTakenByUnits(std::string_view datagram);
+/// What a unit does with a datagram.
+enum class UnitReaction {
+  Ignores,
+  Takes,  ///< for an announcement or a withdrawal
+  Ends,   ///< aborts; built with VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS it drops the datagram
+};
+
+/// A unit asks for 21 bytes, the magic and one of the two types only, and cuts the texts at their
+/// zero bytes.
+[[nodiscard]] UnitReaction ReactionOfUnits(std::string_view datagram);
 
 }  // namespace tools

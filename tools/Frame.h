@@ -43,6 +43,9 @@ class FrameReader {
   /// can come any more.
   [[nodiscard]] std::size_t Room() const { return kMaxFrameBytes - buffer_.size(); }
 
+  /// True when bytes wait for the rest of their frame.
+  [[nodiscard]] bool HasBytes() const { return !buffer_.empty(); }
+
   /// Requires: at most `Room()` bytes.
   void Append(std::string_view bytes);
 

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <optional>
 #include <string>
 
 #include "glib/Handles.h"
@@ -26,25 +27,34 @@ constexpr std::size_t kMaxShares = 4096;
 
 struct Options {
   gboolean json = FALSE;
-  double onceSeconds = 0;
+  std::optional<double> onceSeconds;
   char* interface = nullptr;
 };
 
+/// Nothing, after a line on standard error, when the text is no time to listen.
+std::optional<double> Seconds(const char* text) {
+  char* end = nullptr;
+  const double seconds = g_ascii_strtod(text, &end);
+  if (end != text && *end == '\0' && seconds >= 0 && seconds <= 86400) return seconds;
+  program::Complain("the seconds must be 0 to 86400");
+  return std::nullopt;
+}
+
 bool ReadListOptions(int argc, char* argv[], Options& options) {
+  char* once = nullptr;
   const GOptionEntry entries[] = {
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json,
        "One JSON object a line; each character of a text is one byte of it", nullptr},
-      {"once", 0, 0, G_OPTION_ARG_DOUBLE, &options.onceSeconds,
-       "Listen for so long, list what is there, and end", "SECONDS"},
+      {"once", 0, 0, G_OPTION_ARG_STRING, &once, "Listen for so long, list what is there, and end",
+       "SECONDS"},
       {"interface", 0, 0, G_OPTION_ARG_FILENAME, &options.interface,
        "Listen on this interface (default: as the routes say)", "NAME"},
       GOptionEntry{}};
-  if (!program::ReadOptions(argc, argv, kSummary, entries)) return false;
-  if (!(options.onceSeconds >= 0 && options.onceSeconds <= 86400)) {
-    program::Complain("the seconds must be 0 to 86400");
-    return false;
-  }
-  return true;
+  const bool isRead = program::ReadOptions(argc, argv, kSummary, entries);
+  const glib::CharPointer ownedOnce(once);
+  if (!isRead || once == nullptr) return isRead;
+  options.onceSeconds = Seconds(once);
+  return options.onceSeconds.has_value();
 }
 
 /// Follows the announcements and shows what changes.
@@ -79,6 +89,7 @@ class Watcher {
       text += options_.json ? JsonText(share, time) : TableText(share);
     }
     failed_ = !program::Print(text);
+    if (text.empty()) program::Complain("no share was announced");
     if (malformed_ != 0) program::Complain(std::to_string(malformed_) + " malformed datagrams");
   }
 
@@ -91,7 +102,7 @@ class Watcher {
   }
 
   void Show(const std::string& text) {
-    if (options_.onceSeconds > 0 || failed_) return;
+    if (options_.onceSeconds || failed_) return;
     failed_ = !program::Print(text);
     if (failed_) loop_.Quit();
   }
@@ -137,13 +148,13 @@ int ListShares(int argc, char* argv[]) {
   }
   const glib::EventSource tick = Timer(kTickMs, OnTick, &watcher);
   glib::EventSource end;
-  if (options.onceSeconds > 0) {
-    end = Timer(static_cast<guint>(options.onceSeconds * 1000), OnTimeIsUp, &loop);
+  if (options.onceSeconds) {
+    end = Timer(static_cast<guint>(*options.onceSeconds * 1000), OnTimeIsUp, &loop);
   } else {
     program::Complain("listening");
   }
   loop.Run();
-  if (options.onceSeconds > 0) watcher.ShowPresent();
+  if (options.onceSeconds) watcher.ShowPresent();
   return watcher.Failed() ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 

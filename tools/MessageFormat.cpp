@@ -21,8 +21,26 @@ const char* Kind(const Received& received) {
   return received.message->arrival ? "arrival" : "removal";
 }
 
+const char* Word(Mishap mishap) {
+  switch (mishap) {
+    case Mishap::Refused:
+      return "refused";
+    case Mishap::Waiting:
+      return "waiting";
+    case Mishap::Late:
+      return "late";
+    case Mishap::Lost:
+      return "lost";
+  }
+  return "";
+}
+
+std::string Head(std::chrono::system_clock::time_point time, const char* kind) {
+  return ClockText(time) + "  " + program::Padded(kind, kKindWidth);
+}
+
 std::string Head(const Received& received) {
-  return ClockText(received.time) + "  " + program::Padded(Kind(received), kKindWidth);
+  return Head(received.time, Kind(received));
 }
 
 const char* BoolText(bool value) {
@@ -84,6 +102,25 @@ std::string RawText(const Received& received) {
   std::string line = Head(received) + std::to_string(received.bytes.size()) + " bytes";
   if (!received.message) line += ": " + program::Printable(received.fault);
   return line + "\n" + program::HexDump(received.bytes, std::numeric_limits<std::size_t>::max());
+}
+
+std::string TableText(const Incident& incident) {
+  std::string line = Head(incident.time, Word(incident.mishap));
+  if (!incident.message.empty()) {
+    line += incident.message + " of " + program::Printable(incident.path) + ": ";
+  }
+  return line + incident.reason + "\n";
+}
+
+std::string JsonText(const Incident& incident) {
+  std::string line = R"({"time":)" + program::JsonString(IsoText(incident.time)) +
+                     R"(,"incident":)" + program::JsonString(Word(incident.mishap)) +
+                     R"(,"reason":)" + program::JsonString(incident.reason);
+  if (!incident.message.empty()) {
+    line += R"(,"message":)" + program::JsonString(incident.message) + R"(,"path":)" +
+            program::JsonString(incident.path);
+  }
+  return line + "}\n";
 }
 
 }  // namespace tools

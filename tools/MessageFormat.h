@@ -2,6 +2,7 @@
 
 #include <string>
 
+#include "tools/Incident.h"
 #include "tools/Received.h"
 
 namespace tools {
@@ -19,5 +20,12 @@ namespace tools {
 
 /// A line with the time and what came, then all bytes of the frame as a dump.
 [[nodiscard]] std::string RawText(const Received& received);
+
+/// One readable line: what happened, the message concerned and the reason.
+[[nodiscard]] std::string TableText(const Incident& incident);
+
+/// One JSON object on one line: "time", "incident", "reason" and, when a message is concerned, its
+/// "message" and "path".
+[[nodiscard]] std::string JsonText(const Incident& incident);
 
 }  // namespace tools

@@ -14,8 +14,10 @@ namespace tools {
 
 namespace {
 
-constexpr const char* kSummary =
+constexpr const char* kAnnounceSummary =
     "Sends the announcement of one share to all units, or to one, as a unit would.";
+constexpr const char* kWithdrawSummary =
+    "Sends the withdrawal of one share to all units, or to one, as a unit would.";
 
 constexpr guint kRepeatMs = 1000;
 
@@ -51,7 +53,10 @@ bool ReadSendOptions(std::uint16_t defaultType, int argc, char* argv[], Options&
       {"repeat", 0, 0, G_OPTION_ARG_NONE, &repeat, "Repeat each second until SIGTERM or SIGINT",
        nullptr},
       GOptionEntry{}};
-  const bool isRead = program::ReadOptions(argc, argv, kSummary, entries);
+  const bool withdraws = defaultType == kTypeWithdraw;
+  const bool isRead =
+      program::ReadOptions(argc, argv, withdraws ? kWithdrawSummary : kAnnounceSummary, entries,
+                           withdraws ? "withdraw" : "announce");
   const glib::CharPointer path(texts[0]);
   const glib::CharPointer key(texts[1]);
   const glib::CharPointer name(texts[2]);

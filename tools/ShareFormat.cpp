@@ -28,6 +28,18 @@ const char* Word(ShareChange change) {
   return "";
 }
 
+const char* Consequence(UnitReaction reaction) {
+  switch (reaction) {
+    case UnitReaction::Ignores:
+      return "";
+    case UnitReaction::Takes:
+      return "; units take it nevertheless";
+    case UnitReaction::Ends:
+      return "; it ends every unit that was not built with VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS";
+  }
+  return "";
+}
+
 std::string Head(const char* event, WallTime time) {
   return ClockText(time) + "  " + program::Padded(event, kEventWidth);
 }
@@ -72,15 +84,16 @@ std::string JsonText(const Share& share, WallTime time) {
 std::string MalformedTableText(const std::string& sender, std::string_view datagram,
                                const std::string& fault, WallTime time) {
   return Head("malformed", time) + "from " + program::Printable(sender) + ": " +
-         program::Printable(fault) +
-         (IsTakenByUnits(datagram) ? "; units take it nevertheless\n" : "\n") +
+         program::Printable(fault) + Consequence(ReactionOfUnits(datagram)) + "\n" +
          program::HexDump(datagram, kDumpRows);
 }
 
 std::string MalformedJsonText(const std::string& sender, std::string_view datagram,
                               const std::string& fault, WallTime time) {
+  const UnitReaction reaction = ReactionOfUnits(datagram);
   return JsonHead("malformed", sender, time) + R"(,"reason":)" + program::JsonString(fault) +
-         R"(,"taken_by_units":)" + (IsTakenByUnits(datagram) ? "true" : "false") + R"(,"bytes":")" +
+         R"(,"taken_by_units":)" + (reaction == UnitReaction::Takes ? "true" : "false") +
+         (reaction == UnitReaction::Ends ? R"(,"ends_units":true)" : "") + R"(,"bytes":")" +
          program::HexDigits(datagram) + "\"}\n";
 }
 

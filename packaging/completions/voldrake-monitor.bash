@@ -10,6 +10,6 @@ _voldrake_monitor()
             ;;
     esac
     $split && return
-    COMPREPLY=($(compgen -W '--port --json --raw --count --version --help' -- "$cur"))
+    COMPREPLY=($(compgen -W '--port --beside --json --raw --count --version --help' -- "$cur"))
 } &&
     complete -F _voldrake_monitor voldrake-monitor

@@ -27,7 +27,7 @@ _voldrake()
     esac
     $split && return
     COMPREPLY=($(compgen -W '--port --debuglevel --log --vfat-mount-opts --internal-share-path
-        --peer-mac --content-id-file --serial-number-file --file-timeout --nfs-root --daemon' \
-        -- "$cur"))
+        --peer-mac --content-id-file --serial-number-file --file-timeout --nfs-root --daemon
+        --version --help' -- "$cur"))
 } &&
     complete -F _voldrake voldrake

@@ -1,10 +1,14 @@
 #include "frame/CommandLine.h"
 
 #include <getopt.h>
+#include <netinet/ether.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <limits>
+#include <string_view>
+
+#include "frame/Text.h"
 
 namespace {
 
@@ -38,12 +42,46 @@ constexpr option kOptions[] = {
 };
 
 constexpr unsigned kHighestLogLevel = 4;
+constexpr int32_t kHighestPort = 65535;
 
 /// Clamped to 32 bits, so that a unit and a 64-bit build agree on numbers that are too large.
-int32_t Number(const char* text) {
-  const long long value = strtoll(text, nullptr, 10);
+/// `end` receives where the number ends, which is at the beginning of a text that is none.
+int32_t Number(const char* text, char** end = nullptr) {
+  const long long value = strtoll(text, end, 10);
   return static_cast<int32_t>(std::clamp<long long>(value, std::numeric_limits<int32_t>::min(),
                                                     std::numeric_limits<int32_t>::max()));
+}
+
+/// `text` is what was given to the option, `complaint` what is wrong with it.
+void Warn(CommandLine& line, const char* name, const char* text, const std::string& complaint) {
+  line.warnings.push_back(std::string("Option --") + name + ": \"" + Printable(text) + "\" " +
+                          complaint);
+}
+
+int32_t NumberOrWarning(CommandLine& line, const char* name, const char* text) {
+  char* end = nullptr;
+  const int32_t value = Number(text, &end);
+  if (end == text || *end != '\0') {
+    Warn(line, name, text, "is not a number, " + std::to_string(value) + " is taken");
+  }
+  return value;
+}
+
+void TakePort(CommandLine& line, const char* name, const char* text) {
+  const size_t warnings = line.warnings.size();
+  line.clientPort = NumberOrWarning(line, name, text);
+  const bool isPort = line.clientPort >= 1 && line.clientPort <= kHighestPort;
+  if (!isPort && line.warnings.size() == warnings) {
+    Warn(line, name, text, "is not a port, which is 1 to 65535");
+  }
+}
+
+void TakePeerMac(CommandLine& line, const char* name, const char* text) {
+  line.peerMac = text;
+  ether_addr parsed{};
+  if (!line.peerMac.empty() && ether_aton_r(text, &parsed) == nullptr) {
+    Warn(line, name, text, "is not a hardware address, no unit is the peer");
+  }
 }
 
 std::string WithTrailingSlash(std::string path) {
@@ -51,10 +89,11 @@ std::string WithTrailingSlash(std::string path) {
   return path;
 }
 
-void Apply(CommandLine& line, int code, const char* argument) {
-  switch (static_cast<tOption>(code)) {
+/// `chosen` is the option's row in the table.
+void Apply(CommandLine& line, const option& chosen, const char* argument) {
+  switch (static_cast<tOption>(chosen.val)) {
     case kPort:
-      line.clientPort = Number(argument);
+      TakePort(line, chosen.name, argument);
       break;
     case kDebugLevel:
       if (const int level = Number(argument); static_cast<unsigned>(level) <= kHighestLogLevel) {
@@ -71,7 +110,7 @@ void Apply(CommandLine& line, int code, const char* argument) {
       line.internalSharePath = argument;
       break;
     case kPeerMac:
-      line.peerMac = argument;
+      TakePeerMac(line, chosen.name, argument);
       break;
     case kContentIdFile:
       line.contentIdFile = argument;
@@ -82,7 +121,7 @@ void Apply(CommandLine& line, int code, const char* argument) {
       line.filesToWaitFor.emplace_back(argument);
       break;
     case kFileTimeout:
-      line.fileTimeoutSeconds = Number(argument);
+      line.fileTimeoutSeconds = NumberOrWarning(line, chosen.name, argument);
       break;
     case kNfsRoot:
       line.nfsRoot = WithTrailingSlash(argument);
@@ -93,22 +132,56 @@ void Apply(CommandLine& line, int code, const char* argument) {
   }
 }
 
+/// The question that an unknown long option asks. The two are not in the table, where they would
+/// take abbreviations from the options: "--v" is "--vfat-mount-opts".
+tQuestion Question(std::string_view word) {
+  if (word == "--help") return tQuestion::kHelp;
+  if (word == "--version") return tQuestion::kVersion;
+  return tQuestion::kNone;
+}
+
 }  // namespace
+
+const char kHelpText[] =
+    "Usage: voldrake [OPTION]...\n"
+    "Storage-volume daemon of a display unit.\n"
+    "\n"
+    "  --port=NUMBER               TCP port of the display application on 127.0.0.1; 8080\n"
+    "  --debuglevel=0..4           how much is logged; 3\n"
+    "  --log=FILE                  log file instead of syslog\n"
+    "  --vfat-mount-opts=OPTIONS   more mount options for vfat volumes\n"
+    "  --internal-share-path=DIRECTORY\n"
+    "                              internal disk to offer to other units\n"
+    "  --peer-mac=ADDRESS          hardware address of the peer, which may write\n"
+    "  --content-id-file=FILE      file whose first line is the content id\n"
+    "  --serial-number-file=FILE   file whose first line is the serial number\n"
+    "  --file-timeout=SECONDS      how long to wait for these files at start-up; 0\n"
+    "  --nfs-root=DIRECTORY        where other units' shares are mounted; /mnt/\n"
+    "  --daemon                    detach into the background\n"
+    "  --help                      show this and end\n"
+    "  --version                   show the version and end\n"
+    "\n"
+    "SIGTERM ends it, SIGHUP marks the head of a new log file, SIGUSR1 has every volume told\n"
+    "again. More in voldrake(8).\n";
 
 std::optional<CommandLine> ParseCommandLine(int argc, char* argv[], std::string& error) {
   CommandLine line;
   optind = 0;  // makes the library start afresh
   opterr = 0;
-  for (int code; (code = getopt_long(argc, argv, ":", kOptions, nullptr)) != -1;) {
+  int row = 0;
+  for (int code; (code = getopt_long(argc, argv, ":", kOptions, &row)) != -1;) {
     if (code == ':') {
       error = std::string("Missing required argument: ") + argv[optind - 1];
       return std::nullopt;
     }
     if (code == '?') {
+      // A known option with a value too many, or a short one, leaves its code.
+      if (optopt == 0) line.question = Question(argv[optind - 1]);
+      if (line.question != tQuestion::kNone) return line;
       error = std::string("Unknown option: ") + argv[optind - 1];
       return std::nullopt;
     }
-    Apply(line, code, optarg);
+    Apply(line, kOptions[row], optarg);
   }
   if (optind < argc) {
     error = "The following were ignored:";

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "frame/Log.h"
+#include "frame/Text.h"
 
 namespace {
 
@@ -40,5 +41,12 @@ void WaitForFiles(const std::vector<std::string>& files, std::chrono::seconds ti
       return;
     }
     Log("Found: " + file, kLogInfo);
+  }
+}
+
+void WarnOfMissingFiles(const std::vector<std::string>& files) {
+  for (const std::string& file : files) {
+    if (HasContent(file)) continue;
+    Log("Identity file " + Printable(file) + " is missing or empty", kLogWarning);
   }
 }

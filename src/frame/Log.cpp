@@ -1,9 +1,11 @@
 #include "frame/Log.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <ctime>
 
 #include "frame/FileDescriptor.h"
@@ -62,6 +64,18 @@ void SetLogLevel(int level) {
 
 void SetLogFile(const std::string& path) {
   gLogFile = path;
+}
+
+int LogFileError(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) == 0) {
+    if (S_ISDIR(status.st_mode)) return EISDIR;
+    return access(path.c_str(), W_OK) == 0 ? 0 : errno;
+  }
+  if (errno != ENOENT) return errno;
+  const size_t slash = path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  return access(directory.c_str(), W_OK | X_OK) == 0 ? 0 : errno;
 }
 
 bool LogsAt(int level) {

@@ -24,6 +24,10 @@ void SetLogLevel(int level);
 /// Sets the log file; an empty path means syslog.
 void SetLogFile(const std::string& path);
 
+/// Why lines cannot be written to a log file of this path at present, as an error number; 0 when
+/// they can. Neither makes nor opens the file.
+[[nodiscard]] int LogFileError(const std::string& path);
+
 /// True when an entry of this level is written; lets a busy caller leave the building of its text.
 [[nodiscard]] bool LogsAt(int level);
 

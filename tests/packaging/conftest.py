@@ -4,6 +4,7 @@ import os
 import re
 import shutil
 import subprocess
+import tempfile
 from pathlib import Path
 from typing import Iterator
 
@@ -31,14 +32,30 @@ class InstallTree:
         return {str(file.relative_to(top)) for file in top.rglob("*") if not file.is_dir()}
 
 
+def pytest_configure(config: pytest.Config) -> None:
+    """Refuse a build that is not complete once, not in every test."""
+    if hasattr(config, "workerinput"):
+        return  # the process that started this one has looked
+    with tempfile.TemporaryDirectory() as root:
+        done = install(Path(root))
+    if done.returncode != 0:
+        raise pytest.UsageError(
+            f"{target.build_directory()} is not built completely; cmake --build builds what the"
+            f" packaging tests install\n{done.stderr.strip()}")
+
+
+def install(root: Path) -> subprocess.CompletedProcess[str]:
+    """Put what the build installs below the directory."""
+    return subprocess.run(["cmake", "--install", str(target.build_directory())], text=True,
+                          env=os.environ | {"DESTDIR": str(root)}, capture_output=True, check=False)
+
+
 @pytest.fixture(scope="session")
 def tree(tmp_path_factory: pytest.TempPathFactory) -> InstallTree:
     """The build directory installed, with the start script and the unit."""
     build = target.build_directory()
     root = tmp_path_factory.mktemp("tree")
-    environment = os.environ | {"DESTDIR": str(root)}
-    done = subprocess.run(["cmake", "--install", str(build)], env=environment, text=True,
-                          capture_output=True, check=False)
+    done = install(root)
     assert done.returncode == 0, done.stderr
     prefix = re.search(r"^CMAKE_INSTALL_PREFIX:PATH=(.*)$",
                        (build / "CMakeCache.txt").read_text(), re.MULTILINE)

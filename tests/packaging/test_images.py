@@ -234,6 +234,7 @@ BUILDROOT_TOOLCHAIN = [
 BUILDROOT_PACKAGES = {
     "BR2_HOST_CMAKE_AT_LEAST_3_24": "y",
     "BR2_PACKAGE_DBUS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU",
+    "BR2_PACKAGE_LIBPCAP": "y",
     "BR2_PACKAGE_LIBGLIB2": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && BR2_USE_WCHAR",
     "BR2_PACKAGE_NFS_UTILS": "BR2_TOOLCHAIN_HAS_THREADS && BR2_USE_MMU && !BR2_STATIC_LIBS",
     "BR2_PACKAGE_NFS_UTILS_RPC_NFSD": "BR2_PACKAGE_NFS_UTILS",
@@ -291,14 +292,22 @@ def test_buildroot_selects_what_the_package_needs(
               for name in buildroot()["DEPENDENCIES"].split() if not name.startswith("host-")}
     needed.add("BR2_HOST_CMAKE_AT_LEAST_" + cmake_version().replace(".", "_"))
     defaults = {"BR2_PACKAGE_VOLDRAKE", "BR2_PACKAGE_VOLDRAKE_STATIC_RUNTIME"}
+    # BusyBox's mount does not call mount.nfs as Buildroot configures it.
+    mount = {"BR2_PACKAGE_UTIL_LINUX", "BR2_PACKAGE_UTIL_LINUX_LIBMOUNT",
+             "BR2_PACKAGE_UTIL_LINUX_MOUNT"}
     sharing = {"BR2_PACKAGE_VOLDRAKE_SHARING", "BR2_PACKAGE_NFS_UTILS",
-               "BR2_PACKAGE_NFS_UTILS_RPC_NFSD"}
-    hald = {"BR2_PACKAGE_VOLDRAKE_HALD", "BR2_PACKAGE_UTIL_LINUX",
-            "BR2_PACKAGE_UTIL_LINUX_LIBMOUNT", "BR2_PACKAGE_UTIL_LINUX_MOUNT"}
+               "BR2_PACKAGE_NFS_UTILS_RPC_NFSD"} | mount
+    hald = {"BR2_PACKAGE_VOLDRAKE_HALD"} | mount
     assert menu.chosen() == defaults | needed | sharing | hald
-    menu.answer("n", "BR2_PACKAGE_VOLDRAKE_SHARING", "BR2_PACKAGE_VOLDRAKE_HALD")
+    menu.answer("n", "BR2_PACKAGE_VOLDRAKE_HALD")
+    assert menu.chosen() == defaults | needed | sharing
+    menu.answer("n", "BR2_PACKAGE_VOLDRAKE_SHARING")
+    menu.answer("y", "BR2_PACKAGE_VOLDRAKE_HALD")
+    assert menu.chosen() == defaults | needed | hald
+    menu.answer("n", "BR2_PACKAGE_VOLDRAKE_HALD")
     menu.answer("y", "BR2_PACKAGE_VOLDRAKE_TOOLS")
-    assert menu.chosen() == defaults | {"BR2_PACKAGE_VOLDRAKE_TOOLS"} | needed
+    tools = {"BR2_PACKAGE_VOLDRAKE_TOOLS", "BR2_PACKAGE_LIBPCAP"}
+    assert menu.chosen() == defaults | tools | needed
     assert menu.comments() == []
 
 
@@ -337,6 +346,17 @@ def test_buildroot_builds_the_hardware_service_with_what_it_needs() -> None:
     names = dict(re.findall(r"-D(VOLDRAKE\w*SYSV_NAME)=(\S+)", package["CONF_OPTS"]))
     # The daemon looks for the service once.
     assert names["VOLDRAKE_HALD_SYSV_NAME"] < names["VOLDRAKE_SYSV_NAME"]
+
+
+def test_images_build_the_tools_with_what_they_need(recipe: dict[str, str]) -> None:
+    libraries = set(re.findall(r"pkg_check_modules\(\w+ IMPORTED_TARGET lib([\w.-]+)",
+                               (target.REPOSITORY / "tools/CMakeLists.txt").read_text()))
+    assert libraries == {"pcap"}
+    needed = {f"lib{name}" for name in libraries}
+    assert recipe["PACKAGECONFIG[tools]"].split(",") == [
+        "-DVOLDRAKE_TOOLS=ON", "-DVOLDRAKE_TOOLS=OFF", *needed]
+    assert needed <= set(buildroot(BR2_PACKAGE_VOLDRAKE_TOOLS="y")["DEPENDENCIES"].split())
+    assert needed.isdisjoint(buildroot()["DEPENDENCIES"].split())
 
 
 @pytest.mark.parametrize("option", ["HALD", "STATIC_RUNTIME", "IGNORE_UNKNOWN_ANNOUNCEMENTS"])

@@ -52,6 +52,10 @@ def test_explains_every_option_of_the_daemon(tree) -> None:
     source = (SOURCE / "src/frame/CommandLine.cpp").read_text()
     options = set(re.findall(r'^    \{"([\w-]+)", ', source, re.MULTILINE))
     assert "port" in options
+    options |= {"help", "version"}
+    told = subprocess.run([str(tree.path("sbin/voldrake")), "--help"], text=True,
+                          capture_output=True, check=True).stdout
+    assert set(re.findall(r"^  --([\w-]+)", told, re.MULTILINE)) == options
     explained = re.findall(r"^\.It Fl -([\w-]+)", page(tree, "voldrake.8").read_text(),
                            re.MULTILINE)
     assert sorted(explained) == sorted(options)

@@ -28,7 +28,8 @@ def image(tree, sandbox: Sandbox) -> Sandbox:
     shutil.copy(target.build_directory() / "packaging/start/voldrake", script)
     # The script reads the options below the prefix's etc, which the build directory names.
     options = Path(tree.prefix, "etc") if tree.prefix != "/usr" else Path("/etc")
-    text = script.read_text().replace(f"{options}/default/", "/etc/default/")
+    text = script.read_text().replace(f"OPTIONS={options}/default/", "OPTIONS=/etc/default/")
+    assert "\nOPTIONS=/etc/default/voldrake\n" in text
     # The script's own path comes first in the image, so BusyBox's commands are put before it.
     text = text.replace("\nPATH=", f"\nPATH={TOOLS}:")
     script.write_text(text)
@@ -74,6 +75,51 @@ def test_restart_is_another_process(image: Sandbox) -> None:
     assert image.path(PID_FILE).read_text() != first
     assert len(daemons(image)) == 1
     call(image, "stop")
+
+
+def test_restart_starts_one_that_does_not_run(image: Sandbox) -> None:
+    assert call(image, "restart") == (0, "voldrake is not running\n")
+    assert len(daemons(image)) == 1
+    call(image, "stop")
+
+
+def complaint(image: Sandbox, action: str) -> str:
+    """What the script says when it refuses."""
+    done = image.run(["busybox", "sh", SCRIPT, action], timeout=4 * timeouts.RUN)
+    assert (done.returncode, done.stdout) == (1, "")
+    return done.stderr
+
+
+@pytest.mark.parametrize("word", ["--daemon", "--da"])
+def test_refuses_a_daemon_that_would_detach_itself(image: Sandbox, word: str) -> None:
+    set_options(image, f"--log {LOG} {word}")
+    told = ("/etc/default/voldrake: VOLDRAKE_OPTIONS must not hold --daemon,"
+            " this script detaches voldrake\n")
+    assert complaint(image, "start") == told
+    assert daemons(image) == []
+    assert not image.path(LOG).exists()
+    set_options(image, f"--log {LOG}")
+    call(image, "start")
+    first = image.path(PID_FILE).read_text()
+    set_options(image, f"--log {LOG} {word}")
+    assert complaint(image, "restart") == told
+    # It has not been stopped.
+    assert image.path(PID_FILE).read_text() == first
+    assert call(image, "status") == (0, "voldrake is running\n")
+    call(image, "stop")
+
+
+def test_tells_of_a_daemon_that_somebody_else_has_started(image: Sandbox, tree) -> None:
+    program = str(Path(tree.prefix, "sbin/voldrake"))
+    other = image.spawn([program, "--log", LOG], "other")
+    expect_handler(image, signal.SIGTERM)
+    assert call(image, "status") == (0, "voldrake is running, but not by this script\n")
+    assert complaint(image, "start") == "voldrake is running already, but not by this script\n"
+    for action in ("stop", "restart"):
+        assert complaint(image, action) == (
+            "voldrake is running, but not by this script; SIGTERM ends it\n")
+    assert len(daemons(image)) == 1
+    assert other.terminate() == 0
 
 
 def test_passes_options_with_blanks_on(image: Sandbox) -> None:

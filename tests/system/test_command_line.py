@@ -39,6 +39,84 @@ def test_a_bad_command_line_ends_it_with_one_message(unit: Unit, words: list[str
     assert unit.hal.calls() == []
 
 
+ANSWERS = {
+    "--help": "Usage: voldrake [OPTION]...\n",
+    "--version": "voldrake 1.10\n",
+}
+
+
+@pytest.mark.parametrize("words", [[], ["--daemon", "--file-timeout=60"], ["stray"]],
+                         ids=["alone", "after options", "after a stray word"])
+@pytest.mark.parametrize("question", ANSWERS)
+def test_a_question_is_answered_and_nothing_else_is_done(unit: Unit, question: str,
+                                                         words: list[str]) -> None:
+    log = "/var/log/asked.log"
+    done = unit.sandbox.run([*target.daemon_command(), "--log", log, *words, question])
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.startswith(ANSWERS[question])
+    assert not unit.exists(log)
+    assert unit.syslog.records() == []
+    assert unit.hal.calls() == []
+
+
+@pytest.mark.parametrize("question", ANSWERS)
+def test_a_question_whose_answer_nobody_gets_fails(unit: Unit, question: str) -> None:
+    for output in (">/dev/full", ">&-"):
+        done = unit.sandbox.run(
+            ["/bin/sh", "-c", f'exec "$@" {output}', "sh", *target.daemon_command(), question])
+        assert done.returncode == 1
+
+
+HARDLY_MEANT = {
+    "a port that is no number":
+        (["--port=abc"], 'Option --port: "abc" is not a number, 0 is taken'),
+    "a port that is none":
+        (["--port=80800"], 'Option --port: "80800" is not a port, which is 1 to 65535'),
+    "a peer that is no hardware address":
+        (["--peer-mac=xyz"],
+         'Option --peer-mac: "xyz" is not a hardware address, no unit is the peer'),
+    "a time-out that is no number":
+        (["--file-timeout=soon"], 'Option --file-timeout: "soon" is not a number, 0 is taken'),
+    "an identity file that is not there":
+        (["--serial-number-file=/etc/serail"], "Identity file /etc/serail is missing or empty"),
+    "one that is empty":
+        (["--content-id-file=/dev/null"], "Identity file /dev/null is missing or empty"),
+}
+
+
+@pytest.mark.parametrize("words, warning", HARDLY_MEANT.values(), ids=HARDLY_MEANT)
+def test_a_value_that_can_hardly_be_meant_is_warned_of(unit: Unit, words: list[str],
+                                                       warning: str) -> None:
+    unit.daemon.start(*words)
+    unit.hal.expect_call("FindDeviceByCapability")
+    assert [line.text for line in unit.daemon.log_lines() if line.level == WARNING] == [warning]
+
+
+def test_without_such_a_value_there_is_no_warning(unit: Unit) -> None:
+    unit.sandbox.write("/etc/serial", "7\n")
+    unit.start_daemon("--peer-mac=00:11:22:33:44:55", "--serial-number-file=/etc/serial",
+                      "--file-timeout=0")
+    assert [line for line in unit.daemon.log_lines() if line.level <= WARNING] == []
+
+
+UNWRITABLE_LOGS = {
+    "a directory": (["--log=/srv"], "/srv: Is a directory"),
+    "a file in a directory that does not exist":
+        (["--log=/nowhere/voldrake.log"], "/nowhere/voldrake.log: No such file or directory"),
+    "a directory of a daemon that detaches to the root":
+        (["--log=srv", "--daemon"], "srv: Is a directory"),
+}
+
+
+@pytest.mark.parametrize("words, complaint", UNWRITABLE_LOGS.values(), ids=UNWRITABLE_LOGS)
+def test_a_log_that_cannot_be_written_is_told_on_standard_error(
+        unit: Unit, words: list[str], complaint: str) -> None:
+    """The daemon runs all the same."""
+    unit.daemon.start(*words, log_file=None)
+    unit.hal.expect_call("FindDeviceByCapability")
+    unit.daemon.process.expect_stderr(f"Nothing is logged to {complaint}\n")
+
+
 OPTIONS_AND_VERSIONS = {
     "by default": ([], 8080),
     "given as the next word": (["--port", "9000"], 9000),

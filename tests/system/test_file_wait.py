@@ -5,7 +5,7 @@ import re
 import pytest
 
 from testbed import timeouts
-from testbed.daemon import INFO
+from testbed.daemon import INFO, WARNING
 from testbed.strace import Trace
 from testbed.unit import Unit
 
@@ -88,6 +88,9 @@ def test_an_empty_file_counts_as_missing_until_the_time_is_up(unit: Unit) -> Non
     assert end - begin > 1
     assert pauses(calls) <= 2 * PAUSES_IN_A_SECOND
     assert about_the_wait(unit) == [WAITING, NOT_FOUND]
+    # Only now is the rest of the list looked at, to tell what is missing by name.
+    assert [line.text for line in unit.daemon.log_lines() if line.level == WARNING] == [
+        f"Identity file {ONE} is missing or empty"]
 
 
 def test_the_deadline_is_one_for_the_whole_list(unit: Unit) -> None:

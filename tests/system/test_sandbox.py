@@ -292,3 +292,47 @@ def test_a_wire_that_cannot_be_made_leaves_the_one_of_that_name_alone() -> None:
             pass
         assert bridge in wires()
     assert bridge not in wires()
+
+
+def run_testbed(build: Path | None, *command: str) -> subprocess.CompletedProcess[str]:
+    """Start a command as somebody outside any wrapper would, with this build directory."""
+    environment = {name: value for name, value in os.environ.items()
+                   if not name.startswith("VOLDRAKE_")}
+    if build:
+        environment["VOLDRAKE_BUILD_DIR"] = str(build)
+    return subprocess.run([sys.executable, "-m", "testbed", "run", *command], cwd=target.REPOSITORY,
+                          env=environment, text=True, capture_output=True, check=False,
+                          timeout=timeouts.RUN)
+
+
+@pytest.mark.parametrize("exists", [False, True])
+def test_what_is_no_build_directory_is_refused_and_stays_as_it_is(tmp_path: Path,
+                                                                  exists: bool) -> None:
+    build = tmp_path / "build"
+    if exists:
+        build.mkdir()
+    done = run_testbed(build, "true")
+    assert (done.returncode, done.stdout, done.stderr) == (
+        1, "", f"testbed: VOLDRAKE_BUILD_DIR is {build}, which is no build directory\n")
+    assert list(tmp_path.rglob("*")) == ([build] if exists else [])
+
+
+def test_an_incomplete_build_stops_the_packaging_tests_at_once(tmp_path: Path) -> None:
+    (tmp_path / "CMakeCache.txt").touch()
+    (tmp_path / "cmake_install.cmake").write_text(
+        'file(INSTALL DESTINATION "/x" TYPE EXECUTABLE FILES "/nonexistent/voldrake-shares")\n')
+    done = run_testbed(tmp_path, "/usr/bin/python3", "-m", "pytest", "-n", "2", "tests/packaging")
+    assert done.returncode == pytest.ExitCode.USAGE_ERROR
+    assert done.stderr.startswith(f"ERROR: {tmp_path} is not built completely;")
+    assert "voldrake-shares" in done.stderr
+    assert "error" not in done.stdout
+
+
+def test_a_report_has_what_the_bus_says_but_of_the_limit_that_it_cannot_raise(unit: Unit) -> None:
+    limit = ("dbus-daemon[3]: [system] org.freedesktop.DBus.Error.AccessDenied: Failed to set fd"
+             " limit to 65536: Operation not permitted\n")
+    other = "dbus-daemon[3]: [system] Rejected: another line\n"
+    (unit.sandbox.logs / "99-bus.err").write_text(limit + other)
+    assert unit.sandbox.errors()["99-bus.err"] == other.strip()
+    assert other.strip() in unit.report()
+    assert "fd limit" not in unit.report()

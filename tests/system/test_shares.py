@@ -177,13 +177,32 @@ def test_a_share_that_is_repeated_stays_and_goes_three_seconds_after_it_fell_sil
 
 
 def test_once_lists_and_ends(here: Sandbox, there: Sandbox) -> None:
-    assert run(there, "--once", "0.2") == ""
     listing = Listing(there)
     repeating = here.spawn([str(PROGRAM), "announce", *SHARE, "--repeat"])
     assert "appeared" in listing.line()
     assert run(there, "--once", "4") == (
         '169.254.1.1:/media/sda1            "Name"                   read-only  media=1 key=""\n')
     assert repeating.terminate() == 0
+
+
+@pytest.mark.parametrize("seconds", ["0.2", "0"])
+@pytest.mark.parametrize("form", [[], ["--json"]], ids=["table", "json"])
+def test_once_says_that_nothing_was_announced(there: Sandbox, seconds: str,
+                                              form: list[str]) -> None:
+    done = there.run([str(PROGRAM), f"--once={seconds}", *form])
+    assert (done.returncode, done.stdout, done.stderr) == (
+        0, "", "voldrake-shares: no share was announced\n")
+
+
+@pytest.mark.parametrize("command, does", [
+    ([], "Shows the shares that units announce"),
+    (["announce"], "Sends the announcement of one share"),
+    (["withdraw"], "Sends the withdrawal of one share")], ids=["list", "announce", "withdraw"])
+def test_the_help_is_of_the_command(here: Sandbox, command: list[str], does: str) -> None:
+    lines = run(here, *command, "--help").splitlines()
+    assert lines[0] == " ".join(["Usage: voldrake-shares", *command, "[OPTION]..."])
+    assert lines[2].startswith(does)
+    assert ("  --path=PATH" in "\n".join(lines)) == bool(command)
 
 
 def test_malformed_datagrams_are_shown_and_listening_goes_on(
@@ -231,6 +250,9 @@ def test_a_flood_of_shares_is_bounded(here: Sandbox, there: Sandbox) -> None:
     (["announce", "--path", "/x", "--interface", "eth9"], "there is no interface eth9"),
     (["--interface", "eth9"], "there is no interface eth9"),
     (["--once", "-1"], "the seconds must be 0 to 86400"),
+    (["--once=nan"], "the seconds must be 0 to 86400"),
+    (["--once=2s"], "the seconds must be 0 to 86400"),
+    (["--once="], "the seconds must be 0 to 86400"),
     (["other"], "unknown command: other"),
 ])
 def test_what_cannot_be_done_is_told(here: Sandbox, words: list[str], complaint: str) -> None:

@@ -9,7 +9,8 @@
 using tools::Announcement;
 using tools::DecodeAnnouncement;
 using tools::EncodeAnnouncement;
-using tools::IsTakenByUnits;
+using tools::ReactionOfUnits;
+using tools::UnitReaction;
 
 namespace {
 
@@ -82,30 +83,37 @@ TEST(ToolsAnnouncement, FaultsAreNamed) {
   const struct {
     std::string datagram;
     const char* fault;
-    bool isTakenByUnits;
+    UnitReaction reaction;
   } kTable[] = {
-      {"", "the datagram has 0 bytes, its header alone has 20", false},
-      {kGolden.substr(0, 19), "the datagram has 19 bytes, its header alone has 20", false},
-      {kGolden.substr(0, 20), "its lengths make 38 bytes, the datagram has 20", false},
-      {kGolden.substr(0, 21), "its lengths make 38 bytes, the datagram has 21", true},
-      {With(0, "\x12\x34\x56\x78"), "the magic is 78563412 instead of 12345678", false},
-      {With(4, "\2"), "the version is 2 instead of 1", true},
-      {With(6, "\0"s), "the message type is 0, neither 1 nor 2", true},
-      {With(6, "\3"), "the message type is 3, neither 1 nor 2", true},
-      {With(8, "\0\0"s), "the field at offset 8 is 0 instead of 1000", true},
-      {With(14, "\xFF\xFF"), "its lengths make 65561 bytes, the datagram has 38", true},
-      {With(14, "\x0B\x00\x02\x00"s), "the path does not end with a zero byte", true},
-      {With(31, "x"), "the path does not end with a zero byte", true},
-      {With(24, "\0"s), "the path ends before its length", true},
-      {With(32, "x"), "the key does not end with a zero byte", true},
-      {With(37, "x"), "the friendly name does not end with a zero byte", true},
-      {With(14, "\0\0\x0D\0"s), "the path does not end with a zero byte", true},
+      {"", "the datagram has 0 bytes, its header alone has 20", UnitReaction::Ignores},
+      {kGolden.substr(0, 19), "the datagram has 19 bytes, its header alone has 20",
+       UnitReaction::Ignores},
+      {kGolden.substr(0, 20), "its lengths make 38 bytes, the datagram has 20",
+       UnitReaction::Ignores},
+      {kGolden.substr(0, 21), "its lengths make 38 bytes, the datagram has 21",
+       UnitReaction::Takes},
+      {With(0, "\x12\x34\x56\x78"), "the magic is 78563412 instead of 12345678",
+       UnitReaction::Ignores},
+      {With(4, "\2"), "the version is 2 instead of 1", UnitReaction::Takes},
+      {With(6, "\0"s), "the message type is 0, neither 1 nor 2", UnitReaction::Ends},
+      {With(6, "\3"), "the message type is 3, neither 1 nor 2", UnitReaction::Ends},
+      {With(4, "\2\0\3"s), "the version is 2 instead of 1", UnitReaction::Ends},
+      {With(8, "\0\0"s), "the field at offset 8 is 0 instead of 1000", UnitReaction::Takes},
+      {With(14, "\xFF\xFF"), "its lengths make 65561 bytes, the datagram has 38",
+       UnitReaction::Takes},
+      {With(14, "\x0B\x00\x02\x00"s), "the path does not end with a zero byte",
+       UnitReaction::Takes},
+      {With(31, "x"), "the path does not end with a zero byte", UnitReaction::Takes},
+      {With(24, "\0"s), "the path ends before its length", UnitReaction::Takes},
+      {With(32, "x"), "the key does not end with a zero byte", UnitReaction::Takes},
+      {With(37, "x"), "the friendly name does not end with a zero byte", UnitReaction::Takes},
+      {With(14, "\0\0\x0D\0"s), "the path does not end with a zero byte", UnitReaction::Takes},
       {kGolden + std::string(1463, 'x'), "the datagram has 1501 bytes, at most 1500 are read",
-       true},
+       UnitReaction::Takes},
   };
   for (const auto& row : kTable) {
     EXPECT_EQ(FaultOf(row.datagram), row.fault);
-    EXPECT_EQ(IsTakenByUnits(row.datagram), row.isTakenByUnits) << row.fault;
+    EXPECT_EQ(ReactionOfUnits(row.datagram), row.reaction) << row.fault;
   }
 }
 

@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <chrono>
 #include <limits>
@@ -107,6 +107,19 @@ TEST(ToolsMessageFormat, RawShowsEveryByte) {
   const std::string raw = tools::RawText(arrival);
   EXPECT_NE(raw.find("arrival  1000 bytes\n00000000  78 78"), std::string::npos) << raw;
   EXPECT_NE(raw.find("000003e0  78 78"), std::string::npos) << raw;
+}
+
+TEST(ToolsMessageFormat, AnIncidentIsOneLineInBothForms) {
+  const tools::Incident alone{kTime, tools::Mishap::Refused, "nobody listens", "", ""};
+  EXPECT_EQ(tools::TableText(alone).substr(12), "  refused  nobody listens\n");
+  EXPECT_EQ(tools::JsonText(alone), R"({"time":"2017-07-14T02:40:00.042Z","incident":"refused",)"
+                                    R"("reason":"nobody listens"})"
+                                    "\n");
+  const tools::Incident about{kTime, tools::Mishap::Lost, "gone", "arrival", "/a\x1B\xFC"};
+  EXPECT_EQ(tools::TableText(about).substr(12), "  lost     arrival of /a\\x1b\\xfc: gone\n");
+  EXPECT_THAT(tools::JsonText(about),
+              testing::EndsWith(R"("reason":"gone","message":"arrival","path":"/a\u001b\u00fc"})"
+                                "\n"));
 }
 
 }  // namespace

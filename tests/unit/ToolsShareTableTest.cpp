@@ -1,4 +1,4 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <chrono>
 #include <optional>
@@ -106,6 +106,30 @@ TEST(ToolsShareFormat, AMalformedDatagramShowsReasonAndBytes) {
             R"({"time":"2017-07-14T02:40:00.042Z","event":"malformed","sender":"1.2.3.4",)"
             R"("reason":"too short","taken_by_units":false,"bytes":"1b"})"
             "\n");
+}
+
+TEST(ToolsShareFormat, WhatUnitsDoWithAMalformedDatagramIsSaid) {
+  const std::string head("\x78\x56\x34\x12\x01\x00", 6);
+  const std::string rest("\x00\xe8\x03\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00\x00", 14);
+  const struct {
+    std::string datagram;
+    const char* table;
+    const char* json;
+  } kTable[] = {
+      {head, "from 1.2.3.4: why\n", R"("taken_by_units":false,"bytes")"},
+      {head + "\1" + rest, "from 1.2.3.4: why; units take it nevertheless\n",
+       R"("taken_by_units":true,"bytes")"},
+      {head + "\7" + rest,
+       "from 1.2.3.4: why; it ends every unit that was not built with "
+       "VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS\n",
+       R"("taken_by_units":false,"ends_units":true,"bytes")"},
+  };
+  for (const auto& row : kTable) {
+    EXPECT_THAT(tools::MalformedTableText("1.2.3.4", row.datagram, "why", {}),
+                testing::HasSubstr(row.table));
+    EXPECT_THAT(tools::MalformedJsonText("1.2.3.4", row.datagram, "why", {}),
+                testing::HasSubstr(row.json));
+  }
 }
 
 }  // namespace

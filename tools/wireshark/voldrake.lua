@@ -1,4 +1,6 @@
--- Wireshark dissector for the datagrams in which units announce their shares (UDP port 10000).
+-- Wireshark dissector for the datagrams in which units announce their shares (UDP port 10000) and
+-- for the messages to the display application (TCP port 8080, which the preferences of the protocol
+-- VOLDRAKE-MESSAGE change).
 --
 -- Use: wireshark -X lua_script:voldrake.lua, or put the file into the personal plugin folder that
 -- Help > About > Folders names. All numbers are little-endian:
@@ -12,6 +14,16 @@
 -- "Malformed" marks what no unit sends; a unit that receives it may still take it, since it asks
 -- for 21 bytes and the magic only. The port is not reserved for units: a datagram without the magic
 -- is left to other dissectors.
+--
+-- A message is a frame on a TCP connection. All numbers are big-endian:
+--
+--   0   2  number of bytes that follow: 4 + 2n
+--   2   2  zero
+--   4   2  payload length in bytes: 2n
+--   6  2n  the text, one UTF-16 code unit for each byte of it, its high byte zero
+--
+-- Port 8080 is often used for other things: what does not begin like a frame is left to the dissector
+-- that the port had before.
 
 local UDP_PORT = 10000
 local HEADER_BYTES = 20
@@ -162,3 +174,153 @@ function voldrake.dissector(buffer, pinfo, tree)
 end
 
 DissectorTable.get("udp.port"):add(UDP_PORT, voldrake)
+
+-- The messages to the display application
+
+local TCP_PORT = 8080
+local LENGTH_BYTES = 2
+local FRAME_HEADER_BYTES = 6
+local MAX_FRAME_BYTES = FRAME_HEADER_BYTES + 2 * 8190
+
+local message = Proto("voldrake_message", "Voldrake Message to the Display Application")
+
+local message_fields = {
+  following = ProtoField.uint16("voldrake_message.following", "Bytes That Follow", base.DEC),
+  zero = ProtoField.uint16("voldrake_message.zero", "Zero", base.DEC),
+  payload_length = ProtoField.uint16("voldrake_message.payload_length", "Payload Length",
+                                     base.DEC),
+  text = ProtoField.string("voldrake_message.text", "Text"),
+  kind = ProtoField.string("voldrake_message.kind", "Kind"),
+  path = ProtoField.string("voldrake_message.path", "Path"),
+}
+message.fields = message_fields
+
+local message_experts = {
+  malformed = ProtoExpert.new("voldrake_message.malformed", "Malformed message",
+                              expert.group.MALFORMED, expert.severity.ERROR),
+}
+message.experts = message_experts
+
+message.prefs.port = Pref.uint("TCP port", TCP_PORT, "Port of the display application")
+
+-- The length of the frame that begins at the offset, or nil when no frame begins so.
+local function frame_length(buffer, offset)
+  local length = LENGTH_BYTES + buffer(offset, LENGTH_BYTES):uint()
+  if length < FRAME_HEADER_BYTES or length > MAX_FRAME_BYTES then
+    return nil
+  end
+  return length
+end
+
+-- A character of Latin-1 in UTF-8, for which Lua has a function from version 5.3 on only.
+local function utf8_of(character)
+  if character < 0x80 then
+    return string.char(character)
+  end
+  return string.char(0xc0 + math.floor(character / 0x40), 0x80 + character % 0x40)
+end
+
+-- The text of a payload, a character of Latin-1 for each code unit, in UTF-8. The second value is the
+-- number of the first code unit above 00ff, or nil.
+local function payload_text(range)
+  local characters = {}
+  for offset = 0, range:len() - 2, 2 do
+    local unit = range(offset, 2):uint()
+    if unit > 0xff then
+      return nil, offset / 2
+    end
+    characters[#characters + 1] = utf8_of(unit)
+  end
+  return table.concat(characters), nil
+end
+
+-- Adds kind and path of the text as fields of their own. Comes back with the summary.
+local function add_meaning(tree, text)
+  local kind, path = text:match('^<message [^>]*><content><data(%a+) path="([^"]*)"')
+  if kind ~= "arrival" and kind ~= "removal" then
+    tree:add_proto_expert_info(message_experts.malformed, "The text is no message")
+    return "No message"
+  end
+  tree:add(message_fields.kind, kind):set_generated()
+  tree:add(message_fields.path, path):set_generated()
+  return kind .. " " .. path
+end
+
+-- Shows one whole frame.
+local function dissect_frame(buffer, pinfo, tree)
+  pinfo.cols.protocol = "VOLDRAKE-MESSAGE"
+  local length = buffer:len()
+  local subtree = tree:add(message, buffer())
+  subtree:add(message_fields.following, buffer(0, 2))
+  local zero_item = subtree:add(message_fields.zero, buffer(2, 2))
+  if buffer(2, 2):uint() ~= 0 then
+    zero_item:add_proto_expert_info(message_experts.malformed, "The second field is not zero")
+  end
+  local length_item = subtree:add(message_fields.payload_length, buffer(4, 2))
+  local payload = length - FRAME_HEADER_BYTES
+  if buffer(4, 2):uint() ~= payload or payload % 2 ~= 0 then
+    length_item:add_proto_expert_info(message_experts.malformed,
+                                      string.format("%d bytes follow", payload))
+  end
+  local summary = "Empty message"
+  if payload > 0 then
+    local range = buffer(FRAME_HEADER_BYTES, payload)
+    local text, above = payload_text(range)
+    if above then
+      subtree:add_proto_expert_info(message_experts.malformed,
+                                    string.format("Code unit %d is above 00ff", above))
+      summary = "Malformed message"
+    else
+      subtree:add(message_fields.text, range, text)
+      summary = add_meaning(subtree, text)
+    end
+  end
+  pinfo.cols.info:append(" " .. summary)
+  return length
+end
+
+local registered_port = 0
+local previous_dissector = nil
+
+-- Shows all frames that are whole, and asks for the rest of one that is not.
+function message.dissector(buffer, pinfo, tree)
+  local offset = 0
+  while offset < buffer:len() do
+    local there = buffer:len() - offset
+    local length = there >= LENGTH_BYTES and frame_length(buffer, offset)
+    if length == nil then
+      break
+    end
+    if not length or there < length then
+      pinfo.desegment_offset = offset
+      pinfo.desegment_len = length and length - there or DESEGMENT_ONE_MORE_SEGMENT
+      return buffer:len()
+    end
+    dissect_frame(buffer(offset, length):tvb(), pinfo, tree)
+    offset = offset + length
+  end
+  if offset == 0 and previous_dissector then
+    return previous_dissector:call(buffer, pinfo, tree)
+  end
+  return offset
+end
+
+-- Takes the port that the preferences name and gives back the one that it had.
+local function take_port()
+  local ports = DissectorTable.get("tcp.port")
+  if registered_port ~= 0 then
+    ports:remove(registered_port, message)
+    if previous_dissector then
+      ports:add(registered_port, previous_dissector)
+    end
+  end
+  registered_port = message.prefs.port
+  previous_dissector = nil
+  if registered_port ~= 0 then
+    previous_dissector = ports:get_dissector(registered_port)
+    ports:add(registered_port, message)
+  end
+end
+
+message.prefs_changed = take_port
+take_port()

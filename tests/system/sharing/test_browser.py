@@ -193,8 +193,12 @@ def test_a_refused_share_that_falls_silent_is_not_reported(unit, tools, peer) ->
 @pytest.mark.parametrize("message_type", [0, 3, 0xFFFF])
 def test_an_announcement_of_an_unknown_type_aborts(unit, tools, peer, message_type: int) -> None:
     start_listening(unit)
+    lister = unit.sandbox.spawn([target.program("voldrake-shares"), "--json"], "shares")
+    lister.expect_stderr("listening")
     peer.send(Announcement("/media/sda1", message_type=message_type))
     assert unit.daemon.wait() == -6
+    # The tool says so of the very datagram.
+    lister.expect_stdout('"taken_by_units":false,"ends_units":true')
     assert re.fullmatch(r"voldrake: ServiceBrowser:\d+: void CServiceBrowser::_HandleAnnouncement"
                         r"\(.*\): Assertion `.*messageType.*' failed\.\n", unit.daemon.stderr())
     assert unit.daemon.logged(ERROR, unit.daemon.failed_assertion()) == 1

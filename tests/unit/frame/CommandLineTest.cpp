@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
+
 namespace {
 
 /// A command line as main gets it. The words live as long as this object.
@@ -53,6 +55,8 @@ TEST(CommandLine, WithoutWordsEverythingHasItsDefault) {
   EXPECT_EQ(line.fileTimeoutSeconds, 0);
   EXPECT_EQ(line.nfsRoot, "");
   EXPECT_FALSE(line.daemonise);
+  EXPECT_EQ(line.question, tQuestion::kNone);
+  EXPECT_TRUE(line.warnings.empty());
 }
 
 TEST(CommandLine, EveryOptionReachesItsField) {
@@ -229,6 +233,86 @@ TEST(CommandLine, WordsBesideTheOptionsAreListed) {
 
 TEST(CommandLine, ALoneDoubleDashEndsTheOptions) {
   EXPECT_TRUE(Parsed({"--daemon", "--"}).daemonise);
+}
+
+TEST(CommandLine, TheTwoQuestionsAreAskedByTheWholeWord) {
+  const struct {
+    std::initializer_list<std::string> words;
+    tQuestion question;
+  } cases[] = {
+      {{"--help"}, tQuestion::kHelp},
+      {{"--version"}, tQuestion::kVersion},
+      {{"--daemon", "--port=1", "--version"}, tQuestion::kVersion},
+      {{"--help", "--version"}, tQuestion::kHelp},
+      {{"--help", "--bogus"}, tQuestion::kHelp},
+      {{"stray", "--help"}, tQuestion::kHelp},
+      {{"--log", "--help"}, tQuestion::kNone},
+      {{"--log=--version"}, tQuestion::kNone},
+  };
+  for (const auto& [words, question] : cases) {
+    EXPECT_EQ(Parsed(words).question, question) << testing::PrintToString(words);
+  }
+}
+
+TEST(CommandLine, WhatOnlyResemblesAQuestionIsUnknownAsBefore) {
+  for (const char* word : {"--h", "--hel", "--helpful", "--help=", "--help=yes", "--ver",
+                           "--version=1", "--versions"}) {
+    EXPECT_EQ(ErrorOf({word}), std::string("Unknown option: ") + word);
+  }
+  EXPECT_EQ(ErrorOf({"--bogus", "--help"}), "Unknown option: --bogus");
+  EXPECT_EQ(ErrorOf({"--", "--help"}), "The following were ignored: --help");
+  EXPECT_EQ(ErrorOf({"--log", "--help", "-ab"}), "Unknown option: --help")
+      << "the word before the parser's next one";
+}
+
+TEST(CommandLine, AnAbbreviationIsTheOnlyOptionThatBeginsSo) {
+  EXPECT_EQ(Parsed({"--deb=4"}).logLevel, 4);
+  EXPECT_STREQ(Parsed({"--v=utf8"}).vfatMountOpts, "utf8");
+  EXPECT_EQ(ErrorOf({"--p=1"}), "Unknown option: --p=1");
+}
+
+TEST(CommandLine, TheHelpNamesEveryOption) {
+  const std::string help = kHelpText;
+  for (const char* option :
+       {"--port=", "--debuglevel=", "--log=", "--vfat-mount-opts=", "--internal-share-path=",
+        "--peer-mac=", "--content-id-file=", "--serial-number-file=", "--file-timeout=",
+        "--nfs-root=", "--daemon ", "--help ", "--version "}) {
+    EXPECT_NE(help.find(std::string("\n  ") + option), std::string::npos) << option;
+  }
+}
+
+TEST(CommandLine, AValueThatCanHardlyBeMeantIsWarnedOf) {
+  const struct {
+    const char* word;
+    const char* warning;  // nullptr: none
+  } cases[] = {
+      {"--port=1", nullptr},
+      {"--port=65535", nullptr},
+      {"--port=+8080", nullptr},
+      {"--port=0", R"(Option --port: "0" is not a port, which is 1 to 65535)"},
+      {"--port=-1", R"(Option --port: "-1" is not a port, which is 1 to 65535)"},
+      {"--port=65536", R"(Option --port: "65536" is not a port, which is 1 to 65535)"},
+      {"--port=abc", R"(Option --port: "abc" is not a number, 0 is taken)"},
+      {"--port=", R"(Option --port: "" is not a number, 0 is taken)"},
+      {"--port=80 ", R"(Option --port: "80 " is not a number, 80 is taken)"},
+      {"--port=8\n0", R"(Option --port: "8?0" is not a number, 8 is taken)"},
+      {"--file-timeout=0", nullptr},
+      {"--file-timeout=-1", nullptr},
+      {"--file-timeout=5s", R"(Option --file-timeout: "5s" is not a number, 5 is taken)"},
+      {"--file-t=soon", R"(Option --file-timeout: "soon" is not a number, 0 is taken)"},
+      {"--peer-mac=", nullptr},
+      {"--peer-mac=0:1:2:a:B:ff", nullptr},
+      {"--peer-mac=xyz",
+       R"(Option --peer-mac: "xyz" is not a hardware address, no unit is the peer)"},
+      {"--peer-mac=00:11:22:33:44",
+       R"(Option --peer-mac: "00:11:22:33:44" is not a hardware address, no unit is the peer)"},
+      {"--debuglevel=9", nullptr},
+  };
+  for (const auto& [word, warning] : cases) {
+    std::vector<std::string> expected;
+    if (warning != nullptr) expected.emplace_back(warning);
+    EXPECT_EQ(Parsed({word}).warnings, expected) << word;
+  }
 }
 
 TEST(CommandLine, ParsingStartsAfreshEachTime) {

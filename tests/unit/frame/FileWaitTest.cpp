@@ -86,4 +86,17 @@ TEST(FileWait, TheWaitDoesNotEndMoreThanASecondEarly) {
   EXPECT_GE(std::chrono::steady_clock::now() - start, seconds(1));
 }
 
+TEST(FileWait, EachMissingOrEmptyFileIsNamed) {
+  const tCapturedLog log;
+  const tTemporaryDirectory directory;
+  const std::string there = directory.Write("there", "x");
+  const std::string empty = directory.Write("empty", "");
+  const std::string missing = directory.Path("mis\nsing");
+  WarnOfMissingFiles({empty, there, missing});
+  EXPECT_THAT(log.Lines(),
+              ElementsAre(tLogLine{kLogWarning, "Identity file " + empty + " is missing or empty"},
+                          tLogLine{kLogWarning, "Identity file " + directory.Path("mis?sing") +
+                                                    " is missing or empty"}));
+}
+
 }  // namespace

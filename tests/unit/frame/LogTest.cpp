@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <thread>
 
@@ -157,6 +158,27 @@ TEST(Log, LevelZeroSilencesEverything) {
   const tCapturedLog log(0);
   for (int level = 0; level <= 5; ++level) Log("message", level);
   EXPECT_THAT(log.Lines(), IsEmpty());
+}
+
+TEST(Log, WhyAFileCannotBeWrittenIsKnownBeforehandAndNothingIsMade) {
+  const tTemporaryDirectory directory;
+  const struct {
+    std::string path;
+    int error;
+  } cases[] = {
+      {directory.Write("file", ""), 0},
+      {directory.Path("new"), 0},
+      {directory.Link("link", directory.Path("new")), 0},
+      {directory.Path(), EISDIR},
+      {directory.Path() + "/", EISDIR},
+      {directory.Path("missing/log"), ENOENT},
+      {directory.Path("file/log"), ENOTDIR},
+      {directory.Path(std::string(300, 'x')), ENAMETOOLONG},
+      {"a-name-alone", 0},
+  };
+  for (const auto& [path, error] : cases) EXPECT_EQ(LogFileError(path), error) << path;
+  EXPECT_FALSE(directory.Holds("new"));
+  EXPECT_NE(access("a-name-alone", F_OK), 0);
 }
 
 }  // namespace
