@@ -1,17 +1,10 @@
 // Datagrams come from anybody on the network: reading one may not look beyond its end, and what was
 // read can be announced again and comes back the same.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-
+#include "Source.h"
 #include "sharing/NfsServiceMessage.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 void CheckText(const std::string& text, size_t received) {
   Require(text.size() < received);

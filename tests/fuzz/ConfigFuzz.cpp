@@ -1,17 +1,10 @@
 // The configuration's reader takes any bytes: it may not crash, and what it commits must have been
 // built by its rules.
 
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
-
+#include "Source.h"
 #include "frame/ConfigManager.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 bool Holds(std::string_view text, std::string_view part) {
   return text.find(part) != std::string_view::npos;

@@ -4,12 +4,10 @@
 #include <glib.h>
 #include <syslog.h>
 
-#include <cstddef>
-#include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <string>
 
+#include "Source.h"
 #include "hal/face/DeviceTree.h"
 #include "hal/face/HalNames.h"
 #include "hal/kernel/Media.h"
@@ -20,41 +18,6 @@
 namespace {
 
 using namespace halkernel;
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
-
-/// Takes texts and numbers off the input.
-class Source {
- public:
-  Source(const uint8_t* data, size_t size) : data_(data), size_(size) {}
-
-  bool Empty() const { return size_ == 0; }
-  unsigned Byte() {
-    if (size_ == 0) return 0;
-    --size_;
-    return *data_++;
-  }
-  /// As a C string would be: without a zero byte.
-  std::string Text() {
-    std::string text;
-    for (unsigned left = Byte() % 24; left > 0 && size_ > 0; --left) {
-      const char c = static_cast<char>(Byte());
-      if (c != '\0') text += c;
-    }
-    return text;
-  }
-  std::string Rest() {
-    std::string text(reinterpret_cast<const char*>(data_), size_);
-    size_ = 0;
-    return text;
-  }
-
- private:
-  const uint8_t* data_;
-  size_t size_;
-};
 
 BlockFacts ReadFacts(Source& source) {
   // Few paths, so that words about one disk meet.
@@ -109,8 +72,8 @@ void FuzzEvents(Source& source) {
     DiskState& state = disks[facts.diskPath];
     TakeIn(state, facts);
     reconciler.Show(facts.diskPath, Describe(state, MountIndex()));
-    CheckTree(tree);
   }
+  CheckTree(tree);
   const State state{reconciler.Kept(), {}};
   Require(ParseState(FormatState(state)).state == state);
 }

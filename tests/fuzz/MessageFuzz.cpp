@@ -2,12 +2,10 @@
 // well-formed message, whatever they hold.
 
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <string_view>
 
+#include "Source.h"
 #include "frame/Log.h"
 #include "messaging/DataSourceInfo.h"
 #include "messaging/DataSourceMessage.h"
@@ -16,10 +14,6 @@
 #include "volumes/MediaLinks.h"
 
 namespace {
-
-void Require(bool condition) {
-  if (!condition) abort();
-}
 
 /// Cuts a text up to the next line end off the front of `rest`.
 std::string Take(std::string_view& rest) {

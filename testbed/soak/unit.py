@@ -1,0 +1,293 @@
+"""A unit that plays stories as fast as its daemon takes them.
+
+A story's lines:
+
+    hal COMMAND                       the hardware service gets this command (docs/halsim.md)
+    stranger COMMAND                  another client of the bus gets it, who is not the service
+    settle                            the daemon deals with what it was told
+    quiet                             everything comes to rest, and what must be true is checked
+    heal                              the same, and nothing is in doubt afterwards
+    compare                           the same, and with the network, the shares and the messages
+    rest                              the same, and all that was plugged or shared goes
+    signal USR1|USR2|HUP              the daemon gets the signal
+    rotate                            its log is moved away
+    identity content-id|serial TEXT   the file has this content and a new time
+    application leave|listen|hang|go|reset|cut
+    share UNIT PATH KEY NAME ro|rw    another unit announces it, from now on
+    silent UNIT PATH                  and no more
+    withdraw UNIT PATH                and says so
+    datagram UNIT COUNT HEX           it sends these bytes so often
+    network down|up|address ADDRESS   the unit's own interface
+    refuse TOOL, obey                 calls of the tool fail; all work again
+    leave-behind NAME                 a directory with a file is left in /media
+    link-gone NAME                    somebody takes a link away
+
+What cannot be done just now (a name that is not plugged, ...) has no effect, so that a story stays
+one when lines are taken out.
+"""
+
+import os
+import shlex
+import shutil
+import signal
+from pathlib import Path
+from typing import Callable
+
+from testbed import target, timeouts
+from testbed.bus import Bus
+from testbed.lifespan import Lifespan
+from testbed.network import Interface, Network
+from testbed.peer import Announcement
+from testbed.process import Process
+from testbed.sandbox import TOOLS, Sandbox
+from testbed.soak.application import LOSS, Application
+from testbed.soak.doubts import Doubts
+from testbed.soak.ledger import Ledger, LogFile
+from testbed.soak.neighbours import Ear, Neighbour
+from testbed.soak.service import ANSWER, Service
+from testbed.soak.tools import ToolCalls
+from testbed.waiting import wait_until
+
+ADDRESS = "169.254.7.1"
+INTERNAL = "/srv/internal"
+IGNORED = "/dev/sdz1"
+_CONFIGURATION = f"""name=Chart Port
+usbid=1-1_3
+name=None
+usbid=none
+ignore=true
+ignoreDevice={IGNORED}
+name=Last
+usbid=2-9
+"""
+_HEAP_COUNTER = "/srv/soak/heap-counter.so"
+_HEAP_COUNTS = "/srv/soak/heap-counts"
+_NEIGHBOURS = 3
+_IDENTITIES = {"content-id": "/etc/content-id", "serial": "/etc/serial"}
+
+
+class SoakUnit(Lifespan):
+    """A daemon with everything around it; see the module's text for what it plays."""
+
+    def __init__(self, logs: Path, network: Network, real_mounts: bool) -> None:
+        """With `real_mounts` a mount is one, which takes a process; else a directory."""
+        self.sandbox = Sandbox(logs, target.read_only_mounts())
+        self.bus = Bus(self.sandbox)
+        self.service = Service(self.sandbox, self._refused)
+        self.stranger = Service(self.sandbox, lambda *_: None)
+        self.doubts = Doubts(self.service.names)
+        self.application = Application(self.sandbox)
+        self.ledger = Ledger()
+        self.log = LogFile(logs / "voldrake.log", self.ledger)
+        self.neighbours = [Neighbour(network, logs / f"unit{number}", f"169.254.7.{number + 2}")
+                           for number in range(_NEIGHBOURS)]
+        self.tools = ToolCalls(self.sandbox)
+        self.ear: Ear | None = None
+        self.process: Process | None = None
+        self.left_behind: set[str] = set()
+        self._network = network
+        self._eth0: Interface | None = None
+        self._real_mounts = real_mounts
+        self._identity_time = 1_000_000_000
+        self._ignored = False  # a call may wait for an answer
+        self._rescans = 0  # before the last SIGUSR2
+        self._verbs = _verbs(self)
+
+    def start(self) -> None:
+        """Everything runs on return, and the daemon has done its start-up scan."""
+        self.sandbox.logs.mkdir(parents=True, exist_ok=True)
+        for file in self.sandbox.logs.glob("voldrake.*"):
+            file.unlink()
+        self.sandbox.start()
+        for number in range(3):
+            self.sandbox.path(f"/sys/class/mmc_host/mmc{number}").mkdir(parents=True)
+        self.sandbox.write("/etc/voldrake.conf", _CONFIGURATION)
+        for name in _IDENTITIES:
+            self.identity(name, "0")
+        self.tools.install(self.sandbox.path(TOOLS))
+        self._eth0 = self._network.join(self.sandbox, ADDRESS)
+        for neighbour in self.neighbours:
+            neighbour.start()
+        self.ear = Ear(self.neighbours[1], [other.address for other in self.neighbours])
+        self.bus.start()
+        helpers = target.INSIDE / "helpers"
+        mounts = [f"--mount-command={helpers}/mount-volume",
+                  f"--unmount-command={helpers}/unmount-volume"] if self._real_mounts else []
+        self.service.start("service", *mounts)
+        self.stranger.start("stranger", "--absent")
+        self.application.listen()
+        self._start_daemon()
+
+    def close(self) -> None:
+        """End everything; the logs remain. May be called again."""
+        if self.process and not self.process.ended():
+            self.process.kill()
+        for neighbour in self.neighbours:
+            neighbour.close()
+        self.log.close()
+        self.sandbox.close()
+
+    def play(self, line: str) -> None:
+        """Do what one line of a story says, but for what `checks` does."""
+        verb, _, rest = line.partition(" ")
+        words = [rest] if verb in ("hal", "stranger") else shlex.split(rest)
+        self._verbs[verb](*words)
+
+    # ---- What a story can say
+
+    def hal(self, text: str) -> None:
+        self._ignored = self._ignored or text.startswith("ignore ")
+        self.doubts.command(text)
+        self.service.command(text)
+
+    def settle(self) -> None:
+        self.service.command("forget")
+        if self._ignored:
+            # The bus frees a daemon that waits for an answer which never comes.
+            self._ignored = False
+            self.service.command("drop")
+            self.doubts.command("drop")
+        self.service.command("return")
+        self.doubts.command("return")
+        wait_until(self._has_rescanned, "the scan on SIGUSR2", ANSWER)
+        self.service.settle()
+        self.doubts.quiet()
+        self.follow()
+
+    def signal(self, name: str) -> None:
+        assert self.process
+        if name == "USR2":
+            self.log.read()
+            self._rescans = self.ledger.rescans + 1
+            self.doubts.rescan()
+        self.process.signal(getattr(signal, f"SIG{name}"))
+
+    def identity(self, name: str, text: str) -> None:
+        self.ledger.identities.add(text)
+        path = self.sandbox.path(_IDENTITIES[name])
+        path.write_text(text + "\n")
+        # The daemon looks at whole seconds.
+        self._identity_time += 1
+        os.utime(path, (self._identity_time, self._identity_time))
+
+    def application_does(self, what: str) -> None:
+        {"leave": self.application.leave, "listen": self.application.listen,
+         "hang": self.application.hang, "go": self.application.go_on,
+         "reset": lambda: self.application.break_next(1, 0),
+         "cut": lambda: self.application.break_next(0, 1)}[what]()
+
+    def share(self, unit: str, path: str, key: str, name: str, mode: str) -> None:
+        self.neighbours[int(unit)].share(Announcement(path, key, name, int(mode == "ro")))
+
+    def silent(self, unit: str, path: str) -> None:
+        self.neighbours[int(unit)].fall_silent(path)
+
+    def withdraw(self, unit: str, path: str) -> None:
+        self.neighbours[int(unit)].withdraw(path)
+
+    def datagram(self, unit: str, count: str, digits: str = "") -> None:
+        self.neighbours[int(unit)].send(bytes.fromhex(digits), int(count))
+
+    def network(self, what: str, address: str = ADDRESS) -> None:
+        assert self._eth0
+        if what == "down":
+            self._eth0.clear_address()
+        else:
+            self._eth0.set_address(address)
+
+    def leave_behind(self, name: str) -> None:
+        directory = self.sandbox.path(f"/media/{name}")
+        try:
+            directory.mkdir()
+            (directory / "file").write_text("left")
+        except OSError:
+            return  # the service has one of that name, or the daemon has removed this one already
+        self.left_behind.add(name)
+
+    def link_gone(self, name: str) -> None:
+        self.log.read()
+        link = self.sandbox.path(f"/media/{name}")
+        if link.is_symlink():
+            self.ledger.linkless.add(os.readlink(link))
+            link.unlink()
+
+    # ---- What follows it
+
+    def follow(self) -> None:
+        """Take in what was logged and what the application got."""
+        came = self.application.take()  # before the log, which has every text earlier
+        self.log.read()
+        for text in came:
+            if text is LOSS:
+                self.ledger.local.lost()
+                self.ledger.remote.lost()
+            else:
+                remote = ' path="/mnt/' in text
+                (self.ledger.remote if remote else self.ledger.local).came(text)
+
+    def all_delivered(self) -> bool:
+        """True when no message is under way."""
+        self.follow()
+        return self.ledger.local.complete() and self.ledger.remote.complete()
+
+    def heap(self) -> int | None:
+        """The bytes on the daemon's heap; None when they are not counted."""
+        counts = self.sandbox.path(_HEAP_COUNTS)
+        return int.from_bytes(counts.read_bytes()[:8], "little") if counts.exists() else None
+
+    def status(self, name: str) -> int:
+        """A number of the daemon's status, such as "Threads" or "VmRSS" (in kB)."""
+        assert self.process
+        for line in Path(f"/proc/{self.process.pid}/status").read_text().splitlines():
+            if line.startswith(f"{name}:"):
+                return int(line.split()[1])
+        raise KeyError(name)
+
+    def descriptors(self) -> int:
+        """How many the daemon has open."""
+        assert self.process
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def _start_daemon(self) -> None:
+        counter = target.build_directory() / "tests/libsoak-heap-counter.so"
+        environment = dict(self.tools.environment())
+        if counter.exists() and not target.emulated() and not _is_sanitized():
+            shutil.copy(counter, self.sandbox.path(_HEAP_COUNTER))
+            self.sandbox.write(_HEAP_COUNTS, bytes(16))
+            environment |= {"LD_PRELOAD": _HEAP_COUNTER, "HEAP_COUNTER_FILE": _HEAP_COUNTS}
+        options = ["--log", "/var/log/voldrake.log", "--debuglevel", "3",
+                   "--content-id-file", _IDENTITIES["content-id"],
+                   "--serial-number-file", _IDENTITIES["serial"],
+                   "--internal-share-path", INTERNAL, "--vfat-mount-opts", "utf8",
+                   "--peer-mac", self.neighbours[0].hardware_address()]
+        self.process = self.sandbox.spawn([*target.daemon_command(), *options], "voldrake",
+                                          environment=environment)
+        wait_until(lambda: "_ManualScan()" in "".join(self._log_text()), "the start-up scan",
+                   timeouts.START)
+        self.settle()
+
+    def _has_rescanned(self) -> bool:
+        self.log.read()
+        return self.ledger.rescans >= self._rescans
+
+    def _log_text(self) -> list[str]:
+        self.log.read()
+        return self.ledger.recent
+
+    def _refused(self, error: str, path: str, method: str) -> None:
+        self.doubts.refused(error, path, method)
+
+
+def _is_sanitized() -> bool:
+    """A sanitizer counts for itself, and bears no other allocator."""
+    program = (target.build_directory() / "src/voldrake").read_bytes()
+    return any(word in program for word in (b"__asan_init", b"__tsan_init"))
+
+
+def _verbs(unit: SoakUnit) -> dict[str, Callable[..., None]]:
+    return {"hal": unit.hal, "stranger": unit.stranger.command, "settle": unit.settle,
+            "signal": unit.signal, "rotate": unit.log.rotate, "identity": unit.identity,
+            "application": unit.application_does, "share": unit.share, "silent": unit.silent,
+            "withdraw": unit.withdraw, "datagram": unit.datagram, "network": unit.network,
+            "refuse": unit.tools.refuse, "obey": unit.tools.obey,
+            "leave-behind": unit.leave_behind, "link-gone": unit.link_gone}
