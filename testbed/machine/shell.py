@@ -1,6 +1,7 @@
 """A prompt on a running pair of units."""
 
 import cmd
+from pathlib import Path
 
 from testbed.machine import media
 from testbed.machine.media import FileSystem
@@ -20,20 +21,18 @@ class _Shell(cmd.Cmd):
         self._pair = pair
         self._units: dict[str, Unit] = {unit.name: unit for unit in pair.units}
         self._shown = {unit.name: 0 for unit in pair.units}
+        self._images: set[Path] = set()
 
     def do_plug(self, line: str) -> None:
         """plug UNIT NAME [vfat|exfat|ntfs|ext4|card]: plugs a stick, or a card into slot 0."""
-        unit, name, *kind = line.split()
-        content = FileSystem("vfat", name.upper()[:11], 30)
-        image = self._pair.directory / "media" / f"shell-{name}"
-        if kind == ["card"]:
-            made = image if image.exists() else media.card(image, content)
-            self._units[unit].emulator.insert(0, made)
-            return
-        if kind:
-            content = FileSystem(kind[0], name.upper()[:11], 30)
-        made = image if image.exists() else media.make(image, content)
-        self._pair.plug(self._units[unit], name, made)
+        where, name, *rest = line.split()
+        unit = self._units[where]
+        kind = rest[0] if rest else "vfat"
+        image = self._medium(name, kind)
+        if kind == "card":
+            unit.emulator.insert(0, image)
+        else:
+            self._pair.plug(unit, name, image)
 
     def do_pull(self, line: str) -> None:
         """pull NAME: tears a stick out; pull UNIT card: takes the card out of slot 0."""
@@ -92,12 +91,21 @@ class _Shell(cmd.Cmd):
         self._show_told()
         return stop
 
+    def _medium(self, name: str, kind: str) -> Path:
+        """The image of this name; what is written to it stays until the prompt ends."""
+        image = self._pair.directory / "media" / f"shell-{kind}-{name}"
+        if image not in self._images:
+            content = FileSystem("vfat" if kind == "card" else kind, name.upper()[:11], 30)
+            make = media.card if kind == "card" else media.make
+            self._images.add(make(image, content))
+        return image
+
     def _show_told(self) -> None:
         for unit in self._pair.units:
-            told = unit.application.since()[self._shown[unit.name]:]
+            told = unit.told()[self._shown[unit.name]:]
             self._shown[unit.name] += len(told)
-            for event in told:
-                print(f"  {unit.name} was told: {event.text}")
+            for text in told:
+                print(f"  {unit.name} was told: {text}")
 
 
 def run(pair: Pair) -> int:
