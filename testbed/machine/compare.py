@@ -4,7 +4,6 @@ passes between the plugging of a stick and its use, and memory."""
 import json
 import re
 import statistics
-import time
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Any
@@ -36,9 +35,10 @@ OURS = Contender(
     "systemctl stop voldrake.service voldrake-hald.service", ("voldrake", "voldrake-hald"), "byte")
 THEIRS = Contender(
     "udisksd, udiskie",
-    "systemctl start udisks2.service && systemd-run --quiet --unit=udiskie"
-    " /usr/bin/udiskie --verbose --automount --no-notify --no-tray --no-file-manager",
-    r"[Uu]diskie|udisks", "systemctl stop udiskie.service udisks2.service",
+    "systemctl start udisks2.service && systemd-run --quiet --unit=udiskie /usr/bin/udiskie"
+    " --verbose --no-config --automount --no-notify --no-tray --no-file-manager"
+    " --no-password-prompt",
+    r"Keyfile support", "systemctl stop udiskie.service udisks2.service",
     ("udisksd", "udiskie"), "completed")
 
 
@@ -80,7 +80,7 @@ class Comparison:
         unit.run(contender.begin, timeout=deadlines.RESTART)
         unit.journal.seek(since)
         unit.journal.expect(re.compile(contender.ready), deadlines.RESTART)
-        time.sleep(2 * deadlines.POLL)
+        self._wait_for_rest(contender)
         unit.run(f": >{_EVENTS}")
         unit.emulator.plug("compared", self._stick, "1.1")
         events = self._await(contender.usable)
@@ -92,6 +92,14 @@ class Comparison:
         figures.udev.append(_first(events, "udev", "add", "/dev/sda1") - begin)
         figures.mounted.append(_first(events, "mounted", "/dev/sda1") - begin)
         figures.usable.append(_first(events, contender.usable) - begin)
+
+    def _wait_for_rest(self, contender: Contender) -> None:
+        """Return once its processes have used hardly any time during a second."""
+        ticks = ("cat $(for name in " + " ".join(contender.processes) + "; do for process in"
+                 " $(pidof -x $name); do echo /proc/$process/stat; done; done)"
+                 " | awk '{ sum += $14 + $15 } END { print sum }'")
+        self._unit.run(f"until before=$({ticks}); sleep 1; [ $({ticks}) -le $((before + 3)) ];"
+                       " do :; done", timeout=deadlines.RESTART)
 
     def _await(self, what: str) -> list[list[Any]]:
         """All events up to now, once the one of this name is among them."""
