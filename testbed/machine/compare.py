@@ -65,7 +65,10 @@ class Comparison:
         """Figures of both, by name, from so many plugs each."""
         unit = self._unit
         self._pair.switch_on(unit)
-        unit.run(f"systemctl stop display.service; {OURS.end}; systemctl unmask udisks2.service")
+        # UDisks speaks to logind, and waits for the refusal where there is none.
+        unit.run(f"systemctl stop display.service; {OURS.end}; systemctl unmask udisks2.service"
+                 " systemd-logind.service; systemctl start systemd-logind.service",
+                 timeout=deadlines.RESTART)
         unit.commands.begin(f"{_WATCH} >/run/plug-watch-says 2>&1")
         self._await("ready")
         figures = {contender.name: Figures() for contender in (OURS, THEIRS)}
