@@ -116,7 +116,7 @@ def table(figures: dict[str, Figures]) -> str:
     ours, theirs = (figures[contender.name] for contender in (OURS, THEIRS))
     rows = [("kernel's first event to udev's event of the partition, s", "udev", 2),
             ("... to the mounted volume, s", "mounted", 2),
-            ("... to the first byte at the application, to the end of the automount, s", "usable", 2),
+            ("... to the first byte at the application, to the automount's signal, s", "usable", 2),
             ("private memory, KB", "memory", 0)]
     lines = [f"| median of {len(ours.udev)} plugs each | {OURS.name} | {THEIRS.name} | ratio |",
              "| --- | ---: | ---: | ---: |"]

@@ -106,8 +106,8 @@ class _Shell(cmd.Cmd):
         while True:
             told = unit.told()
             for text in told[shown:]:
-                print(f"\r  {unit.name} was told: {text}\n{self.prompt}{readline.get_line_buffer()}",
-                      end="", flush=True)
+                typed = self.prompt + readline.get_line_buffer()
+                print(f"\r  {unit.name} was told: {text}\n{typed}", end="", flush=True)
             shown = len(told)
             with unit.tape.added:
                 unit.tape.added.wait(deadlines.POLL)
