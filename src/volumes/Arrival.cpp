@@ -27,31 +27,36 @@ void tVoldrake::_DeviceAdded(const std::string& udi) {
   info.VolumeId = udi;
   if (!m_pHalManager->GetVolumeInfo(info)) return;
   if (_IsInExclusionList(info)) return;
-  static constexpr tMountTexts kTexts{
-      "DeviceAdded: failed to remove ",
-      "_DeviceAdded: MountVolume success: ", "_DeviceAdded: MountVolume failed: "};
-  const bool RetVal = _MountOrRegister(info, kTexts);
+  std::string name;
+  const tMountResult result = _MountOrRegister(info, "DeviceAdded: failed to remove ", name);
+  const bool RetVal = result != tMountResult::kNameless;
   if (!RetVal) Log("_DeviceAdded: GetNextMountPointName failed", kLogError);
   VOLDRAKE_ASSERT(RetVal == true);
+  const std::string request = Printable(udi + " " + name + " " + info.FileSystemType);
+  if (result == tMountResult::kAgreed) {
+    Log("_DeviceAdded: MountVolume success: " + request, kLogInfo);
+  } else if (result == tMountResult::kRefused) {
+    Log("_DeviceAdded: MountVolume failed: " + request, kLogError);
+  }
 }
 
-bool tVoldrake::_MountOrRegister(const HalVolumeInfo& info, const tMountTexts& texts) {
+tVoldrake::tMountResult tVoldrake::_MountOrRegister(const HalVolumeInfo& info,
+                                                    const char* leftoverWarning,
+                                                    std::string& name) {
   if (info.IsMounted) {
     _DeviceMounted(info.VolumeId);
-    return true;
+    return tMountResult::kRegistered;
   }
-  std::string name;
-  if (!m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice)) return false;
+  if (!m_pMountPointNameManager->GetNextMountPointName(name, info.BlockDevice)) {
+    return tMountResult::kNameless;
+  }
   if (IsLeftover(name) &&
       RemoveDirectory(kMediaPrefix + name, true, tLinkPolicy::kDoNotFollow) != 0) {
-    Log(texts.leftoverStays + (kMediaPrefix + Printable(name)), kLogWarning);
+    Log(leftoverWarning + (kMediaPrefix + Printable(name)), kLogWarning);
   }
-  const bool agreed = m_pHalManager->mountVolume(info.VolumeId.c_str(), name, info.FileSystemType);
-  if (const char* const text = agreed ? texts.agreed : texts.refused) {
-    Log(text + Printable(info.VolumeId + " " + name + " " + info.FileSystemType),
-        agreed ? kLogInfo : kLogError);
-  }
-  return true;
+  return m_pHalManager->mountVolume(info.VolumeId.c_str(), name, info.FileSystemType)
+             ? tMountResult::kAgreed
+             : tMountResult::kRefused;
 }
 
 void tVoldrake::_DeviceMounted(const std::string& udi) {

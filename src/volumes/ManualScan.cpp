@@ -42,7 +42,8 @@ void tVoldrake::_ScanVolume(const std::string& udi) {
     return;
   }
   // A mount that the service refuses is logged by the call.
-  static constexpr tMountTexts kTexts{"ManualScan: failed to remove ", nullptr, nullptr};
-  const bool RetVal = _MountOrRegister(info, kTexts);
+  std::string name;
+  const bool RetVal =
+      _MountOrRegister(info, "ManualScan: failed to remove ", name) != tMountResult::kNameless;
   VOLDRAKE_ASSERT(RetVal == true);
 }

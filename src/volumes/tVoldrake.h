@@ -64,19 +64,20 @@ class tVoldrake : public IHalManagerCallback, public IServiceBrowserCallback {
   virtual bool SignalAction(int signalNumber);
 
  private:
-  /// What the log says of the request for a mount; null: nothing.
-  struct tMountTexts {
-    const char* leftoverStays;  ///< before the path of a leftover that cannot be deleted
-    const char* agreed;         ///< before the volume's id, its name and its file system's type
-    const char* refused;        ///< likewise
+  enum class tMountResult {
+    kRegistered,  ///< it is mounted already
+    kAgreed,      ///< the hardware service mounts it, and will report that
+    kRefused,
+    kNameless,  ///< nothing was done: no mount-point name can be had for it
   };
 
   // Arrival.cpp: from a device of the hardware service to an entry in the list.
   void _DeviceAdded(const std::string& udi);
-  /// Registers a volume that is mounted. Has any other mounted, after clearing away what an earlier
-  /// run left where it will be; the hardware service then reports the mount. False, with nothing
-  /// done, when the volume has no mount-point name.
-  [[nodiscard]] bool _MountOrRegister(const HalVolumeInfo& info, const tMountTexts& texts);
+  /// Registers a volume that is mounted. Has any other mounted under the `name` that it gets, after
+  /// clearing away what an earlier run left there; `leftoverWarning` stands in the log before the
+  /// path of a leftover that cannot be deleted.
+  tMountResult _MountOrRegister(const HalVolumeInfo& info, const char* leftoverWarning,
+                                std::string& name);
   void _DeviceMounted(const std::string& udi);
   void _AddMountPoint(HalVolumeInfo& info, const std::optional<UsbMapMatch>& match);
   void _PublishArrival(const HalVolumeInfo& info, const std::string& friendlyName);

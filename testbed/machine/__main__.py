@@ -1,7 +1,12 @@
 """Two whole emulated units.
 
-    python3 -m testbed.machine story DIRECTORY    plays the story and shows the table of its steps
-    python3 -m testbed.machine shell DIRECTORY    gives a prompt on a running pair
+    python3 -m testbed.machine story DIRECTORY [WORD...]
+        plays the story and shows the table of its steps; of the steps behind the cold boot only
+        those with one of the words in their titles, if there are any
+    python3 -m testbed.machine shell DIRECTORY
+        gives a prompt on a running pair
+    python3 -m testbed.machine compare DIRECTORY [PLUGS]
+        puts the daemon beside udisks2 with udiskie; 20 plugs each unless told otherwise
 
 DIRECTORY has the kernel, the first root and the disk that scripts/machine makes; logs, disks and
 media of the units go into DIRECTORY/units.
@@ -11,7 +16,7 @@ import signal
 import sys
 from pathlib import Path
 
-from testbed.machine import shell
+from testbed.machine import compare, shell
 from testbed.machine.emulator import Image
 from testbed.machine.pair import Pair
 from testbed.machine.story import Story
@@ -20,22 +25,24 @@ from testbed.machine.unit import Unit
 
 def main() -> int:
     """Entry point: see the module's text."""
-    if len(sys.argv) != 3 or sys.argv[1] not in ("story", "shell"):
+    mode, directory, *words = sys.argv[1:] if len(sys.argv) > 2 else ("", "")
+    if mode not in ("story", "shell", "compare") or (words and mode == "shell"):
         print((__doc__ or "").strip(), file=sys.stderr)
         return 2
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(130))
-    directory = Path(sys.argv[2])
-    with Pair(Image.in_directory(directory), directory / "units") as pair:
-        if sys.argv[1] == "shell":
+    with Pair(Image.in_directory(Path(directory)), Path(directory) / "units") as pair:
+        if mode == "shell":
             return shell.run(pair)
-        return _play(pair)
+        if mode == "compare":
+            return compare.run(pair, Path(directory), int(words[0]) if words else 20)
+        return _play(pair, words)
 
 
-def _play(pair: Pair) -> int:
+def _play(pair: Pair, words: list[str]) -> int:
     def tell(title: str, seconds: float, outcome: str) -> None:
         print(f"{seconds:7.1f} s  {title}: {outcome}", flush=True)
 
-    passed = Story(pair).play(tell)
+    passed = Story(pair).play(tell, words)
     if not passed:
         for unit in pair.units:
             print(f"{unit.name}: {_logs(unit)}")

@@ -154,7 +154,7 @@ class Emulator(Lifespan):
         sockets = self.sockets
         words = [
             # A machine does not outlive this program, and leaves the host to others.
-            "setpriv", "--pdeathsig", "KILL", "nice", "-n", "10",
+            "setpriv", "--pdeathsig", "KILL",
             "qemu-system-arm", "-name", self.name, "-M", "virt", "-cpu", "cortex-a15",
             "-smp", "1", "-accel", "tcg", "-m", "384", "-no-reboot", "-S", "-nodefaults",
             "-display", "none", "-serial", "stdio",

@@ -20,6 +20,7 @@ class FileSystem:
 
 def make(image: Path, *partitions: FileSystem) -> Path:
     """Make a medium with a table of these partitions; its image."""
+    image.unlink(missing_ok=True)  # zeros are not written
     table = "label: dos\n"
     start = 1
     for number, partition in enumerate(partitions, 1):

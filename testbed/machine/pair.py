@@ -66,6 +66,10 @@ class Pair(Lifespan):
         for volume in volumes:
             unit.volumes.remove(volume)
 
+    def has_stick(self, name: str) -> bool:
+        """True while the stick of this name is plugged in."""
+        return name in self._sticks
+
     def pull_cable(self) -> None:
         """Take the cable out, which both notice."""
         self._cable(False)

@@ -1,15 +1,18 @@
 """A prompt on a running pair of units."""
 
 import cmd
+import readline
+import threading
+from pathlib import Path
 
-from testbed.machine import media
+from testbed.machine import deadlines, media
 from testbed.machine.media import FileSystem
 from testbed.machine.pair import Pair
 from testbed.machine.unit import Unit
 
 _INTRODUCTION = """\
-Two units, north and south, each the other's peer. Everything that their display applications are
-told is shown. "help" shows the commands."""
+Two units, north and south, each the other's peer. What their display applications are told is shown
+as it comes. "help" shows the commands."""
 
 
 class _Shell(cmd.Cmd):
@@ -19,21 +22,18 @@ class _Shell(cmd.Cmd):
         super().__init__()
         self._pair = pair
         self._units: dict[str, Unit] = {unit.name: unit for unit in pair.units}
-        self._shown = {unit.name: 0 for unit in pair.units}
+        self._images: set[Path] = set()
 
     def do_plug(self, line: str) -> None:
         """plug UNIT NAME [vfat|exfat|ntfs|ext4|card]: plugs a stick, or a card into slot 0."""
-        unit, name, *kind = line.split()
-        content = FileSystem("vfat", name.upper()[:11], 30)
-        image = self._pair.directory / "media" / f"shell-{name}"
-        if kind == ["card"]:
-            made = image if image.exists() else media.card(image, content)
-            self._units[unit].emulator.insert(0, made)
-            return
-        if kind:
-            content = FileSystem(kind[0], name.upper()[:11], 30)
-        made = image if image.exists() else media.make(image, content)
-        self._pair.plug(self._units[unit], name, made)
+        where, name, *rest = line.split()
+        unit = self._units[where]
+        kind = rest[0] if rest else "vfat"
+        image = self._medium(name, kind)
+        if kind == "card":
+            unit.emulator.insert(0, image)
+        else:
+            self._pair.plug(unit, name, image)
 
     def do_pull(self, line: str) -> None:
         """pull NAME: tears a stick out; pull UNIT card: takes the card out of slot 0."""
@@ -53,10 +53,13 @@ class _Shell(cmd.Cmd):
     def do_power(self, line: str) -> None:
         """power UNIT cut, power UNIT on: there is no goodbye."""
         name, what = line.split()
+        unit = self._units[name]
         if what == "cut":
-            self._pair.cut_power(self._units[name])
+            self._pair.cut_power(unit)
+        elif unit.emulator.running():
+            print(f"{name} is on")
         else:
-            self._units[name].start()
+            unit.start()
 
     def do_on(self, line: str) -> None:
         """on UNIT COMMAND...: runs a shell command on a unit."""
@@ -65,11 +68,11 @@ class _Shell(cmd.Cmd):
 
     def do_surface(self, line: str) -> None:
         """surface UNIT: what is mounted, linked and exported there."""
-        print(self._units[line].surface())
-
-    def do_told(self, _: str) -> None:
-        """told: shows what the applications were told since the last time; Enter does too."""
-        self._show_told()
+        seen = self._units[line].surface()
+        for title, entries in (("mount", seen.mounts), ("link", seen.links),
+                               ("export", seen.exports)):
+            for name, value in entries.items():
+                print(f"  {title:6} {name}: {value}")
 
     def do_quit(self, _: str) -> bool:
         """quit: switches both off."""
@@ -88,24 +91,37 @@ class _Shell(cmd.Cmd):
             print(f"{type(error).__name__}: {error}; \"help\" shows how commands are written")
             return False
 
-    def postcmd(self, stop: bool, line: str) -> bool:
-        self._show_told()
-        return stop
+    def _medium(self, name: str, kind: str) -> Path:
+        """The image of this name; what is written to it stays until the prompt ends."""
+        image = self._pair.directory / "media" / f"shell-{kind}-{name}"
+        if image not in self._images:
+            content = FileSystem("vfat" if kind == "card" else kind, name.upper()[:11], 30)
+            make = media.card if kind == "card" else media.make
+            self._images.add(make(image, content))
+        return image
 
-    def _show_told(self) -> None:
-        for unit in self._pair.units:
-            told = unit.application.since()[self._shown[unit.name]:]
-            self._shown[unit.name] += len(told)
-            for event in told:
-                print(f"  {unit.name} was told: {event.text}")
+    def show_what_is_told(self, unit: Unit) -> None:
+        """Show it behind what has been typed so far, until the program ends."""
+        shown = 0
+        while True:
+            told = unit.told()
+            for text in told[shown:]:
+                typed = self.prompt + readline.get_line_buffer()
+                print(f"\r  {unit.name} was told: {text}\n{typed}", end="", flush=True)
+            shown = len(told)
+            with unit.tape.added:
+                unit.tape.added.wait(deadlines.POLL)
 
 
 def run(pair: Pair) -> int:
     """Boot both, read commands until `quit` or the end of input; 0."""
     print("Booting two units ...", flush=True)
     pair.switch_on(*pair.units)
+    shell = _Shell(pair)
+    for unit in pair.units:
+        threading.Thread(target=shell.show_what_is_told, args=[unit], daemon=True).start()
     try:
-        _Shell(pair).cmdloop(_INTRODUCTION)
+        shell.cmdloop(_INTRODUCTION)
     except KeyboardInterrupt:
         print()
     return 0

@@ -112,8 +112,12 @@ class Unit(Lifespan):
 
     def in_order(self) -> list[Volume]:
         """The volumes in the order in which the application was told of them."""
-        told = [event.text for event in self.application.since()]
+        told = self.told()
         return sorted(self.volumes, key=lambda volume: -told[::-1].index(volume.arrival()))
+
+    def told(self) -> list[str]:
+        """What its application was told until now."""
+        return [event.text for event in self.application.up_to(self.tape.mark())]
 
     def surface(self) -> Surface:
         """Its present surface."""
@@ -132,7 +136,7 @@ class Unit(Lifespan):
         wanted = sorted(texts)
         deadline = time.monotonic() + deadlines.SURFACE
         while True:
-            seen = sorted(event.text for event in self.application.since()[self._heard:])
+            seen = sorted(self.told()[self._heard:])
             if len(seen) >= len(wanted) or time.monotonic() > deadline:
                 break
             with self.tape.added:
@@ -146,7 +150,7 @@ class Unit(Lifespan):
     def errors(self, expected: re.Pattern[str]) -> list[str]:
         """Error lines of journal and log file since the last call that are not expected."""
         since, self._checked = self._checked, self.tape.mark()
-        return [str(event.data) for event in self.tape.since(since)
+        return [str(event.data) for event in self.tape.shown(since)
                 if isinstance(event.data, JournalLine) and event.data.is_error
                 and not expected.search(f"{event.data.source}: {event.data.text}")]
 

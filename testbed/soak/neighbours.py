@@ -8,7 +8,7 @@ from typing import Sequence
 
 from testbed.lifespan import Lifespan
 from testbed.network import Interface, Network
-from testbed.peer import GROUP, PORT, Announcement
+from testbed.otherunit import GROUP, PORT, Announcement
 from testbed.sandbox import Sandbox
 
 _PERIOD = 0.7  # seconds; a share is forgotten after three

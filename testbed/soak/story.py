@@ -3,7 +3,7 @@
 import random
 import shlex
 
-from testbed.peer import Announcement
+from testbed.otherunit import Announcement
 from testbed.soak.service import PREFIX
 from testbed.soak.unit import IGNORED
 

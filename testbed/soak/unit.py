@@ -37,7 +37,7 @@ from testbed import target, timeouts
 from testbed.bus import Bus
 from testbed.lifespan import Lifespan
 from testbed.network import Interface, Network
-from testbed.peer import Announcement
+from testbed.otherunit import Announcement
 from testbed.process import Process
 from testbed.sandbox import TOOLS, Sandbox
 from testbed.soak.application import LOSS, Application

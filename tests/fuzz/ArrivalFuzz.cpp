@@ -38,7 +38,7 @@ void Arrive(const std::string& udi) {
   DataSourceInfo arrival{.arrival = true,
                          .memoryCard = !info.Cid.empty(),
                          .path = info.MountPoint,
-                         .friendlyName = FriendlyName(info, nullptr),
+                         .friendlyName = FriendlyName(info, std::nullopt),
                          .key = info.Cid};
   const std::string text = BuildDataSourceMessage(arrival);
   Require(text.starts_with("<message ") && text.ends_with("</message>"));

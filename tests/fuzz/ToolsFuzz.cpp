@@ -60,7 +60,7 @@ void FuzzDatagram(Source& source) {
   const auto announcement = tools::DecodeAnnouncement(datagram, fault);
   Require(announcement.has_value() == fault.empty());
   if (!announcement) return;
-  Require(tools::IsTakenByUnits(datagram));
+  Require(tools::ReactionOfUnits(datagram) == tools::UnitReaction::Takes);
   const auto again = tools::EncodeAnnouncement(*announcement);
   Require(again.has_value());
   Require(tools::DecodeAnnouncement(*again, fault) == announcement);

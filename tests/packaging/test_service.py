@@ -156,7 +156,7 @@ def test_waits_for_no_network_at_its_start_but_ends_before_it(
         values(settings, "After"))
     assert "voldrake-stop.service" in values(settings, "Wants")
     stop = tree.path("lib/systemd/system/voldrake-stop.service").read_text()
-    assert "\nAfter=network.target nfs-server.service\n" in stop
+    assert "\nAfter=network.target remote-fs.target nfs-server.service\n" in stop
     assert "\nExecStop=systemctl stop voldrake.service\n" in stop
 
 

@@ -7,7 +7,7 @@ import pytest
 
 from documented_lines import expect_quoted
 from share_helpers import ignores_unknown_types, listens, start_listening, start_sharing
-from testbed.peer import Announcement
+from testbed.otherunit import Announcement
 from testbed.waiting import wait_until
 
 
