@@ -12,7 +12,7 @@ from testbed.lifespan import Lifespan
 from testbed.process import Process
 from testbed.sandbox import TOOLS, Sandbox
 from testbed.syslog import Record, Syslog
-from testbed.tape import Channel, Mark, Tape, Wanted
+from testbed.tape import Channel, Mark, Tape
 from testbed.udev import Udev
 
 PREFIX = "/org/freedesktop/Hal/devices/"

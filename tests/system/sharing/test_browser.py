@@ -7,7 +7,7 @@ import pytest
 
 from share_helpers import (LIFE, export, ignores_unknown_types, mount, seconds_of_silence,
                            start_listening, unmount)
-from testbed import timeouts
+from testbed import target, timeouts
 from testbed.application import message
 from testbed.daemon import ERROR, INFO, WARNING
 from testbed.otherunit import GROUP, PORT, Announcement, NUDGE_PORT
