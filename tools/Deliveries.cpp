@@ -122,7 +122,7 @@ void Deliveries::Show(Connection& connection, Frame frame, WallTime wall) {
     connection.message = received.message->arrival ? "arrival" : "removal";
     connection.path = received.message->path;
   }
-  handlers_.onReceived(std::move(received));
+  handlers_.onReceived(received);
 }
 
 void Deliveries::Tell(const Connection& connection, Mishap mishap, std::string reason,

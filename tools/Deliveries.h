@@ -30,8 +30,8 @@ class Deliveries {
   static constexpr std::chrono::seconds kPatience{2};
 
   struct Handlers {
-    std::function<void(Received)> onReceived;  ///< faulty frames included
-    std::function<void(Incident)> onIncident;
+    std::function<void(const Received&)> onReceived;  ///< faulty frames included
+    std::function<void(const Incident&)> onIncident;
   };
 
   /// `application` is where the application listens.

@@ -114,8 +114,8 @@ int main(int argc, char* argv[]) {
   bool isDone = false;
   if (options.beside) {
     isDone = tools::WatchBeside(port,
-                                {[&](tools::Received received) { monitor.Show(received); },
-                                 [&](tools::Incident incident) { monitor.Show(incident); }},
+                                {[&](const tools::Received& received) { monitor.Show(received); },
+                                 [&](const tools::Incident& incident) { monitor.Show(incident); }},
                                 loop);
   } else {
     isDone = Listen(port, monitor, loop);
