@@ -30,6 +30,14 @@ void TcpStream::Close(std::uint32_t sequence) {
   end_ = Offset(sequence);
 }
 
+bool TcpStream::IsComplete() const {
+  return end_ && *end_ <= given_;
+}
+
+bool TcpStream::HasGap() const {
+  return !held_.empty() || (end_ && *end_ > given_);
+}
+
 std::int64_t TcpStream::Offset(std::uint32_t sequence) const {
   return given_ + static_cast<std::int32_t>(sequence - next_);
 }

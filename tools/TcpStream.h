@@ -27,10 +27,10 @@ class TcpStream {
   void Close(std::uint32_t sequence);
 
   /// True when the side has closed and all its bytes were given out.
-  [[nodiscard]] bool IsComplete() const { return end_ && *end_ <= given_; }
+  [[nodiscard]] bool IsComplete() const;
 
   /// True when bytes in front of others, or of the end, are missing.
-  [[nodiscard]] bool HasGap() const { return !held_.empty() || (end_ && *end_ > given_); }
+  [[nodiscard]] bool HasGap() const;
 
   /// True when more was held back than there is room for: the missing bytes will not come.
   [[nodiscard]] bool IsBroken() const { return broken_; }

@@ -40,6 +40,7 @@ def test_a_seed_makes_one_story():
     assert Story("1/2", 500).lines != Story("1/3", 500).lines
 
 
+@pytest.mark.native("no question for hardware addresses comes through")
 def test_what_comes_and_goes_leaves_nothing(player: DaemonPlayer):
     play(player, STICKS + """
         share 0 /media/sda1 '' CHARTS rw
