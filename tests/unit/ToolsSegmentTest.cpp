@@ -47,7 +47,8 @@ TEST(ToolsSegment, FlagsAreTakenOneByOne) {
 }
 
 TEST(ToolsSegment, WhatFollowsThePacketIsNotItsPayload) {
-  const auto segment = ReadSegment(kPacket + "padding");
+  const std::string padded = kPacket + "padding";
+  const auto segment = ReadSegment(padded);
   ASSERT_TRUE(segment);
   EXPECT_EQ(segment->payload, "hi");
 }

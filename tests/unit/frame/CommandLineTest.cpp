@@ -267,7 +267,10 @@ TEST(CommandLine, WhatOnlyResemblesAQuestionIsUnknownAsBefore) {
 
 TEST(CommandLine, AnAbbreviationIsTheOnlyOptionThatBeginsSo) {
   EXPECT_EQ(Parsed({"--deb=4"}).logLevel, 4);
-  EXPECT_STREQ(Parsed({"--v=utf8"}).vfatMountOpts, "utf8");
+  tWords words({"--v=utf8"});
+  const std::optional<CommandLine> line = words.Parse();
+  ASSERT_TRUE(line);
+  EXPECT_STREQ(line->vfatMountOpts, "utf8");
   EXPECT_EQ(ErrorOf({"--p=1"}), "Unknown option: --p=1");
 }
 
