@@ -1,6 +1,9 @@
 """Hardware that lies, texts that bite, devices that vanish, events that flood or get lost."""
 
+import contextlib
 import itertools
+import threading
+from collections.abc import Iterator
 
 import pytest
 
@@ -138,6 +141,35 @@ def test_a_flood_of_events(running: HaldMachine, stick: Disk):
     read = [record for record in running.debug_records(since)
             if "udev: change" in record.text and record.text.endswith("/sda1")]
     assert len(read) == 1000
+    assert running.volumes() == ["volume_uuid_A", "volume_uuid_B"]
+
+
+@contextlib.contextmanager
+def flood(machine: HaldMachine, disk: Disk) -> Iterator[None]:
+    """Changes of the disk, one after the other without a pause, until the end of the block."""
+    begun, over = threading.Event(), threading.Event()
+
+    def send() -> None:
+        while not over.is_set():
+            machine.udev.flood(disk.disk, 200)
+            begun.set()
+
+    sender = threading.Thread(target=send)
+    sender.start()
+    try:
+        assert begun.wait(timeouts.RUN)
+        yield
+    finally:
+        over.set()
+        sender.join()
+
+
+def test_others_are_served_during_a_flood(running: HaldMachine, stick: Disk):
+    running.udev.plug(stick)
+    running.settle()
+    with flood(running, stick):
+        assert running.mount("volume_uuid_A", "sda1") == "(0,)"
+    running.settle()
     assert running.volumes() == ["volume_uuid_A", "volume_uuid_B"]
 
 
