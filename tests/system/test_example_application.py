@@ -81,16 +81,21 @@ def test_after_a_restart_it_shows_what_was_told_to_its_predecessor(running_unit:
     example.kill()
 
 
-def test_a_stick_pulled_while_it_was_away_is_not_shown(running_unit: Unit) -> None:
-    """The arrival that waited is delivered, the removal behind it is dropped by the signal: by
-    the messages alone the stick is there for good."""
-    unit = running_unit
+def pull_a_stick_while_it_is_away(unit: Unit) -> None:
+    """The application goes; two sticks come, and one of them is pulled."""
     unit.application.leave()
     unit.hal.plug(STICK)
     unit.hal.plug(OTHER)
     unit.settle()
     unit.hal.pull("stick")
     unit.settle()
+
+
+def test_a_stick_pulled_while_it_was_away_is_not_shown(running_unit: Unit) -> None:
+    """The arrival that waited is delivered, the removal behind it is dropped by the signal: by
+    the messages alone the stick is there for good."""
+    unit = running_unit
+    pull_a_stick_while_it_is_away(unit)
 
     # Room for the two arrivals, so that the removal stays in the daemon's queue.
     unit.daemon.process.pause()
@@ -125,12 +130,7 @@ def listed_by_messages(told: list[str]) -> set[str]:
 def test_a_daemon_that_is_started_after_it_listens_has_nothing_that_waits(unit: Unit) -> None:
     """So the messages alone are enough then."""
     unit.start_daemon()
-    unit.application.leave()
-    unit.hal.plug(STICK)
-    unit.hal.plug(OTHER)
-    unit.settle()
-    unit.hal.pull("stick")
-    unit.settle()
+    pull_a_stick_while_it_is_away(unit)
     assert unit.daemon.terminate() == 0
     example = start_example(unit)
     unit.start_daemon()
