@@ -120,6 +120,7 @@ void ShutDown() {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+  OpenMissingStandardStreams();
   signal(SIGUSR1, SIG_IGN);
   signal(SIGUSR2, SIG_IGN);
   // A log or standard error whose reader has gone must not end the daemon. What is ignored stays
@@ -127,14 +128,12 @@ int main(int argc, char* argv[]) {
   signal(SIGPIPE, [](int) {});
   // Whoever starts the daemon may have SIGCHLD ignored, which would hide how commands end.
   signal(SIGCHLD, SIG_DFL);
+  OpenSysLog();
+  SetLogLevel(kLogInfo);
 
   std::string error;
   const std::optional<CommandLine> line = ParseCommandLine(argc, argv, error);
   if (line && line->question != tQuestion::kNone) return Answer(line->question);
-
-  OpenMissingStandardStreams();
-  OpenSysLog();
-  SetLogLevel(kLogInfo);
   if (!line) {
     std::fprintf(stderr, "%s\n", error.c_str());
     return EXIT_FAILURE;

@@ -61,10 +61,9 @@ def test_a_question_is_answered_and_nothing_else_is_done(unit: Unit, question: s
 
 @pytest.mark.parametrize("question", ANSWERS)
 def test_a_question_whose_answer_nobody_gets_fails(unit: Unit, question: str) -> None:
-    for output in (">/dev/full", ">&-"):
-        done = unit.sandbox.run(
-            ["/bin/sh", "-c", f'exec "$@" {output}', "sh", *target.daemon_command(), question])
-        assert done.returncode == 1
+    done = unit.sandbox.run(
+        ["/bin/sh", "-c", 'exec "$@" >/dev/full', "sh", *target.daemon_command(), question])
+    assert done.returncode == 1
 
 
 HARDLY_MEANT = {
