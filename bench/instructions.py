@@ -15,7 +15,7 @@ from pathlib import Path
 
 from bench.announcements import greet, listens, udp_queue
 from bench.figures import CannotMeasure
-from bench.stage import wait_until
+from bench.stage import QUIET, wait_until
 from testbed import target
 from testbed.network import Network
 from testbed.otherunit import Announcement, OtherUnit
@@ -52,8 +52,8 @@ def count(log_directory: Path) -> dict[str, int]:
             ["valgrind", "--tool=callgrind", "--separate-threads=yes", "--collect-atstart=no",
              "--callgrind-out-file=/var/log/callgrind.out",
              *(f"--toggle-collect={function}" for function in _COUNTED),
-             *target.daemon_command(), "--port", str(unit.application.port),
-             "--debuglevel", "1"], "callgrind")
+             *target.daemon_command(), "--port", str(unit.application.port), *QUIET],
+            "callgrind")
         unit.hal.expect_call("FindDeviceByCapability", timeout=_SHUTDOWN)
         unit.settle()
         for stick in range(_STICKS):
