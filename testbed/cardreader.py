@@ -12,7 +12,7 @@ _LIBRARY = "/srv/fake-reader.so"
 
 def environment(sandbox: Sandbox) -> dict[str, str]:
     """What the daemon is started with so that each node with a script is such a reader's."""
-    library = target.build_directory() / "tests/libfake-reader.so"
+    library = target.build_directory() / "testbed/preload/libfake-reader.so"
     sandbox.write(_LIBRARY, library.read_bytes())
     sandbox.path(SCRIPTS).mkdir(exist_ok=True)
     # An address sanitizer that is linked dynamically wants to be the first library.

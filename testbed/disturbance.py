@@ -2,7 +2,7 @@
 
 Nothing is disturbed until `begin`. From then on, until `end`, every thread that writes to a tape or
 marks it is held up now and then, and every program that is started in a sandbox may be: in its own
-calls (tests/preload/Delays.c) and by its priority. All of that follows from a seed and the test's
+calls (testbed/preload/Delays.c) and by its priority. All of that follows from a seed and the test's
 name, so that one test can be disturbed alone as it was among others.
 """
 
@@ -179,4 +179,4 @@ def set_priority(name: str) -> None:
 
 def _library() -> Path:
     """At the same place inside and outside, where the way into a sandbox begins."""
-    return target.build_directory() / "tests/libdelays.so"
+    return target.build_directory() / "testbed/preload/libdelays.so"

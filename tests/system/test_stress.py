@@ -89,7 +89,7 @@ preloaded = pytest.mark.native("the library is for the daemon alone")
 def delays_of(tmp_path: Path, settings: str) -> list[tuple[str, str]]:
     """The delayed calls of a small program with these settings, each with its delay."""
     output = tmp_path / "calls"
-    library = target.build_directory() / "tests/libdelays.so"
+    library = target.build_directory() / "testbed/preload/libdelays.so"
     subprocess.run(
         ["strace", "-o", output, "-e", "trace=read,clock_nanosleep", "-E", f"LD_PRELOAD={library}",
          "-E", f"VOLDRAKE_DELAYS={settings}", "dd", "if=/dev/zero", "of=/dev/null", "bs=1",
