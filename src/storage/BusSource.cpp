@@ -212,8 +212,8 @@ bool AttachToMainContext(DBusConnection* connection, GMainContext* context) {
   tBusSource* const self = &Self(source);
   self->connection = connection;
   self->thread = pthread_self();
-  // Or the context takes the descriptors out of its poll for each dispatch and back in, and is woken
-  // by either.
+  // Or the context takes the descriptors out of its poll for each dispatch and back in, and both
+  // wake it.
   g_source_set_can_recurse(source, TRUE);
   if (!dbus_connection_set_watch_functions(connection, AddWatch, RemoveWatch, ToggleWatch, self,
                                            Release)) {
