@@ -17,9 +17,17 @@
 #include <cstdlib>
 #include <exception>
 
+#include "frame/Log.h"
+
+namespace {
+
+constexpr const char* kLastWords = "memory has run out, or a text or list was used beyond its end";
+
+}  // namespace
+
 extern "C" void* __cxa_allocate_exception(std::size_t) noexcept {
-  // No line of the log, which would take memory.
-  std::fputs("voldrake: memory has run out, or a text or list was used beyond its end\n", stderr);
+  std::fprintf(stderr, "voldrake: %s\n", kLastWords);
+  LogWithoutMemory(kLastWords, kLogError);
   std::abort();
 }
 

@@ -15,6 +15,8 @@ EVENT = 5 * SCALE
 #: The application is told after it was away: a retry comes after 20 waits of half a second, each
 #: of which a busy machine can make longer.
 RETRY = 30 * SCALE
+#: A call on the bus is given up: after 25 s, by the library's default.
+BUS_CALL = 40 * SCALE
 #: A program ends after it was told to.
 STOP = 8 * SCALE
 #: A small helper program runs to its end.

@@ -23,6 +23,7 @@ PROGRAMS = {
     "voldrake-hald": ("hal/kernel", {"LOG_ERR": "err", "LOG_WARNING": "warning",
                                      "LOG_NOTICE": "notice", "LOG_INFO": "info"}),
 }
+WRITERS = {"Log", "LogWithoutMemory"}
 HIDDEN = {"kLogDebug", "LOG_DEBUG"}
 
 # What the table of a level is headed by in the document: its program and its level.
@@ -30,9 +31,9 @@ HEADING = re.compile(r"### (voldrake|voldrake-hald): (\w+)")
 ROW = re.compile(r"\| `(.*?)` \|")
 
 TOKEN = re.compile(r'''"(?:[^"\\]|\\.)*" | '(?:[^'\\]|\\.)*' | //[^\n]* | /\*.*?\*/
-                       | \w+ | \s+ | .''', re.DOTALL | re.VERBOSE)
+                       | \d[\w']* | \w+ | \s+ | .''', re.DOTALL | re.VERBOSE)
 CONSTANT = re.compile(r'\bconst(?:expr)?\b[^;=(]*?\b(k\w+)(?:\[\])?'
-                      r'(?: = |\{)("(?:[^"\\]|\\.)*")\}?;')
+                      r'(?:\s=\s+|\{)("(?:[^"\\]|\\.)*")\}?;')
 TEXT_FUNCTION = re.compile(r"std::string (\w+)\(([^()]*)\) \{\s*return ([^;]*);\s*\}")
 
 Tokens = list[str]
@@ -118,7 +119,7 @@ def lines_of(text: str, levels: dict[str, str]) -> set[tuple[str, str]]:
     source = Source.read(text)
     found = set()
     for place, token in enumerate(source.tokens[:-1]):
-        if token != "Log" or source.tokens[place + 1] != "(":
+        if token not in WRITERS or source.tokens[place + 1] != "(":
             continue
         call = source.tokens[place + 2:closing(source.tokens, place + 1)]
         parts = divided(call, ",")

@@ -5,8 +5,11 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <ctime>
+#include <string_view>
 
 #include "frame/FileDescriptor.h"
 #include "frame/SystemCall.h"
@@ -26,10 +29,12 @@ constexpr tLevelNames kLevelNames[] = {
 };
 
 constexpr size_t kTimeTextBytes = 40;
+constexpr size_t kShortLineBytes = 256;
 
 int gLogLevel = kLogInfo;
 std::string gLogFile;
 
+/// Short enough for a string that takes no memory.
 std::string LocalTimeText() {
   const time_t now = time(nullptr);
   tm local{};
@@ -38,7 +43,7 @@ std::string LocalTimeText() {
   return std::string(text, strftime(text, sizeof text, "%X: ", &local));
 }
 
-void AppendToFile(const std::string& line) {
+void AppendToFile(std::string_view line) {
   // A log that is a pipe must not hold up the thread: O_NONBLOCK drops what nobody takes.
   constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
   const tFileDescriptor file(RetryInterrupted([] { return open(gLogFile.c_str(), kFlags, 0666); }));
@@ -90,4 +95,17 @@ void Log(const std::string& message, int level) {
     return;
   }
   AppendToFile(LocalTimeText() + "Voldrake: " + names.prefix + message + "\n");
+}
+
+void LogWithoutMemory(const char* message, int level) {
+  if (!LogsAt(level)) return;
+  const tLevelNames& names = kLevelNames[level - kLogError];
+  if (gLogFile.empty()) {
+    syslog(names.priority, "%s", message);
+    return;
+  }
+  char line[kShortLineBytes];
+  const int length = std::snprintf(line, sizeof line, "%sVoldrake: %s%s\n", LocalTimeText().c_str(),
+                                   names.prefix, message);
+  AppendToFile({line, std::min(static_cast<size_t>(length), sizeof line - 1)});
 }

@@ -35,3 +35,6 @@ void SetLogFile(const std::string& path);
 /// level, or outside 1..4, writes nothing. Never fails: a file that cannot be opened or written
 /// drops the entry. Requires, where the file may be a pipe: SIGPIPE does not end the process.
 void Log(const std::string& message, int level);
+
+/// The same for a process that has no memory left: takes none. `message` has at most 200 bytes.
+void LogWithoutMemory(const char* message, int level);

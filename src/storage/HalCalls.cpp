@@ -1,5 +1,6 @@
 // The calls that tHalManager makes to the hardware service.
 
+#include <new>
 #include <utility>
 
 #include "frame/Log.h"
@@ -12,6 +13,9 @@ namespace {
 
 /// Every real chain of devices is far shorter; only a chain that runs in a circle is not.
 constexpr int kMaxAncestors = 32;
+
+/// What a process that can go on gets from the heap.
+constexpr size_t kSomeMemory = 65'536;
 
 /// A remount goes by the same name in the log.
 constexpr const char* kMountOperation = "mountVolume()";
@@ -39,6 +43,11 @@ bool AppendTextList(DBusMessageIter* arguments, const std::vector<std::string>& 
   return dbus_message_iter_close_container(arguments, &list);
 }
 
+/// Ends the process when there is no memory.
+void InsistOnMemory() {
+  ::operator delete(::operator new(kSomeMemory));
+}
+
 std::string LogText(const char* operation, const char* event) {
   return std::string("HAL: ") + operation + " - " + event;
 }
@@ -54,6 +63,8 @@ tDBusMessage tHalManager::_CallHal(DBusMessage* call, const char* operation) {
   tDBusError error;
   tDBusMessage reply(dbus_connection_send_with_reply_and_block(
       m_pConnection, call, DBUS_TIMEOUT_USE_DEFAULT, error.Get()));
+  // Without memory the bus library hears no answers, and each further call would wait in vain.
+  if (dbus_error_has_name(error.Get(), DBUS_ERROR_NO_REPLY)) InsistOnMemory();
   if (_CheckDBusError(error)) return nullptr;
   if (!reply) {
     Log(LogText(operation, "reply message NULL"), kLogWarning);
