@@ -15,7 +15,7 @@ import time
 from pathlib import Path
 from typing import Callable, Mapping, Sequence, TypeVar
 
-from testbed import disturbance, namespaces, timeouts
+from testbed import disturbance, namespaces, target, timeouts
 from testbed.lifespan import Lifespan
 from testbed.process import Process
 
@@ -214,6 +214,8 @@ class Sandbox(Lifespan):
         command += ["--symlink", "../run", "/var/run", "--bind", str(self.logs), "/var/log"]
         for inside, outside in self._read_only.items():
             command += ["--ro-bind", str(outside), str(inside)]
+        for directory in target.written_by_programs():
+            command += ["--bind", str(directory), str(directory)]
         return [*command, "--", "/bin/sh", "-c", "echo ready; exec sleep infinity"]
 
     def _enter(self, argv: Sequence[str]) -> list[str]:

@@ -84,6 +84,12 @@ def read_only_mounts() -> dict[Path, Path]:
     return mounts
 
 
+def written_by_programs() -> list[Path]:
+    """Directories out here that the programs write into: with VOLDRAKE_COVERAGE their build
+    directory, where they count what they execute."""
+    return [build_directory()] if "VOLDRAKE_COVERAGE" in os.environ else []
+
+
 def built(name: str) -> Path:
     """Where a program has been built, or would be."""
     if emulated() and name != "voldrake":
