@@ -77,11 +77,18 @@ class Process:
     def pause(self) -> None:
         """Stop the program (SIGSTOP) until `resume`."""
         self.signal(signal.SIGSTOP)
+        # nsenter stops itself once it sees that its child is stopped. If that came after `resume`,
+        # nothing would wake it again, and the program's end would go unseen.
+        wait_until(self._entry_is_stopped, f"{self.name} is stopped", timeouts.START)
 
     def resume(self) -> None:
         """Let a paused program go on."""
         self.signal(signal.SIGCONT)
-        self._entry.send_signal(signal.SIGCONT)  # it stops itself along with its child
+        self._entry.send_signal(signal.SIGCONT)
+
+    def _entry_is_stopped(self) -> bool:
+        stat = Path(f"/proc/{self._entry.pid}/stat").read_text(encoding="ascii", errors="replace")
+        return stat.rpartition(")")[2].split()[0] == "T"
 
     def write_line(self, line: str) -> None:
         """Send a line to standard input. Requires: spawned with `stdin=True`."""
