@@ -85,12 +85,9 @@ def _instructions(logs: Path) -> list[Figure]:
     ours = os.environ["VOLDRAKE_BUILD_DIR"]
     os.environ["VOLDRAKE_BUILD_DIR"] = str(_DEVELOPMENT_BUILD)
     try:
-        counted = instructions.count(logs)
+        return instructions.beside_recorded(instructions.count(logs))
     finally:
         os.environ["VOLDRAKE_BUILD_DIR"] = ours
-    return [Figure(f"instructions per {what}, beside the recorded", number,
-                   instructions.kept()["instructions"][what], 1.05, "1")
-            for what, number in counted.items()]
 
 
 if __name__ == "__main__":
