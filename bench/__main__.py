@@ -2,6 +2,7 @@
 
 import argparse
 import os
+import shutil
 import subprocess
 import sys
 from pathlib import Path
@@ -73,10 +74,11 @@ def _measure(counts: _Counts, quick: bool) -> list[Figure]:
                                          target.build_directory() / "neighbours",
                                          counts.idle_seconds)
     add("neighbours", beside)
-    # A quick run is no run to be shown.
-    directory = target.build_directory() if quick else target.REPOSITORY / "docs"
-    written = report.write_document(figures, {"startup": start_plot, **plots}, remarks, directory)
-    print(f"  written: {written}")
+    document = report.DOCUMENT
+    if quick:  # no run to be shown
+        document = Path(shutil.copy(document, target.build_directory()))
+    report.write_figures(figures, {"startup": start_plot, **plots}, remarks, document)
+    print(f"  written: {document}")
     return figures
 
 
