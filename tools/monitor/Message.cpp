@@ -15,17 +15,15 @@ namespace {
 
 using Attributes = std::map<std::string, std::string>;
 
+/// GLib's own encoder: g_convert would need a module of the C library for this, which an image may
+/// lack.
 std::string Utf8FromLatin1(std::string_view bytes) {
   std::string utf8;
   utf8.reserve(bytes.size());
   for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    if (value < 0x80) {
-      utf8 += byte;
-    } else {
-      utf8 += static_cast<char>(0xC0 | (value >> 6));
-      utf8 += static_cast<char>(0x80 | (value & 0x3F));
-    }
+    char character[6];
+    const int length = g_unichar_to_utf8(static_cast<unsigned char>(byte), character);
+    utf8.append(character, static_cast<std::size_t>(length));
   }
   return utf8;
 }
