@@ -7,15 +7,15 @@
 
 namespace tools {
 
-/// One accepted connection: reads frames until the peer closes it, keeps silent for too long, or
-/// sends what cannot be a frame. Lives on the main context and holds at most one frame.
+/// One accepted connection: reads frames until the peer closes it, stays silent for too long, or
+/// sends something that cannot be a frame. Runs on the main context and holds at most one frame.
 class Connection {
  public:
   using FrameHandler = std::function<void(Frame)>;
   using EndHandler = std::function<void(Connection*)>;
 
-  /// `onFrame` gets every frame, faulty ones and an empty one (no byte was sent) included. `onEnd`
-  /// is called once, as the last thing; it may destroy the connection.
+  /// `onFrame` receives every frame, including faulty ones and an empty one (no byte was sent).
+  /// `onEnd` is called exactly once, last of all; it may destroy the connection.
   Connection(GSocketConnection* connection, FrameHandler onFrame, EndHandler onEnd);
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;

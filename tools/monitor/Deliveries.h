@@ -16,17 +16,17 @@
 
 namespace tools {
 
-/// Follows the connections to the display application from their segments and tells what each of
-/// them brought and what went wrong. A connection whose beginning was not seen is passed over.
-/// Bounded: follows at most `kMaxConnections`; for one more the oldest is given up. The caller
-/// gives the times, which must not go backwards.
+/// Follows the connections to the display application segment by segment, and reports what each one
+/// delivered and what went wrong. Ignores a connection whose beginning was not seen. Bounded:
+/// follows at most `kMaxConnections`; to make room for another it drops the oldest. The caller
+/// passes the times, which must not go backwards.
 class Deliveries {
  public:
   using WallTime = std::chrono::system_clock::time_point;
   using Clock = std::chrono::steady_clock;
 
   static constexpr std::size_t kMaxConnections = 64;
-  /// How long the application may take. The daemon itself waits no longer to be answered.
+  /// How long the application may take; the daemon waits no longer than this for an answer.
   static constexpr std::chrono::seconds kPatience{2};
 
   struct Handlers {
@@ -34,26 +34,26 @@ class Deliveries {
     std::function<void(const Incident&)> onIncident;
   };
 
-  /// `application` is where the application listens.
+  /// `application` is the endpoint on which the application listens.
   Deliveries(Endpoint application, Handlers handlers)
       : application_(application), handlers_(std::move(handlers)) {}
 
-  /// Takes a segment, which was seen at `wall`.
+  /// Processes a segment that was seen at `wall`.
   void Hear(const Segment& segment, WallTime wall, Clock::time_point now);
 
-  /// Tells what has taken too long by `now`. Requires: every segment until then was heard.
+  /// Reports what has taken too long by `now`. Requires: `Hear` got every segment up to then.
   void Tick(WallTime wall, Clock::time_point now);
 
  private:
   struct Connection {
     Endpoint peer;
     std::uint32_t syn;
-    Clock::time_point waitsSince;  ///< for an answer, then for the application's end
+    Clock::time_point waitsSince;  ///< for an answer, then for the application to close
     TcpStream stream;
     FrameReader reader{};
     bool answered = false;
     bool broughtFrame = false;
-    bool givenUp = false;   ///< what follows cannot be read
+    bool givenUp = false;   ///< the rest cannot be read
     bool peerDone = false;  ///< its last byte was seen
     bool applicationDone = false;
     bool toldSlow = false;
@@ -66,7 +66,7 @@ class Deliveries {
   void HearApplication(Connections::iterator connection, const Segment& segment, WallTime wall);
   void Open(const Segment& segment, WallTime wall, Clock::time_point now);
   void Read(Connection& connection, std::string_view bytes, WallTime wall, Clock::time_point now);
-  /// What stands after the last frame is a faulty one, as is a connection without a byte.
+  /// Shows bytes after the last frame as a faulty frame, and so a connection without any byte.
   void Conclude(Connection& connection, const char* reason, WallTime wall);
   void Show(Connection& connection, Frame frame, WallTime wall);
   void Tell(const Connection& connection, Mishap mishap, std::string reason, WallTime wall);
@@ -74,7 +74,7 @@ class Deliveries {
 
   const Endpoint application_;
   const Handlers handlers_;
-  Connections connections_;  ///< the oldest first
+  Connections connections_;  ///< oldest first
 };
 
 }  // namespace tools

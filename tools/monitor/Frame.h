@@ -21,38 +21,38 @@ inline constexpr std::size_t kFrameHeaderBytes = 6;
 inline constexpr std::size_t kMaxTextBytes = 8190;
 inline constexpr std::size_t kMaxFrameBytes = kFrameHeaderBytes + 2 * kMaxTextBytes;
 
-/// One frame as it was received.
+/// One frame, as received.
 struct Frame {
-  std::string bytes;  ///< as they came, header included
-  std::string text;   ///< the payload's low bytes; empty when there is a fault
-  std::string fault;  ///< in ASCII, why the frame is not well formed; empty when it is
+  std::string bytes;  ///< as received, header included
+  std::string text;   ///< the payload's low bytes; empty if there is a fault
+  std::string fault;  ///< in ASCII, why the frame is not well formed; empty if it is
 };
 
-/// Checks and decodes what should be exactly one frame. Any bytes are accepted; what is not a whole
-/// frame comes back with its fault.
+/// Checks and decodes what should be exactly one frame. Accepts any bytes; returns anything but one
+/// whole frame with its fault set.
 [[nodiscard]] Frame DecodeFrame(std::string bytes);
 
-/// Cuts the bytes of one connection into frames. Holds at most `kMaxFrameBytes`.
+/// Splits the bytes of one connection into frames. Holds at most `kMaxFrameBytes`.
 ///
-/// The first length field alone says where a frame ends. When that length cannot be, the ends of
-/// all later frames are unknown too: everything from there on belongs to one faulty frame, which
-/// `Rest` gives when the connection ends or `Room` is used up.
+/// Only the first length field says where a frame ends. If that length is impossible, the ends of
+/// all later frames are unknown too: everything from there on is one faulty frame, which `Rest`
+/// returns once the connection has ended or `Room` is used up.
 class FrameReader {
  public:
-  /// How many bytes more may be appended. After `Next` has come back empty, 0 means that no frame
-  /// can come any more.
+  /// How many more bytes may be appended. 0 after `Next` has returned nullopt means that there will
+  /// be no more frames.
   [[nodiscard]] std::size_t Room() const { return kMaxFrameBytes - buffer_.size(); }
 
-  /// True when bytes wait for the rest of their frame.
+  /// True while bytes wait for the rest of their frame.
   [[nodiscard]] bool HasBytes() const { return !buffer_.empty(); }
 
   /// Requires: at most `Room()` bytes.
   void Append(std::string_view bytes);
 
-  /// The next frame that is complete, well formed or not; nothing while none is.
+  /// The next complete frame, well formed or not; nullopt if there is none yet.
   [[nodiscard]] std::optional<Frame> Next();
 
-  /// What stands after the last complete frame, as a faulty frame; nothing when no byte does.
+  /// The bytes after the last complete frame, as a faulty frame; nullopt if there are none.
   [[nodiscard]] std::optional<Frame> Rest();
 
  private:

@@ -28,8 +28,8 @@ std::string Reason(pcap* capture, int status) {
   return reason;
 }
 
-/// Sets the filter and makes reading come back at once. False when that fails, which `pcap_geterr`
-/// tells.
+/// Sets the filter and makes reads return at once. Returns false on failure; `pcap_geterr` has the
+/// reason.
 bool Prepare(pcap* capture, std::uint16_t port) {
   const std::string filter = "ip host 127.0.0.1 and tcp port " + std::to_string(port);
   bpf_program program{};

@@ -13,14 +13,14 @@ struct pcap;
 
 namespace tools {
 
-/// Captures the TCP segments from and to one port of 127.0.0.1, as they pass the loopback
-/// interface. Lives on the default main context.
+/// Captures the TCP segments from and to one port of 127.0.0.1 on the loopback interface. Runs on
+/// the default main context.
 class LoopbackCapture {
  public:
-  /// Gets the segment and when the kernel saw it.
+  /// Receives the segment and the time at which the kernel saw it.
   using SegmentHandler = std::function<void(const Segment&, std::chrono::system_clock::time_point)>;
 
-  /// How much later than it passed a segment may be handed on.
+  /// The longest delay between a segment and the call of the handler.
   static constexpr std::chrono::milliseconds kDelay{50};
 
   explicit LoopbackCapture(SegmentHandler onSegment);
@@ -28,21 +28,21 @@ class LoopbackCapture {
   LoopbackCapture& operator=(const LoopbackCapture&) = delete;
   ~LoopbackCapture();
 
-  /// Starts to capture; what passes after the return is seen. False, with `error` set, when that
-  /// cannot be done, such as without the capability CAP_NET_RAW.
+  /// Starts capturing; every segment after the return is seen. Returns false and sets `error` on
+  /// failure, for instance without the capability CAP_NET_RAW.
   [[nodiscard]] bool Open(std::uint16_t port, std::string& error);
 
-  /// Hands on what passed up to `kDelay` ago, and maybe more. False when there is more than can be
-  /// taken at once.
+  /// Passes on every segment older than `kDelay`, and possibly newer ones. Returns false if there
+  /// are more than can be processed at once.
   [[nodiscard]] bool Drain();
 
-  /// How many packets the kernel had no room for since the last call.
+  /// How many packets the kernel has dropped since the last call, for want of room.
   [[nodiscard]] unsigned TakeMissed();
 
  private:
   static gboolean OnReadable(int descriptor, GIOCondition, gpointer self);
 
-  /// Takes one batch of packets; false when there was none.
+  /// Processes one batch of packets; returns false if there was none.
   bool TakeBatch();
 
   SegmentHandler onSegment_;

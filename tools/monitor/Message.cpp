@@ -28,7 +28,7 @@ std::string Utf8FromLatin1(std::string_view bytes) {
   return utf8;
 }
 
-/// Requires: valid UTF-8. Nothing when a character is no byte of Latin-1.
+/// Requires: valid UTF-8. Returns nullopt if a character is not in Latin-1.
 std::optional<std::string> Latin1FromUtf8(const char* utf8) {
   std::string bytes;
   for (const char* at = utf8; *at != '\0'; at = g_utf8_next_char(at)) {

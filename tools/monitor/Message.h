@@ -5,7 +5,7 @@
 
 namespace tools {
 
-/// One data-source message. Texts are the daemon's byte strings, with the XML escapes undone.
+/// One data-source message. Texts are the daemon's byte strings, with XML escapes decoded.
 struct Message {
   bool arrival =
       false;  ///< "dataarrival"; otherwise "dataremoval", which has a path and nothing else
@@ -20,9 +20,9 @@ struct Message {
   bool fixed = false;
 };
 
-/// Reads a message text, given as bytes of Latin-1. A text is refused, with `fault` set to an ASCII
-/// reason, when it is not well-formed XML, holds anything besides the three elements of a message,
-/// lacks an attribute, or has one too many, twice, or with a value that it cannot have.
+/// Parses a message text, which is untrusted and in Latin-1. Returns nullopt and sets `fault` to an
+/// ASCII reason if the text is not well-formed XML, contains anything but the three elements of a
+/// message, or if an attribute is missing, unknown, repeated or has an invalid value.
 [[nodiscard]] std::optional<Message> ParseMessage(const std::string& text, std::string& fault);
 
 }  // namespace tools

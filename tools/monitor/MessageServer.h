@@ -11,9 +11,9 @@
 
 namespace tools {
 
-/// Listens on 127.0.0.1 as the display application would and hands on every frame. Lives on the
-/// default main context. Bounded: while as many connections are open as are allowed (64; one
-/// more may just have been accepted), further ones wait in the kernel.
+/// Listens on 127.0.0.1 as the display application would and passes on every frame. Runs on the
+/// default main context. Bounded: while 64 connections are open (one more may just have been
+/// accepted), further ones wait in the kernel.
 class MessageServer {
  public:
   explicit MessageServer(Connection::FrameHandler onFrame);
@@ -21,11 +21,11 @@ class MessageServer {
   MessageServer& operator=(const MessageServer&) = delete;
   ~MessageServer();
 
-  /// Starts listening; port 0 takes a free one. False, with `error` set, when the port cannot be
-  /// had.
+  /// Starts listening; port 0 picks a free one. Returns false and sets `error` if the port is not
+  /// available.
   [[nodiscard]] bool Listen(std::uint16_t port, std::string& error);
 
-  /// The port that it listens on. Requires: `Listen` succeeded.
+  /// The port on which it listens. Requires: `Listen` succeeded.
   [[nodiscard]] std::uint16_t Port() const { return port_; }
 
  private:

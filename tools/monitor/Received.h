@@ -9,17 +9,16 @@
 
 namespace tools {
 
-/// What one frame brought and when. It is well formed when there is a message, otherwise there is a
-/// fault.
+/// The content of one frame and the time of its arrival. Either `message` or `fault` is set.
 struct Received {
   std::chrono::system_clock::time_point time;
-  std::string bytes;                ///< the frame as it came
-  std::optional<std::string> text;  ///< the message text, when the frame around it is right
+  std::string bytes;                ///< the frame, as received
+  std::optional<std::string> text;  ///< the message text, if the frame was valid
   std::optional<Message> message;
   std::string fault;  ///< in ASCII
 };
 
-/// Reads the message in a frame.
+/// Parses the message in a frame.
 [[nodiscard]] Received Examine(Frame frame, std::chrono::system_clock::time_point time);
 
 }  // namespace tools

@@ -14,7 +14,7 @@ struct Endpoint {
   auto operator<=>(const Endpoint&) const = default;
 };
 
-/// One TCP segment. The payload lasts as long as the packet that it was read from.
+/// One TCP segment. The payload points into the packet from which it was read.
 struct Segment {
   Endpoint from;
   Endpoint to;
@@ -26,9 +26,9 @@ struct Segment {
   std::string_view payload{};
 };
 
-/// Reads an Ethernet frame, which is what the loopback interface carries too. Nothing when it is
-/// not an IPv4 packet with one whole TCP segment in it; what was captured of a longer packet, and
-/// fragments, are none. Any bytes are accepted.
+/// Parses an Ethernet frame, the format that the loopback interface has too. Accepts any bytes.
+/// Returns nullopt unless it is an IPv4 packet with one whole TCP segment: fragments and packets
+/// that were captured in part are rejected.
 [[nodiscard]] std::optional<Segment> ReadSegment(std::string_view packet);
 
 }  // namespace tools

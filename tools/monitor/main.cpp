@@ -87,7 +87,8 @@ class Monitor {
   bool failed_ = false;
 };
 
-/// Listens in the application's place until the loop ends. False when the port cannot be had.
+/// Listens in the application's place until the loop ends. Returns false if the port is not
+/// available.
 bool Listen(std::uint16_t port, Monitor& monitor, program::MainLoop& loop) {
   tools::MessageServer server([&](tools::Frame frame) {
     monitor.Show(tools::Examine(std::move(frame), std::chrono::system_clock::now()));

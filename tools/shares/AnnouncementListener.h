@@ -8,20 +8,20 @@
 
 namespace tools {
 
-/// Hears the announcements on the network: a member of the group 224.1.1.1, port 10000. It is bound
-/// to the group's address, so datagrams that are sent to this machine itself still reach a daemon
-/// that runs beside it. Lives on the default main context.
+/// Receives the announcements on the network as a member of the group 224.1.1.1, port 10000. It is
+/// bound to the group's address, so that datagrams to this machine's own address still reach a
+/// daemon running here. Runs on the default main context.
 class AnnouncementListener {
  public:
-  /// Gets the sender's dotted address and the datagram, which is valid during the call only.
+  /// Receives the sender's dotted address and the datagram, which is valid only during the call.
   using DatagramHandler = std::function<void(const std::string&, std::string_view)>;
 
   explicit AnnouncementListener(DatagramHandler onDatagram);
   AnnouncementListener(const AnnouncementListener&) = delete;
   AnnouncementListener& operator=(const AnnouncementListener&) = delete;
 
-  /// Joins the group on the interface; a null `interface` lets the routes decide. False, with
-  /// `error` set, when that cannot be done.
+  /// Joins the group on the interface, or on the one that the routes choose if `interface` is null.
+  /// Returns false and sets `error` on failure.
   [[nodiscard]] bool Join(const char* interface, std::string& error);
 
  private:

@@ -9,12 +9,13 @@ namespace tools {
 /// Sends announcement datagrams, as a unit does, to one destination at port 10000.
 class AnnouncementSender {
  public:
-  /// `destination` is a dotted address. A null `interface` lets the routes decide where datagrams
-  /// to a group go out. False, with `error` set, when the destination or the interface is none.
+  /// `destination` is a dotted address. If `interface` is null, the routes choose the one for
+  /// datagrams to a group. Returns false and sets `error` if the destination or the interface is
+  /// invalid.
   [[nodiscard]] bool Open(const std::string& destination, const char* interface,
                           std::string& error);
 
-  /// Sends one datagram. False, with `error` set, when the network does not take it.
+  /// Sends one datagram. Returns false and sets `error` on failure.
   /// Requires: `Open` succeeded.
   [[nodiscard]] bool Send(const std::string& datagram, std::string& error);
 

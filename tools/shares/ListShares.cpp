@@ -31,7 +31,7 @@ struct Options {
   char* interface = nullptr;
 };
 
-/// Nothing, after a line on standard error, when the text is no time to listen.
+/// Returns nullopt, after a line on standard error, if the text is not a valid duration.
 std::optional<double> Seconds(const char* text) {
   char* end = nullptr;
   const double seconds = g_ascii_strtod(text, &end);

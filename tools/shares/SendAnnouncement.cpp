@@ -32,7 +32,7 @@ bool FitsField(int value) {
   return value >= 0 && value <= UINT16_MAX;
 }
 
-/// False, after a line on standard error, when the options are wrong.
+/// Returns false, after a line on standard error, if the options are invalid.
 bool ReadSendOptions(std::uint16_t defaultType, int argc, char* argv[], Options& options) {
   char* texts[5] = {};
   int type = defaultType;

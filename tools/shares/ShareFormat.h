@@ -8,8 +8,8 @@
 
 namespace tools {
 
-// How shares are shown. Every result ends with a newline and holds no control character besides
-// newlines. `time` is wall-clock time.
+// How shares are shown. Every result ends with a newline and contains no other control character
+// than newlines. `time` is wall-clock time.
 
 using WallTime = std::chrono::system_clock::time_point;
 
@@ -19,14 +19,14 @@ using WallTime = std::chrono::system_clock::time_point;
 /// One JSON object on one line: "time", "event", "sender" and the announcement's fields.
 [[nodiscard]] std::string JsonText(const ShareEvent& event, WallTime time);
 
-/// A share that is there, as a line without time.
+/// A present share, as a line without time.
 [[nodiscard]] std::string TableText(const Share& share);
 
-/// A share that is there, as a JSON object with the event "present".
+/// A present share, as a JSON object with the event "present".
 [[nodiscard]] std::string JsonText(const Share& share, WallTime time);
 
-/// A datagram that is no announcement: the reason, whether units take it for one nevertheless, and
-/// its first 256 bytes below.
+/// A malformed datagram: the reason, whether units accept it all the same, and its first 256 bytes
+/// below.
 [[nodiscard]] std::string MalformedTableText(const std::string& sender, std::string_view datagram,
                                              const std::string& fault, WallTime time);
 

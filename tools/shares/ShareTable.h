@@ -23,9 +23,9 @@ struct Share {
 enum class ShareChange {
   Appeared,
   Changed,    ///< announced again with another name, key, media type or read-only flag
-  Withdrawn,  ///< by its unit
+  Withdrawn,  ///< by the unit that announced it
   Silent,     ///< not announced for `kShareLife`
-  NoRoom,     ///< a new share is not kept; told once until another one goes
+  NoRoom,     ///< a new share was dropped; reported once until another one goes
 };
 
 struct ShareEvent {
@@ -33,18 +33,18 @@ struct ShareEvent {
   Share share;
 };
 
-/// The shares that are announced at present. Bounded: it keeps at most as many as it is told, each
-/// of at most the size of a datagram. The caller gives the time, which must not go backwards.
+/// The shares that are being announced. Bounded: keeps at most `maxShares`, each no larger than a
+/// datagram. The caller passes the time, which must not go backwards.
 class ShareTable {
  public:
   using Clock = std::chrono::steady_clock;
 
   explicit ShareTable(std::size_t maxShares) : maxShares_(maxShares) {}
 
-  /// Takes an announcement or a withdrawal. Nothing when it changes nothing.
+  /// Processes an announcement or a withdrawal. Returns nullopt if it changes nothing.
   [[nodiscard]] std::optional<ShareEvent> Heard(const Share& share, Clock::time_point now);
 
-  /// Drops every share that has been silent for too long and tells which.
+  /// Drops and returns every share that has been silent for too long.
   [[nodiscard]] std::vector<ShareEvent> Expire(Clock::time_point now);
 
   /// All shares, ordered by sender and path.
