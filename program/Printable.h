@@ -17,10 +17,6 @@ namespace program {
 /// Requires: valid UTF-8.
 [[nodiscard]] std::string Padded(std::string text, std::size_t width);
 
-/// A JSON string, in ASCII, in which each byte is the character of the same number: a reader gets
-/// the very bytes back by encoding the string as Latin-1.
-[[nodiscard]] std::string JsonString(std::string_view bytes);
-
 /// Two lowercase digits per byte, without separators.
 [[nodiscard]] std::string HexDigits(std::string_view bytes);
 

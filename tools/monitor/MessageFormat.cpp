@@ -2,6 +2,7 @@
 
 #include <limits>
 
+#include "program/JsonObject.h"
 #include "program/Printable.h"
 #include "tools/common/TimeText.h"
 
@@ -61,20 +62,17 @@ std::string Attributes(const Message& message) {
   return text;
 }
 
-std::string JsonAttributes(const Message& message) {
-  std::string text =
-      R"(,"message":)" + program::JsonString(message.arrival ? "arrival" : "removal");
-  text += R"(,"path":)" + program::JsonString(message.path);
-  if (!message.arrival) return text;
-  text += R"(,"type":)" + program::JsonString(message.type);
-  text += R"(,"key":)" + program::JsonString(message.key);
-  text += R"(,"contentid":)" + program::JsonString(message.contentId);
-  text += R"(,"serialnumber":)" + program::JsonString(message.serialNumber);
-  text += R"(,"friendlyname":)" + program::JsonString(message.friendlyName);
-  text += std::string(R"(,"remote":)") + BoolText(message.remote);
-  text += std::string(R"(,"readonly":)") + BoolText(message.readOnly);
-  text += std::string(R"(,"fixed":)") + BoolText(message.fixed);
-  return text;
+void AddAttributes(const Message& message, program::JsonObject& line) {
+  line.AddText("message", message.arrival ? "arrival" : "removal").AddBytes("path", message.path);
+  if (!message.arrival) return;
+  line.AddBytes("type", message.type)
+      .AddBytes("key", message.key)
+      .AddBytes("contentid", message.contentId)
+      .AddBytes("serialnumber", message.serialNumber)
+      .AddBytes("friendlyname", message.friendlyName)
+      .AddFlag("remote", message.remote)
+      .AddFlag("readonly", message.readOnly)
+      .AddFlag("fixed", message.fixed);
 }
 
 }  // namespace
@@ -86,16 +84,15 @@ std::string TableText(const Received& received) {
 }
 
 std::string JsonText(const Received& received) {
-  std::string line = R"({"time":)" + program::JsonString(IsoText(received.time)) +
-                     R"(,"well_formed":)" + BoolText(received.message.has_value());
+  program::JsonObject line;
+  line.AddText("time", IsoText(received.time)).AddFlag("well_formed", received.message.has_value());
   if (received.message) {
-    line += JsonAttributes(*received.message);
+    AddAttributes(*received.message, line);
   } else {
-    line += R"(,"reason":)" + program::JsonString(received.fault) + R"(,"bytes":")" +
-            program::HexDigits(received.bytes) + '"';
+    line.AddText("reason", received.fault).AddText("bytes", program::HexDigits(received.bytes));
   }
-  if (received.text) line += R"(,"text":)" + program::JsonString(*received.text);
-  return line + "}\n";
+  if (received.text) line.AddBytes("text", *received.text);
+  return line.Line();
 }
 
 std::string RawText(const Received& received) {
@@ -113,14 +110,14 @@ std::string TableText(const Incident& incident) {
 }
 
 std::string JsonText(const Incident& incident) {
-  std::string line = R"({"time":)" + program::JsonString(IsoText(incident.time)) +
-                     R"(,"incident":)" + program::JsonString(Word(incident.mishap)) +
-                     R"(,"reason":)" + program::JsonString(incident.reason);
+  program::JsonObject line;
+  line.AddText("time", IsoText(incident.time))
+      .AddText("incident", Word(incident.mishap))
+      .AddText("reason", incident.reason);
   if (!incident.message.empty()) {
-    line += R"(,"message":)" + program::JsonString(incident.message) + R"(,"path":)" +
-            program::JsonString(incident.path);
+    line.AddText("message", incident.message).AddBytes("path", incident.path);
   }
-  return line + "}\n";
+  return line.Line();
 }
 
 }  // namespace tools

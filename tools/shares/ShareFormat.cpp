@@ -1,5 +1,6 @@
 #include "tools/shares/ShareFormat.h"
 
+#include "program/JsonObject.h"
 #include "program/Printable.h"
 #include "tools/common/TimeText.h"
 
@@ -44,17 +45,22 @@ std::string Head(const char* event, WallTime time) {
   return ClockText(time) + "  " + program::Padded(event, kEventWidth);
 }
 
-std::string JsonHead(const char* event, const std::string& sender, WallTime time) {
-  return R"({"time":)" + program::JsonString(IsoText(time)) + R"(,"event":)" +
-         program::JsonString(event) + R"(,"sender":)" + program::JsonString(sender);
+program::JsonObject JsonHead(const char* event, const std::string& sender, WallTime time) {
+  return program::JsonObject()
+      .AddText("time", IsoText(time))
+      .AddText("event", event)
+      .AddBytes("sender", sender);
 }
 
-std::string JsonFields(const Announcement& announcement) {
-  return R"(,"path":)" + program::JsonString(announcement.path) + R"(,"key":)" +
-         program::JsonString(announcement.key) + R"(,"friendlyname":)" +
-         program::JsonString(announcement.friendlyName) + R"(,"mediatype":)" +
-         std::to_string(announcement.mediaType) + R"(,"readonly":)" +
-         (announcement.readOnly ? "true" : "false") + "}\n";
+std::string JsonLine(const char* event, const Share& share, WallTime time) {
+  const Announcement& announcement = share.announcement;
+  return JsonHead(event, share.sender, time)
+      .AddBytes("path", announcement.path)
+      .AddBytes("key", announcement.key)
+      .AddBytes("friendlyname", announcement.friendlyName)
+      .AddNumber("mediatype", announcement.mediaType)
+      .AddFlag("readonly", announcement.readOnly)
+      .Line();
 }
 
 }  // namespace
@@ -73,12 +79,11 @@ std::string TableText(const ShareEvent& event, WallTime time) {
 }
 
 std::string JsonText(const ShareEvent& event, WallTime time) {
-  return JsonHead(Word(event.change), event.share.sender, time) +
-         JsonFields(event.share.announcement);
+  return JsonLine(Word(event.change), event.share, time);
 }
 
 std::string JsonText(const Share& share, WallTime time) {
-  return JsonHead("present", share.sender, time) + JsonFields(share.announcement);
+  return JsonLine("present", share, time);
 }
 
 std::string MalformedTableText(const std::string& sender, std::string_view datagram,
@@ -91,10 +96,10 @@ std::string MalformedTableText(const std::string& sender, std::string_view datag
 std::string MalformedJsonText(const std::string& sender, std::string_view datagram,
                               const std::string& fault, WallTime time) {
   const UnitReaction reaction = ReactionOfUnits(datagram);
-  return JsonHead("malformed", sender, time) + R"(,"reason":)" + program::JsonString(fault) +
-         R"(,"taken_by_units":)" + (reaction == UnitReaction::Takes ? "true" : "false") +
-         (reaction == UnitReaction::Ends ? R"(,"ends_units":true)" : "") + R"(,"bytes":")" +
-         program::HexDigits(datagram) + "\"}\n";
+  program::JsonObject line = JsonHead("malformed", sender, time);
+  line.AddText("reason", fault).AddFlag("taken_by_units", reaction == UnitReaction::Takes);
+  if (reaction == UnitReaction::Ends) line.AddFlag("ends_units", true);
+  return line.AddText("bytes", program::HexDigits(datagram)).Line();
 }
 
 }  // namespace tools

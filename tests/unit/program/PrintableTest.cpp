@@ -36,10 +36,6 @@ TEST(Printable, PaddingCountsCharacters) {
   EXPECT_EQ(program::Padded("longer", 3), "longer");
 }
 
-TEST(Printable, JsonStringsAreAscii) {
-  EXPECT_EQ(program::JsonString("a\"\\\n\xE9/"s), R"("a\"\\\u000a\u00e9/")");
-}
-
 TEST(Printable, DumpsHaveSixteenBytesARow) {
   constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
   EXPECT_EQ(program::HexDump("", kAll), "");

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <string>
 
-#include "program/Printable.h"
+#include "program/JsonObject.h"
 #include "tools/monitor/MessageFormat.h"
 
 namespace {
@@ -36,8 +36,8 @@ TEST(MessageFormat, JsonHoldsEveryAttributeAndTheText) {
             R"({"time":"2017-07-14T02:40:00.042Z","well_formed":true,"message":"arrival",)"
             R"("path":"/mnt/a","type":"harddrive","key":"","contentid":"C","serialnumber":"S",)"
             R"("friendlyname":"K\u00c3\u00bc\u009b[2J \"","remote":false,"readonly":true,)"
-            R"("fixed":false,"text":)" +
-                program::JsonString(*arrival.text) + "}\n");
+            R"("fixed":false,)" +
+                program::JsonObject().AddBytes("text", *arrival.text).Text().substr(1) + "\n");
 }
 
 TEST(MessageFormat, AFaultyFrameShowsItsReasonAndBytes) {
