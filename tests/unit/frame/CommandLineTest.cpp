@@ -179,6 +179,12 @@ TEST(CommandLine, TheNfsRootEndsInASlashUnlessItIsEmpty) {
   }
 }
 
+TEST(CommandLine, ARepeatedNumberKeepsTheLastValue) {
+  EXPECT_EQ(Parsed({"--port", "1", "--port", "9002"}).clientPort, 9002);
+  EXPECT_EQ(Parsed({"--debuglevel", "1", "--debuglevel", "2"}).logLevel, 2);
+  EXPECT_EQ(Parsed({"--file-timeout=7", "--file-timeout=1"}).fileTimeoutSeconds, 1);
+}
+
 TEST(CommandLine, ARepeatedTextOptionKeepsTheLastValue) {
   const CommandLine line = Parsed({"--log", "a", "--nfs-root", "x", "--log", "b", "--nfs-root=y"});
   EXPECT_EQ(line.logFile, "b");
@@ -221,10 +227,12 @@ TEST(CommandLine, ThereAreNoShortOptions) {
 
 TEST(CommandLine, TheFirstFaultOfALineIsTheOneReported) {
   EXPECT_EQ(ErrorOf({"stray", "--verbose", "--log"}), "Unknown option: --verbose");
+  EXPECT_EQ(ErrorOf({"--bogus", "--port"}), "Unknown option: --bogus");
 }
 
 TEST(CommandLine, WordsBesideTheOptionsAreListed) {
   EXPECT_EQ(ErrorOf({"extra"}), "The following were ignored: extra");
+  EXPECT_EQ(ErrorOf({"--daemon", "extra"}), "The following were ignored: extra");
   EXPECT_EQ(ErrorOf({"a", "--daemon", "b c"}), "The following were ignored: a b c");
   EXPECT_EQ(ErrorOf({"--", "--daemon"}), "The following were ignored: --daemon");
   EXPECT_EQ(ErrorOf({"-"}), "The following were ignored: -");
@@ -295,6 +303,7 @@ TEST(CommandLine, AValueThatCanHardlyBeMeantIsWarnedOf) {
       {"--port=0", R"(Option --port: "0" is not a port, which is 1 to 65535)"},
       {"--port=-1", R"(Option --port: "-1" is not a port, which is 1 to 65535)"},
       {"--port=65536", R"(Option --port: "65536" is not a port, which is 1 to 65535)"},
+      {"--port=80800", R"(Option --port: "80800" is not a port, which is 1 to 65535)"},
       {"--port=abc", R"(Option --port: "abc" is not a number, 0 is taken)"},
       {"--port=", R"(Option --port: "" is not a number, 0 is taken)"},
       {"--port=80 ", R"(Option --port: "80 " is not a number, 80 is taken)"},
