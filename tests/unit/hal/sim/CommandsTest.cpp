@@ -97,6 +97,11 @@ TEST_F(Commands, ABadLineIsAnsweredAndChangesNothing) {
       {"mount " + root + " a rw", R"(unexpected "rw")"},
       {"mount " + root + " ro ro", R"(unexpected "ro")"},
       {"mount " + root + " a ro x", R"(unexpected "x")"},
+      {"unmount /nowhere", R"(there is no device "/nowhere")"},
+      {"unmount " + root + " x", R"(unexpected "x")"},
+      {"remount " + root, "ro or rw is missing"},
+      {"remount " + root + " moon", R"("moon" is neither ro nor rw)"},
+      {"remount " + root + " ro x", R"(unexpected "x")"},
       {"quiet", "the command is missing"},
       {"quiet list", R"("list" cannot be quiet)"},
       {"quiet quiet plug usb a", R"("quiet" cannot be quiet)"},
@@ -106,6 +111,7 @@ TEST_F(Commands, ABadLineIsAnsweredAndChangesNothing) {
       {"gap volume 1 2", R"(unexpected "2")"},
       {"gap volume 3600001", R"("3600001" is no number of milliseconds up to 3600000)"},
       {"gap volume -1", R"("-1" is no number of milliseconds up to 3600000)"},
+      {"delay Mount 1 x", R"(unexpected "x")"},
       {"delay Mount soon", R"("soon" is no number of milliseconds up to 3600000)"},
       {"fail Mount", "ERROR is missing"},
       {"fail Mount Busy", R"("Busy" is no error name)"},
@@ -123,9 +129,11 @@ TEST_F(Commands, ABadLineIsAnsweredAndChangesNothing) {
       {"emit /a a.b M", "the service is not connected"},
       {"drop moon", R"(drop knows answer and name, not "moon")"},
       {"drop name x", R"(unexpected "x")"},
+      {"return x", R"(unexpected "x")"},
       {"list all", R"(unexpected "all")"},
       {"show", "TARGET is missing"},
       {"show a b", R"(nothing plugged is called "a")"},
+      {"show " + root + " b", R"(unexpected "b")"},
       {"help me", R"(unexpected "me")"},
       {"quit now", R"(unexpected "now")"},
       {std::string("a\0b", 3), "the line has a NUL byte"},
@@ -202,6 +210,10 @@ TEST_F(Commands, DevicesTakeTheFirstFreePlaces) {
       {"c:scsi_device@1", "scsi.lun=int:1"},
       {"d", "block.device=string:/dev/mmcblk0p1"},
       {"host0:host", "mmc_host.host=int:0"},
+      {"a:storage", "block.major=int:8"},
+      {"b:storage", "block.minor=int:16"},
+      {"d:storage", "block.major=int:179"},
+      {"d", "block.minor=int:1"},
   };
   for (const auto& [target, property] : kTable) {
     EXPECT_NE(Shown(target).find(std::string("\nproperty ") + property + "\n"), std::string::npos)
@@ -228,6 +240,8 @@ TEST_F(Commands, TheSameStickHasTheSameIdentityEachTime) {
 TEST_F(Commands, AnyPropertyCanBeReplacedAndTakenAway) {
   static_cast<void>(Answer("plug usb stick volume/volume.label=unset storage/x=strlist:a,b"));
   EXPECT_EQ(Shown("stick").find("volume.label"), std::string::npos);
+  static_cast<void>(Answer("plug host slot host/x=int:1"));
+  EXPECT_NE(Shown("slot:host").find("\nproperty x=int:1\n"), std::string::npos);
   EXPECT_NE(Shown("stick:storage").find("\nproperty x=strlist:a,b\n"), std::string::npos);
   EXPECT_EQ(Answer("set stick volume.label=string:\"A B\" y=double:0.5 x=unset").back(), "ok");
   EXPECT_NE(Shown("stick").find("\nproperty volume.label=string:\"A B\"\n"), std::string::npos);
