@@ -97,6 +97,40 @@ TEST(CommandLine, EveryOptionReachesItsField) {
   EXPECT_TRUE(line->daemonise);
 }
 
+TEST(CommandLine, AnOptionChangesItsOwnFieldAlone) {
+  const struct {
+    const char* word;
+    const char* fields;  // port, level, log, vfat options, share, peer, identity files, ...
+  } cases[] = {
+      {"--port=2", "2|-|||||||0||0"},
+      {"--debuglevel=2", "8080|2|||||||0||0"},
+      {"--log=2", "8080|-|2||||||0||0"},
+      {"--vfat-mount-opts=2", "8080|-||2|||||0||0"},
+      {"--internal-share-path=2", "8080|-|||2||||0||0"},
+      {"--peer-mac=2", "8080|-||||2|||0||0"},
+      {"--content-id-file=2", "8080|-|||||2||0||0"},
+      {"--serial-number-file=2", "8080|-||||||2|0||0"},
+      {"--file-timeout=2", "8080|-|||||||2||0"},
+      {"--nfs-root=2", "8080|-|||||||0|2/|0"},
+      {"--daemon", "8080|-|||||||0||1"},
+  };
+  for (const auto& [word, fields] : cases) {
+    tWords words{word};
+    const std::optional<CommandLine> line = words.Parse();
+    ASSERT_TRUE(line) << words.error;
+    const std::string level = line->logLevel ? std::to_string(*line->logLevel) : "-";
+    const std::string options = line->vfatMountOpts != nullptr ? line->vfatMountOpts : "";
+    const std::string shown = std::to_string(line->clientPort) + "|" + level + "|" + line->logFile +
+                              "|" + options + "|" + line->internalSharePath + "|" + line->peerMac +
+                              "|" + line->contentIdFile + "|" + line->serialNumberFile + "|" +
+                              std::to_string(line->fileTimeoutSeconds) + "|" + line->nfsRoot + "|" +
+                              (line->daemonise ? "1" : "0");
+    EXPECT_EQ(shown, fields) << word;
+    const bool isFile = !line->contentIdFile.empty() || !line->serialNumberFile.empty();
+    EXPECT_EQ(line->filesToWaitFor.size(), isFile ? 1U : 0U) << word;
+  }
+}
+
 TEST(CommandLine, AnArgumentMayBeJoinedByAnEqualsSign) {
   tWords words{"--port=9001", "--log=a=b", "--vfat-mount-opts=", "--peer-mac=x y"};
   const std::optional<CommandLine> line = words.Parse();
