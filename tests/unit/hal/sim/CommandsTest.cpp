@@ -240,8 +240,20 @@ TEST_F(Commands, TheSameStickHasTheSameIdentityEachTime) {
 TEST_F(Commands, AnyPropertyCanBeReplacedAndTakenAway) {
   static_cast<void>(Answer("plug usb stick volume/volume.label=unset storage/x=strlist:a,b"));
   EXPECT_EQ(Shown("stick").find("volume.label"), std::string::npos);
-  static_cast<void>(Answer("plug host slot host/x=int:1"));
-  EXPECT_NE(Shown("slot:host").find("\nproperty x=int:1\n"), std::string::npos);
+  const struct {
+    const char* plugged;
+    const char* target;
+  } kTable[] = {
+      {"plug host slot host/x=int:1", "slot:host"},
+      {"plug reader rd luns=1 storage@0/x=int:1", "rd:storage@0"},
+      {"plug volume rd volume@0/x=int:1", "rd"},
+      {"plug scsi disk storage/x=int:1", "disk:storage"},
+      {"plug sd card card/x=int:1", "card:card"},
+  };
+  for (const auto& [plugged, target] : kTable) {
+    EXPECT_EQ(Answer(plugged).back(), "ok") << plugged;
+    EXPECT_NE(Shown(target).find("\nproperty x=int:1\n"), std::string::npos) << target;
+  }
   EXPECT_NE(Shown("stick:storage").find("\nproperty x=strlist:a,b\n"), std::string::npos);
   EXPECT_EQ(Answer("set stick volume.label=string:\"A B\" y=double:0.5 x=unset").back(), "ok");
   EXPECT_NE(Shown("stick").find("\nproperty volume.label=string:\"A B\"\n"), std::string::npos);
