@@ -34,9 +34,9 @@ def main() -> int:
             unit.application.expect_message("dataarrival")
         unit.settle()
         volumes = _heap(unit)
-    rows += [("heap at rest, bytes alive", str(rest[0])),
-             ("heap at rest, blocks alive", str(rest[1])),
-             ("heap a registered volume, bytes", str((volumes[0] - rest[0]) // _STICKS))]
+    rows += [("heap at rest, live bytes", str(rest[0])),
+             ("heap at rest, live blocks", str(rest[1])),
+             ("heap per registered volume, bytes", str((volumes[0] - rest[0]) // _STICKS))]
     for what, number in rows:
         print(f"{what:<34}{number:>10}")
     return 0

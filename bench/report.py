@@ -3,6 +3,7 @@
 import os
 import re
 import subprocess
+import textwrap
 from pathlib import Path
 from typing import Sequence
 
@@ -21,8 +22,9 @@ _PLOTS = {
 
 _HEAD = """# Performance
 
-What the daemon costs, beside the floor that the protocol or the kernel sets. `scripts/bench` wrote
-this file from one run; it overwrites everything but the notes, which are in bench/notes.md.
+What the daemon costs, compared to the floor that the protocol or the kernel sets. `scripts/bench`
+wrote this file from one run; it overwrites everything except the notes, which are in
+bench/notes.md.
 
 """
 
@@ -36,8 +38,9 @@ def machine() -> str:
                               check=True).stdout.splitlines()[0]
     cache = (target.build_directory() / "CMakeCache.txt").read_text()
     build_type = re.search(r"^CMAKE_BUILD_TYPE:\w+=(.*)$", cache, re.MULTILINE)[1]
-    return (f"Machine: {processor[1] if processor else system.machine}, {os.cpu_count()} cores,"
-            f" {system.sysname} {system.release}. Programs: {compiler}, {build_type}.")
+    return textwrap.fill(
+        f"Machine: {processor[1] if processor else system.machine}, {os.cpu_count()} cores,"
+        f" {system.sysname} {system.release}. Programs: {compiler}, {build_type}.", 100)
 
 
 def draw(plots: dict[str, Plot], directory: Path) -> None:
