@@ -107,7 +107,7 @@ std::string HexDump(std::string_view bytes, std::size_t maxRows) {
     dump += DumpRow(bytes, offset);
   }
   if (offset < bytes.size()) {
-    dump += "... and " + std::to_string(bytes.size() - offset) + " bytes more\n";
+    dump += "... and " + std::to_string(bytes.size() - offset) + " more bytes\n";
   }
   return dump;
 }

@@ -38,7 +38,7 @@ bool AnnouncementSender::Open(const std::string& destination, const char* interf
   destination_.reset(g_inet_socket_address_new_from_string(destination.c_str(), kAnnouncementPort));
   if (destination_ == nullptr ||
       g_socket_address_get_family(destination_.get()) != G_SOCKET_FAMILY_IPV4) {
-    error = destination + " is no dotted address";
+    error = destination + " is not a valid IPv4 address";
     return false;
   }
   glib::ErrorHolder failure;

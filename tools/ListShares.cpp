@@ -44,11 +44,11 @@ bool ReadListOptions(int argc, char* argv[], Options& options) {
   char* once = nullptr;
   const GOptionEntry entries[] = {
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json,
-       "One JSON object a line; each character of a text is one byte of it", nullptr},
-      {"once", 0, 0, G_OPTION_ARG_STRING, &once, "Listen for so long, list what is there, and end",
+       "One JSON object per line; each character of a text is one byte of it", nullptr},
+      {"once", 0, 0, G_OPTION_ARG_STRING, &once, "Listen for this long, list the shares, and exit",
        "SECONDS"},
       {"interface", 0, 0, G_OPTION_ARG_FILENAME, &options.interface,
-       "Listen on this interface (default: as the routes say)", "NAME"},
+       "Listen on this interface (default: as routed)", "NAME"},
       GOptionEntry{}};
   const bool isRead = program::ReadOptions(argc, argv, kSummary, entries);
   const glib::CharPointer ownedOnce(once);

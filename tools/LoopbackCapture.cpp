@@ -24,7 +24,8 @@ std::string Reason(pcap* capture, int status) {
   const std::string detail = pcap_geterr(capture);
   std::string reason = std::string(": ") + pcap_statustostr(status);
   if (!detail.empty()) reason += " (" + detail + ")";
-  if (status == PCAP_ERROR_PERM_DENIED) reason += "; it takes root, or the capability CAP_NET_RAW";
+  if (status == PCAP_ERROR_PERM_DENIED)
+    reason += "; it requires root, or the capability CAP_NET_RAW";
   return reason;
 }
 

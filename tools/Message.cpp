@@ -68,7 +68,7 @@ bool IsXmlCharacter(char byte) {
 
 std::string ControlFault(char byte) {
   char text[48];
-  std::snprintf(text, sizeof text, "a control character (0x%02x) stands in it",
+  std::snprintf(text, sizeof text, "it contains a control character (0x%02x)",
                 unsigned{static_cast<unsigned char>(byte)});
   return text;
 }
@@ -81,9 +81,9 @@ std::string LexicalFault(std::string_view text) {
   bool afterValue = false;
   for (const char c : text) {
     if (IsControl(c)) return ControlFault(c);
-    if (inTag && c == '<') return "a \"<\" stands inside a tag";
+    if (inTag && c == '<') return "there is a \"<\" inside a tag";
     if (afterValue && std::string_view(" />?").find(c) == std::string_view::npos) {
-      return "no blank stands before an attribute";
+      return "there is no blank before an attribute";
     }
     afterValue = quote != '\0' && c == quote;
     if (afterValue) {
@@ -126,7 +126,7 @@ class AttributeReader {
   bool Flag(const char* name) { return OneOf(name, "true", "false") == "true"; }
 
   /// Why the attributes are not the right ones; empty when they are. Call it last: what was not
-  /// taken is one too many.
+  /// taken is not expected there.
   std::string Fault() {
     if (!attributes_.empty()) Fail("has an attribute that does not belong there");
     return fault_;
@@ -202,7 +202,7 @@ void OnStart(GMarkupParseContext*, const char* element, const char** names, cons
       if (!IsXmlCharacter(c)) return Refuse(error, ControlFault(c));
     }
     if (!attributes.emplace(*names, std::move(*value)).second) {
-      return Refuse(error, std::string("attribute \"") + *names + "\" stands there twice");
+      return Refuse(error, std::string("attribute \"") + *names + "\" occurs twice");
     }
   }
   const std::string fault =
@@ -215,11 +215,11 @@ void OnEnd(GMarkupParseContext*, const char*, void* builder, GError**) {
 }
 
 void OnText(GMarkupParseContext*, const char*, gsize length, void*, GError** error) {
-  if (length != 0) Refuse(error, "text stands outside the tags");
+  if (length != 0) Refuse(error, "there is text outside the tags");
 }
 
 void OnPassthrough(GMarkupParseContext*, const char*, gsize, void*, GError** error) {
-  Refuse(error, "a declaration or a comment stands in it");
+  Refuse(error, "it contains a declaration or a comment");
 }
 
 constexpr GMarkupParser kParser = {OnStart, OnEnd, OnText, OnPassthrough, nullptr};

@@ -12,7 +12,7 @@ Received Examine(Frame frame, std::chrono::system_clock::time_point time) {
   }
   std::string fault;
   received.message = ParseMessage(frame.text, fault);
-  if (!received.message) received.fault = "the text is no message: " + fault;
+  if (!received.message) received.fault = "the text is not a valid message: " + fault;
   received.text = std::move(frame.text);
   return received;
 }

@@ -40,17 +40,17 @@ bool ReadSendOptions(std::uint16_t defaultType, int argc, char* argv[], Options&
   gboolean readOnly = FALSE;
   gboolean repeat = FALSE;
   const GOptionEntry entries[] = {
-      {"path", 0, 0, G_OPTION_ARG_FILENAME, &texts[0], "The directory that is shared", "PATH"},
+      {"path", 0, 0, G_OPTION_ARG_FILENAME, &texts[0], "The shared directory (required)", "PATH"},
       {"key", 0, 0, G_OPTION_ARG_FILENAME, &texts[1], "The volume's key (default empty)", "TEXT"},
       {"name", 0, 0, G_OPTION_ARG_FILENAME, &texts[2], "The friendly name (default empty)", "TEXT"},
       {"media-type", 0, 0, G_OPTION_ARG_INT, &mediaType, "The media type (default 1)", "N"},
       {"read-only", 0, 0, G_OPTION_ARG_NONE, &readOnly, "The share is read-only", nullptr},
-      {"type", 0, 0, G_OPTION_ARG_INT, &type, "Another message type than the command's", "N"},
-      {"to", 0, 0, G_OPTION_ARG_FILENAME, &texts[3], "Send to this unit, not to the group",
+      {"type", 0, 0, G_OPTION_ARG_INT, &type, "A message type other than the command's", "N"},
+      {"to", 0, 0, G_OPTION_ARG_FILENAME, &texts[3], "Send to this unit instead of the group",
        "ADDRESS"},
       {"interface", 0, 0, G_OPTION_ARG_FILENAME, &texts[4],
-       "Send to the group through this interface (default: as the routes say)", "NAME"},
-      {"repeat", 0, 0, G_OPTION_ARG_NONE, &repeat, "Repeat each second until SIGTERM or SIGINT",
+       "Send to the group through this interface (default: as routed)", "NAME"},
+      {"repeat", 0, 0, G_OPTION_ARG_NONE, &repeat, "Repeat every second until SIGTERM or SIGINT",
        nullptr},
       GOptionEntry{}};
   const bool withdraws = defaultType == kTypeWithdraw;

@@ -33,7 +33,7 @@ const char* Consequence(UnitReaction reaction) {
     case UnitReaction::Ignores:
       return "";
     case UnitReaction::Takes:
-      return "; units take it nevertheless";
+      return "; units still accept it";
     case UnitReaction::Ends:
       return "; it ends every unit that was not built with VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS";
   }

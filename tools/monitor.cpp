@@ -17,9 +17,9 @@
 namespace {
 
 constexpr const char* kSummary =
-    "Listens on 127.0.0.1 where the display application would and shows every message, one line\n"
-    "each. What is not well formed is shown with the reason and its bytes.\n"
-    "With --beside it leaves the port to the application and watches what passes there.";
+    "Listens on 127.0.0.1 in place of the display application and shows every message, one line\n"
+    "each. Malformed data is shown with the reason and its bytes.\n"
+    "With --beside it leaves the port to the application and shows the traffic there.";
 
 struct Options {
   int port = 8080;
@@ -32,19 +32,19 @@ struct Options {
 bool ReadMonitorOptions(int argc, char* argv[], Options& options) {
   const GOptionEntry entries[] = {
       {"port", 0, 0, G_OPTION_ARG_INT, &options.port,
-       "Port to listen on (default 8080; 0 takes a free one)", "PORT"},
+       "Port to listen on (default 8080; 0 selects a free one)", "PORT"},
       {"beside", 0, 0, G_OPTION_ARG_NONE, &options.beside, "Watch beside the application, as root",
        nullptr},
       {"json", 0, 0, G_OPTION_ARG_NONE, &options.json,
-       "One JSON object a line; each character of a text is one byte of it", nullptr},
+       "One JSON object per line; each character of a text is one byte of it", nullptr},
       {"raw", 0, 0, G_OPTION_ARG_NONE, &options.raw, "Show the bytes of every frame", nullptr},
       {"count", 0, 0, G_OPTION_ARG_INT, &options.count,
-       "End after N messages, faulty ones included", "N"},
+       "Exit after N messages, including malformed ones", "N"},
       GOptionEntry{}};
   if (!program::ReadOptions(argc, argv, kSummary, entries)) return false;
   const char* complaint = nullptr;
   if (options.port < 0 || options.port > UINT16_MAX) complaint = "the port must be 0 to 65535";
-  if (options.beside && options.port == 0) complaint = "--beside takes the application's port";
+  if (options.beside && options.port == 0) complaint = "--beside needs the application's port";
   if (options.count < 0) complaint = "the count cannot be negative";
   if (options.json && options.raw) complaint = "--json and --raw exclude each other";
   if (complaint != nullptr) program::Complain(complaint);

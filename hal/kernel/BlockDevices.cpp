@@ -163,7 +163,7 @@ void BlockDevices::Show(const std::string& path, Disk& disk) {
   const char* leftOut = LeftOut(disk.state, index_);
   const bool withdrawn = disk.state.disk && disk.state.disk->withdrawn;
   if (leftOut != nullptr && leftOut != disk.leftOut && !withdrawn) {
-    Log(LOG_DEBUG, ShortName(path) + " is left out: " + leftOut);
+    Log(LOG_DEBUG, ShortName(path) + " is not served: " + leftOut);
   }
   disk.leftOut = leftOut;
   disk.shown = Describe(disk.state, index_);

@@ -46,7 +46,7 @@ bool UdevWatch::Context() {
 }
 
 std::optional<std::string> UdevWatch::Start() {
-  if (access(kUdevControl, F_OK) != 0) return Failure("udev does not run: /run/udev/control");
+  if (access(kUdevControl, F_OK) != 0) return Failure("udev is not running: /run/udev/control");
   if (!Context()) return Failure("cannot use libudev");
   monitor_.reset(udev_monitor_new_from_netlink(context_.get(), "udev"));
   if (!monitor_) return Failure("cannot listen to udev");

@@ -60,7 +60,7 @@ TEST(ToolsPrintable, DumpsHaveSixteenBytesARow) {
   EXPECT_EQ(program::HexDump("\x00\x08"s + "0123456789abcde", kAll),
             "00000000  00 08 30 31 32 33 34 35  36 37 38 39 61 62 63 64  |..0123456789abcd|\n"
             "00000010  65                                                |e|\n");
-  EXPECT_EQ(program::HexDump(std::string(33, 'x'), 2).substr(2 * 79), "... and 1 bytes more\n");
+  EXPECT_EQ(program::HexDump(std::string(33, 'x'), 2).substr(2 * 79), "... and 1 more bytes\n");
 }
 
 TEST(ToolsMessageFormat, AnArrivalIsOneLineWithoutControlCharacters) {
@@ -98,7 +98,7 @@ TEST(ToolsMessageFormat, ATextThatIsNoMessageIsFaultyAndStillShown) {
       tools::Examine(tools::DecodeFrame("\x00\x06\x00\x00\x00\x02\x00\x61"s), kTime);
   EXPECT_FALSE(faulty.message);
   EXPECT_EQ(faulty.text, "a");
-  EXPECT_TRUE(faulty.fault.starts_with("the text is no message: ")) << faulty.fault;
+  EXPECT_TRUE(faulty.fault.starts_with("the text is not a valid message: ")) << faulty.fault;
 }
 
 TEST(ToolsMessageFormat, RawShowsEveryByte) {

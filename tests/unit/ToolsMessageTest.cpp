@@ -81,14 +81,13 @@ TEST(ToolsMessage, FaultsAreNamed) {
     std::string text;
     const char* fault;
   } kTable[] = {
-      {With(kArrival, "00ff", "\t"), "a control character (0x09) stands in it"},
-      {With(kArrival, "00ff", "&#11;"), "a control character (0x0b) stands in it"},
-      {With(kArrival, "00ff", "<"), "a \"<\" stands inside a tag"},
-      {With(kArrival, "\" key", "\"key"), "no blank stands before an attribute"},
+      {With(kArrival, "00ff", "\t"), "it contains a control character (0x09)"},
+      {With(kArrival, "00ff", "&#11;"), "it contains a control character (0x0b)"},
+      {With(kArrival, "00ff", "<"), "there is a \"<\" inside a tag"},
+      {With(kArrival, "\" key", "\"key"), "there is no blank before an attribute"},
       {With(kArrival, "00ff", "&#x20ac;"), "a character reference is above 255"},
       {With(kArrival, "key=\"00ff\" ", ""), "element \"dataarrival\" has no attribute \"key\""},
-      {With(kArrival, "key=\"00ff\"", "key=\"a\" key=\"b\""),
-       "attribute \"key\" stands there twice"},
+      {With(kArrival, "key=\"00ff\"", "key=\"a\" key=\"b\""), "attribute \"key\" occurs twice"},
       {With(kArrival, "key=", "more=\"\" key="),
        "element \"dataarrival\" has an attribute that does not belong there"},
       {With(kArrival, "memorycard", "floppy"),
@@ -106,9 +105,9 @@ TEST(ToolsMessage, FaultsAreNamed) {
       {kRemoval + kRemoval, "element \"message\" is one too many"},
       {With(kRemoval, "</content>", "<dataremoval path=\"\"/></content>"),
        "element \"dataremoval\" is one too many"},
-      {With(kRemoval, "<content>", "<content>text"), "text stands outside the tags"},
-      {With(kRemoval, "<content>", "<content><!-- -->"), "a declaration or a comment stands in it"},
-      {"<?xml version=\"1.0\"?>" + kRemoval, "a declaration or a comment stands in it"},
+      {With(kRemoval, "<content>", "<content>text"), "there is text outside the tags"},
+      {With(kRemoval, "<content>", "<content><!-- -->"), "it contains a declaration or a comment"},
+      {"<?xml version=\"1.0\"?>" + kRemoval, "it contains a declaration or a comment"},
   };
   for (const auto& row : kTable) EXPECT_EQ(FaultOf(row.text), row.fault) << row.text;
 }

@@ -117,7 +117,7 @@ TEST(ToolsShareFormat, WhatUnitsDoWithAMalformedDatagramIsSaid) {
     const char* json;
   } kTable[] = {
       {head, "from 1.2.3.4: why\n", R"("taken_by_units":false,"bytes")"},
-      {head + "\1" + rest, "from 1.2.3.4: why; units take it nevertheless\n",
+      {head + "\1" + rest, "from 1.2.3.4: why; units still accept it\n",
        R"("taken_by_units":true,"bytes")"},
       {head + "\7" + rest,
        "from 1.2.3.4: why; it ends every unit that was not built with "
