@@ -13,13 +13,13 @@ _HELP = """\
   plug usb NAME [port=1-1.3] [label=TEXT] [readonly] ...   a USB stick
   plug sd NAME [host=0] [cid=...] [label=TEXT] ...         an SD card
   plug volume NAME [label=TEXT] ...                        one more partition on a stick
-  pull NAME                                                what was plugged goes
-  list                                                     what is plugged, mounted and linked
-  away, back                                               the display application goes, comes back
+  pull NAME                                                pull it out
+  list                                                     what is plugged in, mounted and linked
+  away, back                                               stop and start the display application
   log [LINES]                                              the end of the daemon's log
   help, quit
 
-  A stick in port 1-1.4 is called Chart Port by the configuration; /dev/sdc1 is ignored.
+  The configuration calls a stick in port 1-1.4 Chart Port, and ignores /dev/sdc1.
   Every other command of docs/halsim.md works too: mount, unmount, remount, set, fail, delay, ..."""
 
 
@@ -30,7 +30,7 @@ def run(stage: Stage, timeline: Timeline) -> int:
         "back": _back, "help": lambda *_: print(_HELP)}
     stage.start_daemon()
     timeline.show()
-    print('\n"help" shows what can be done.')
+    print('\n"help" lists the commands.')
     while (line := _read()) is not None:
         words = line.split()
         if words[:1] == ["quit"]:
@@ -65,7 +65,7 @@ def _hardware(stage: Stage, line: str) -> None:
     except CommandFailed:
         pass  # the timeline shows it
     except NotSeen:
-        print("The daemon gives no sign of life yet; press Enter to look again.")
+        print("The daemon has not responded yet; press Enter to look again.")
 
 
 def _list(stage: Stage, _: list[str]) -> None:
@@ -87,8 +87,8 @@ def _log(stage: Stage, words: list[str]) -> None:
 
 def _back(stage: Stage, _: list[str]) -> None:
     if stage.display.present:
-        print("The display application is there.")
+        print("The display application is already running.")
         return
     stage.display.start()
-    print("What waits is told at the daemon's next try, at most 10 seconds from now;"
+    print("The daemon delivers waiting messages at its next try, within 10 seconds;"
           " press Enter to look.")
