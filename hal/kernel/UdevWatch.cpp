@@ -114,7 +114,7 @@ void UdevWatch::ReadEvents() {
 void UdevWatch::StartOverIfDue() {
   if (!eventsLost_) return;
   eventsLost_ = false;
-  Log(LOG_WARNING, "events of udev were lost: looking at all disks anew");
+  Log(LOG_WARNING, "udev events were lost: checking all disks again");
   listener_.StartOver();
 }
 

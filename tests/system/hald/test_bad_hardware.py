@@ -211,7 +211,7 @@ def test_lost_events_are_made_up_for_by_looking_anew(running: HaldMachine, stick
         told = running.told(since)
     assert told[0] == "DeviceRemoved volume_uuid_B"
     assert told[-1] == "DeviceAdded volume_uuid_N"
-    assert "events of udev were lost: looking at all disks anew" in [
+    assert "udev events were lost: checking all disks again" in [
         record.text for record in running.records(since)]
 
 
