@@ -68,14 +68,14 @@ def test_a_question_whose_answer_nobody_gets_fails(unit: Unit, question: str) ->
 
 HARDLY_MEANT = {
     "a port that is no number":
-        (["--port=abc"], 'Option --port: "abc" is not a number, 0 is taken'),
+        (["--port=abc"], 'Option --port: "abc" is not a number, using 0'),
     "a port that is none":
         (["--port=80800"], 'Option --port: "80800" is not a port, which is 1 to 65535'),
     "a peer that is no hardware address":
         (["--peer-mac=xyz"],
          'Option --peer-mac: "xyz" is not a hardware address, no unit is the peer'),
     "a time-out that is no number":
-        (["--file-timeout=soon"], 'Option --file-timeout: "soon" is not a number, 0 is taken'),
+        (["--file-timeout=soon"], 'Option --file-timeout: "soon" is not a number, using 0'),
     "an identity file that is not there":
         (["--serial-number-file=/etc/serail"], "Identity file /etc/serail is missing or empty"),
     "one that is empty":
