@@ -79,10 +79,11 @@ class _Column:
 
 def draw(stories: Sequence[tuple[Sequence[str], Sequence[Chapter]]]) -> str:
     """The SVG. Each story is given by its units' names, the first of which is shown in its parts,
-    and its chapters."""
+    and its chapters; what came before the first heading is left out."""
     lines: list[tuple[Sequence[str], list[_Column]]] = []
     for units, chapters in stories:
-        columns = [_Column(chapter, units) for chapter in chapters]
+        titled = [chapter for chapter in chapters if chapter.title]
+        columns = [_Column(chapter, units) for chapter in titled or chapters]
         lines += [(units, line) for line in _lines([each for each in columns if each.dots])]
     width = _NAMES + max((sum(column.width for column in line) for _, line in lines), default=400)
     body: list[str] = []
@@ -112,6 +113,8 @@ def _label(kind: str, text: str) -> str:
         return f"{_HARDWARE.get(words[0], words[0])} {label[1] if label else words[1]} plugged in"
     if kind == "pulled":
         return f"{text} pulled out"
+    if kind == "daemon":
+        return text.partition(":")[0]
     if kind == "refused" and text.startswith("Mount("):
         return "refused to mount " + text.split("'")[1]
     if kind in ("mounted", "unmounted"):

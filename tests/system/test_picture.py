@@ -53,6 +53,7 @@ def texts(svg: ElementTree.Element, style: str) -> list[str]:
 def test_a_tape_becomes_lanes_with_its_events_in_their_order() -> None:
     first, second = Tape(), Tape()
     timeline = Timeline({"north": first, "south": second}, io.StringIO())
+    first.record("presence", "before the first heading")
     timeline.heading("A stick arrives.")
     record_an_arrival(first)
     second.record("tools", "mountpoint -q /mnt/169.254.1.1:-media-sda1")
@@ -124,7 +125,8 @@ def test_many_chapters_take_several_lines() -> None:
     ("ran", "umount -f -l /mnt/169.254.1.2:-media-sda1", "umount 169.254.1.2:sda1"),
     ("unlinked", "/media/Memory Card - 0 -> mmcblk0p1", "unlinked Memory Card - 0"),
     ("ignored", "/dev/sdc1", "ignored /dev/sdc1"),
-    ("daemon", "signal SIGUSR1", "daemon signal SIGUSR1"),
+    ("daemon", "signal SIGUSR1", "signal SIGUSR1"),
+    ("daemon", "started: voldrake --log /x", "started"),
     ("reported", "removal  /media/sda1", "removal /media/sda1"),
     ("says", "hello", "says hello"),
     ("", "the display application has stopped", "stopped"),
