@@ -219,4 +219,4 @@ def test_without_udev_there_is_a_clear_line_and_status_1(machine: HaldMachine):
     machine.sandbox.path("/run/udev/control").unlink()
     process = machine.launch()
     assert process.wait(timeouts.START) == 1
-    assert "udev does not run" in process.stderr()
+    assert "udev is not running" in process.stderr()
