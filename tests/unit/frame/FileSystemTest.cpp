@@ -326,6 +326,22 @@ TEST(ReadFirstLine, IsEmptyForAFileThatCannotBeRead) {
   EXPECT_EQ(ReadFirstLine("/proc/self/mem"), "") << "opens, but reading fails";
 }
 
+TEST(ReadFirstLine, TellsWhyAFileCannotBeRead) {
+  const tTemporaryDirectory directory;
+  const struct {
+    std::string path;
+    int error;
+  } cases[] = {{directory.Path("missing"), ENOENT},
+               {directory.Path(), EISDIR},
+               {directory.Write("empty", ""), 0},
+               {directory.Write("file", "text"), 0}};
+  for (const auto& [path, expected] : cases) {
+    int error = EINVAL;
+    static_cast<void>(ReadFirstLine(path, &error));
+    EXPECT_EQ(error, expected) << path;
+  }
+}
+
 TEST(ReadFirstLine, IsEmptyForAFileWithoutReadPermission) {
   if (!tOrdinaryUser::IsPossible()) GTEST_SKIP() << "this root cannot act as anybody else";
   const tTemporaryDirectory directory;
