@@ -222,7 +222,11 @@ void CServicePublisher::_Export(const std::string& options, const std::string& c
 }
 
 void CServicePublisher::_Unexport(const std::string& client, const std::string& path) {
-  m_Run("exportfs -u " + ShellExportTarget(client, path));
+  // A status of the command's own tells nothing: what was added without a network is not exported.
+  if (m_Run("exportfs -u " + ShellExportTarget(client, path)) == -1) {
+    Log("_Unexport: exportfs cannot be run, still exported: " + Printable(client + ":" + path),
+        kLogError);
+  }
 }
 
 void CServicePublisher::_ExportFlush() {

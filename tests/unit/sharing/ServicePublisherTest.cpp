@@ -215,6 +215,23 @@ TEST_F(ServicePublisher, JudgesACommandByItsExitStatusAlone) {
   }
 }
 
+TEST_F(ServicePublisher, TellsWhatStaysExportedForWantOfAProcess) {
+  const struct {
+    int status;
+    bool told;
+  } cases[] = {{0, false}, {256, false}, {127 * 256, false}, {-1, true}};
+  for (const auto& [status, told] : cases) {
+    m_Publisher.Add("/media/sda1");
+    m_Record.End("exportfs -u", status);
+    const tCapturedLog log;
+    m_Publisher.RemoveServiceNFS("/media/sda1");
+    EXPECT_EQ(
+        log.Holds(kLogError, "_Unexport: exportfs cannot be run, still exported: *:/media/sda1"),
+        told)
+        << status;
+  }
+}
+
 TEST_F(ServicePublisher, NoticesEachChangeOfTheAddressOnce) {
   tExportTable exports;
   tPublisher publisher(exports, m_Record);
