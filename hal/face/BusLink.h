@@ -29,8 +29,9 @@ class BusLink {
   /// Takes the service's name, without queueing for it. Requires: connected. Blocks.
   std::optional<std::string> TakeName();
   void GiveUpName();
-  /// Returns when what was sent has gone out to the bus. Blocks.
-  void Flush();
+  /// Returns when what was sent has gone out to the bus; false when it has not, for the connection
+  /// is broken. Blocks.
+  [[nodiscard]] bool Flush();
   /// Closes the connection after what was sent has gone out. Blocks.
   void Close();
 

@@ -35,8 +35,9 @@ class HalService : public IDeviceTreeObserver {
   /// Closes the connection; calls that have no answer yet get none.
   void Leave();
   void GiveUpName() { bus_.GiveUpName(); }
-  /// Returns when all signals and answers until now have gone out to the bus. Blocks.
-  void Flush() { bus_.Flush(); }
+  /// Returns when all signals and answers until now have gone out to the bus; false when they have
+  /// not, for the connection is broken. Blocks.
+  [[nodiscard]] bool Flush() { return bus_.Flush(); }
 
   std::string UniqueName() const { return bus_.UniqueName(); }
   bool OwnsName() const { return bus_.OwnsName(); }

@@ -143,9 +143,9 @@ int Serve(const Options& options) {
   const auto keep = [&] {
     if (service == nullptr || !service->OwnsName()) return;
     machine->Mounter().RemoveUnused();
-    // A removal that only waits to be sent must not be forgotten.
-    service->Flush();
-    file.Write(machine->ToKeep());
+    // A removal that only waits to be sent must not be forgotten, nor one that cannot be sent any
+    // more: the next start tells of it.
+    if (service->Flush()) file.Write(machine->ToKeep());
   };
   machine = std::make_unique<Machine>(keep);
   CallGate gate;
