@@ -20,6 +20,7 @@ class Agreement:
     calls: str = ""
     threads: str = ""
     said: str = ""
+    stories: str = ""
     kills: bool = False
 
     def holds(self, fault: "Fault", text: str, deviations: Iterable[str],
@@ -28,12 +29,13 @@ class Agreement:
         return (self.kills == (fault.action == "signal=KILL") and set(deviations) <= self.what
                 and re.search(self.calls, text) is not None
                 and re.fullmatch(self.threads or ".*", fault.thread) is not None
+                and re.fullmatch(self.stories or ".*", fault.story) is not None
                 and (not self.said or any(re.search(self.said, line) for line in lines)))
 
 
 def _agreement(words: str, *what: str, calls: str = "", threads: str = "", said: str = "",
-               kills: bool = False) -> Agreement:
-    return Agreement(words, frozenset(what), calls, threads, said, kills)
+               stories: str = "", kills: bool = False) -> Agreement:
+    return Agreement(words, frozenset(what), calls, threads, said, stories, kills)
 
 
 _NO_PROCESS = r"^(clone3?|vfork|mmap|wait4)\("
@@ -52,6 +54,12 @@ AGREEMENTS = (
                "in /mnt", "afterwards in /mnt", calls=r"^rmdir\(", said=r"Failed to remove "),
     _agreement("a connection to the bus that breaks is not made again",
                "bus", "hang", "end", "trial", said=r"HAL: Connection - lost"),
+    _agreement("what goes while no daemon runs is never told, nor what was still to be told",
+               "removal untold", stories="removal", kills=True),
+    _agreement("a share that goes while no daemon runs stays mounted until it is announced again, and"
+               " its end is never told",
+               "removal untold", "mounted in /mnt", "in /mnt", "afterwards mounted in /mnt",
+               "afterwards in /mnt", stories="sharing|silence", kills=True),
 )
 
 

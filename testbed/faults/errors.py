@@ -70,6 +70,10 @@ RULES = (
     _rule("clone clone3 fork vfork", "EAGAIN ENOMEM"),
     _rule("wait4 waitid", "EINTR"),
     _rule("clock_nanosleep nanosleep", "EINTR"),
+    _rule("execve", "ENOMEM EACCES"),
+    _rule("fallocate", "ENOSPC EOPNOTSUPP"),
+    _rule("pidfd_open", "EMFILE"),
+    _rule("getcwd", "ENOMEM"),
     _rule("mount umount2", "EBUSY EPERM ENOMEM"),
 )
 
@@ -84,7 +88,7 @@ LEFT_OUT = {
     **dict.fromkeys(("exit", "exit_group", "rt_sigreturn"), "does not return"),
     **dict.fromkeys(("rt_sigaction", "rt_sigprocmask", "set_robust_list", "rseq", "madvise",
                      "lseek", "uname", "tgkill", "kill", "prlimit64", "prctl", "umask",
-                     "sched_yield", "set_tid_address", "arch_prctl"),
+                     "sched_yield", "sched_getattr", "sched_setattr", "set_tid_address", "arch_prctl"),
                     "fails by wrong arguments only"),
     **dict.fromkeys(("getpid", "gettid", "getuid", "geteuid", "getgid", "getegid", "getppid",
                      "clock_gettime", "gettimeofday", "time", "getrandom", "getpgrp"),

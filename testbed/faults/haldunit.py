@@ -207,6 +207,7 @@ class HaldBench(Lifespan):
         self._unit: HaldUnit | None = None
         self._rest: State = {}
         self._sizes = (0, 0)
+        self._cold = False  # the unit is one of a cold start
         self._references: dict[tuple[str, bool], list[Seen]] = {}
 
     def start(self) -> None:
@@ -260,11 +261,11 @@ class HaldBench(Lifespan):
                       {line for one in references for line in one.lines}, True)
 
     def _prepared(self, story: HaldStory) -> HaldUnit:
-        if self._unit and (story.cold or self._unit.machine.process is None
+        if self._unit and (story.cold or self._cold or self._unit.machine.process is None
                            or self._unit.machine.process.ended()):
             self.close()
         if not self._unit:
-            self._unit = HaldUnit(self._logs)
+            self._unit, self._cold = HaldUnit(self._logs), story.cold
             self._unit.start()
             if not story.cold:
                 self._unit.start_service()
@@ -338,15 +339,11 @@ class HaldBench(Lifespan):
         if trouble := unit.settle(self._patience):
             seen.deviations["hang"] = f"afterwards: {trouble}"
             return
-        if story.cold:
-            rest: State = {what: () for what in seen.state}
-            if left := differences(rest, self._steady(unit, rest)):
-                seen.deviations |= {f"afterwards {what}": text for what, text in left.items()}
-            return
-        left = self._steady(unit, self._rest)
-        for what, text in differences(self._rest, left).items():
+        rest = {what: () for what in seen.state} if story.cold else self._rest
+        left = self._steady(unit, rest)
+        for what, text in differences(rest, left).items():
             seen.deviations[f"afterwards {what}"] = text
-        if not kills and not any("ended" in end for end in seen.state["ended by itself"]):
+        if not story.cold and not kills and not any("ended" in end for end in seen.state["ended by itself"]):
             self._see_sizes(unit, seen)
 
     def _see_sizes(self, unit: HaldUnit, seen: Seen) -> None:

@@ -4,6 +4,7 @@ import time
 from collections import Counter
 from dataclasses import dataclass, field
 from pathlib import Path
+from typing import Mapping
 
 from testbed import timeouts
 from testbed.faults import agreements
@@ -61,9 +62,8 @@ class Seen:
     hit: str = ""  # the call that the fault was put into
 
     def view(self) -> dict[str, str]:
-        """What the application takes for present: path -> the last kind of message."""
-        return {text.partition('path="')[2].partition('"')[0]:
-                "there" if "<dataarrival" in text else "gone" for text in self.messages}
+        """What the application takes for present."""
+        return _view(self.messages)
 
 
 @dataclass(frozen=True)
@@ -233,6 +233,9 @@ class Bench(Lifespan):
             return
         wanted = self.references.get((story.name, kills), [])
         seen.state = self._steady(unit, wanted[0].state if wanted else None)
+        if wanted and kills:
+            # What was mounted before the end is told of when it is announced again.
+            unit.until(lambda: not _untold(wanted[0].view(), _view(unit.messages(since))), STEADY)
         self._see_probe(unit, since, seen)
         undone = unit.unit.tape.mark()
         story.undo(unit)
@@ -289,8 +292,7 @@ def judged(fault: Fault, seen: Seen, wanted: Seen, known: set[str], excuses: boo
     if not deviations.keys() & {"end", "hang", "bus", "trial"}:
         lost = differences(wanted.state, seen.state)
         if fault.action == KILL:
-            if seen.view() != wanted.view():
-                lost["messages"] = f"the application takes for present {seen.view()}"
+            lost |= _untold(wanted.view(), seen.view())
         elif seen.messages != wanted.messages:
             lost["messages"] = _difference(wanted.messages, seen.messages)
         if seen.listed != wanted.listed:
@@ -308,6 +310,21 @@ def judged(fault: Fault, seen: Seen, wanted: Seen, known: set[str], excuses: boo
     if said and fault.action != KILL:
         return Result(fault, LOGGED, seen.hit, (*words, *said[:1]))
     return Result(fault, FINDING, seen.hit, (*words, "and no line of the log says so"))
+
+
+def _view(messages: list[str]) -> dict[str, str]:
+    """Path -> the last kind of message."""
+    return {text.partition('path="')[2].partition('"')[0]:
+            "there" if "<dataarrival" in text else "gone" for text in messages}
+
+
+def _untold(wanted: Mapping[str, str], seen: Mapping[str, str]) -> dict[str, str]:
+    """What the application does not know in the end, though it would without the fault."""
+    untold = {path: what for path, what in wanted.items() if seen.get(path) != what}
+    gone = sorted(path for path, what in untold.items() if what == "gone")
+    there = sorted(path for path, what in untold.items() if what == "there")
+    told = {"removal untold": f"not told to be gone: {gone}"} if gone else {}
+    return told | ({"arrival untold": f"not told to be there: {there}"} if there else {})
 
 
 def differences(wanted: State, seen: State) -> dict[str, str]:

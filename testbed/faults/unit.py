@@ -96,7 +96,8 @@ class FaultUnit(Lifespan):
         if not daemon.ended():
             return ""
         status = daemon.wait()
-        return f"ended with status {status} {daemon.failed_assertion()}".strip()
+        reason = f" {daemon.failed_assertion()}" if status else ""
+        return f"ended with status {status}{reason}".strip()
 
     def threads(self) -> dict[str, int]:
         """The daemon's threads by name."""
