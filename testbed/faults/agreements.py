@@ -60,6 +60,9 @@ AGREEMENTS = (
                " its end is never told",
                "removal untold", "mounted in /mnt", "in /mnt", "afterwards mounted in /mnt",
                "afterwards in /mnt", stories="sharing|silence", kills=True),
+    _agreement("a mount or unmount that is under way when the hardware service is killed is done or"
+               " not, and its client gets no answer",
+               "mounts", "said to be mounted", "in /media", stories="mount|unmount", kills=True),
 )
 
 

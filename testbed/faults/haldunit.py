@@ -6,6 +6,7 @@ log is started again, as its supervisor does; what it then shows and has announc
 
 import os
 import re
+import time
 from collections import Counter
 from contextlib import ExitStack
 from pathlib import Path
@@ -18,6 +19,7 @@ from testbed.faults.trial import (
 from testbed.faults.unit import State
 from testbed.hald import PREFIX, HaldMachine
 from testbed.lifespan import Lifespan
+from testbed.process import Process
 from testbed.strace import Strace, Trace
 from testbed.tape import Mark
 from testbed.udev import FileSystem, usb_disk
@@ -26,6 +28,9 @@ from testbed.waiting import wait_until
 _VOLUME = "org.freedesktop.Hal.Device.Volume"
 _ANNOUNCED = re.compile(r"Device(Added|Removed) (\S+)")
 _TRACE = "/var/log/trial.strace"
+_PAUSE = 1.0
+#: The first says that it has logged why; the second is the tool's own.
+_GOOD_ENDS = ("ended with status 1", "killed")
 
 
 class HaldUnit(Lifespan):
@@ -38,6 +43,7 @@ class HaldUnit(Lifespan):
                               partitions=[FileSystem("B")])
         self.ends: list[str] = []  # how the service has ended by itself
         self.present = False  # the stick
+        self._asked = 0.0  # when the bus was last asked who serves
 
     def start(self) -> None:
         """Everything runs but the service."""
@@ -50,10 +56,9 @@ class HaldUnit(Lifespan):
     def start_service(self, *launcher: str) -> None:
         """Start it, and again when it ends at once; it serves on return."""
         for _ in range(3):
-            since = self.machine.mark()
             process = self.machine.launch(launcher=launcher)
-            wait_until(lambda: process.ended() or self._serves(since), "it serves or has ended",
-                       timeouts.START)
+            wait_until(lambda: process.ended() or self._serves(process), "it serves or has ended",
+                       2 * timeouts.START)
             launcher = ()
             if not self.note_end():
                 return
@@ -160,8 +165,13 @@ class HaldUnit(Lifespan):
                 told[match[2]] += 1 if match[1] == "Added" else -1
         return told
 
-    def _serves(self, since: Mark) -> bool:
-        # A lost line of the log is no sign: the name on the bus is.
+    def _serves(self, process: Process) -> bool:
+        if "serving " in process.err.read_text(errors="replace"):
+            return True
+        if time.monotonic() < self._asked + _PAUSE:
+            return False
+        # A fault may have hit that line.
+        self._asked = time.monotonic()
         owned = self.machine.sandbox.run(
             ["gdbus", "call", "--system", "--dest", "org.freedesktop.DBus", "--object-path", "/",
              "--method", "org.freedesktop.DBus.NameHasOwner", "org.freedesktop.Hal"])
@@ -298,7 +308,10 @@ class HaldBench(Lifespan):
                 unit.start_service()
             unit.ends[:] = ["killed"]
         self._see(unit, story, kills, seen)
-        seen.lines = unit.lines(since)
+        if bad := [end for end in seen.state.get("ended by itself", ()) if end not in _GOOD_ENDS]:
+            seen.deviations["end"] = str(bad)
+        # That it serves again is no word about why it has ended.
+        seen.lines = [line for line in unit.lines(since) if not line.startswith("serving ")]
         return seen
 
     def _play(self, story: HaldStory, fault: Fault | None, unit: HaldUnit, seen: Seen) -> None:
@@ -330,7 +343,12 @@ class HaldBench(Lifespan):
     def _see(self, unit: HaldUnit, story: HaldStory, kills: bool, seen: Seen) -> None:
         if seen.deviations:
             return
-        if trouble := unit.settle(self._patience):
+        trouble = unit.settle(self._patience)
+        if trouble == "ended":  # some time after the fault
+            unit.note_end()
+            unit.start_service()
+            trouble = unit.settle(self._patience)
+        if trouble:
             seen.deviations["hang"] = trouble
             return
         references = self._references.get((story.name, kills))

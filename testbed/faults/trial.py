@@ -233,9 +233,11 @@ class Bench(Lifespan):
             return
         wanted = self.references.get((story.name, kills), [])
         seen.state = self._steady(unit, wanted[0].state if wanted else None)
-        if wanted and kills:
-            # What was mounted before the end is told of when it is announced again.
-            unit.until(lambda: not _untold(wanted[0].view(), _view(unit.messages(since))), STEADY)
+        if wanted and (kills or story.ends):
+            # A share that was mounted before the end is the new daemon's when it is told again.
+            there = {path for path, what in wanted[0].view().items() if what == "there"}
+            unit.until(lambda: there <= _view(unit.messages(unit.unit.daemon.started)).keys(),
+                       STEADY)
         self._see_probe(unit, since, seen)
         undone = unit.unit.tape.mark()
         story.undo(unit)
