@@ -179,6 +179,8 @@ class Bench(Lifespan):
             story.play(unit)
             self._follow(unit, story, since)
         self._see_end(unit, story, fault, kills, seen)
+        if kills and fault and not seen.hit:
+            return seen  # nothing has happened, and the daemon is not needed any more
         if not seen.deviations:
             self._see_rest(unit, story, since, kills, seen)
         seen.lines = [line.text for line in unit.lines(since)]

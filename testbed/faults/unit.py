@@ -150,12 +150,15 @@ class FaultUnit(Lifespan):
         """What stands outside the daemon just now."""
         self.tools.read()
         media = self.unit.sandbox.path("/media")
-        with os.scandir(media) as entries:
-            found = sorted((entry.name, entry.is_symlink()) for entry in entries)
+        links, others = [], []
+        for name in sorted(os.listdir(media)):
+            try:
+                links.append(f"{name} -> {os.readlink(media / name)}")
+            except OSError:  # no link, or gone just now
+                others += [name] if os.path.lexists(media / name) else []
         return {
-            "links": tuple(f"{name} -> {os.readlink(media / name)}"
-                           for name, is_link in found if is_link),
-            "in /media": tuple(name for name, is_link in found if not is_link),
+            "links": tuple(links),
+            "in /media": tuple(others),
             "exports": tuple(sorted(self.tools.exports)),
             "mounted in /mnt": tuple(sorted(self.tools.mounted())),
             "in /mnt": tuple(sorted(os.listdir(self.unit.sandbox.path("/mnt")))),
