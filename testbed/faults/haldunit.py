@@ -270,6 +270,9 @@ class HaldBench(Lifespan):
             self.close()
         if not found.hit and not found.deviations:
             return Result(fault, UNMET)
+        if fault.misses(found.hit):
+            self.close()
+            return Result(fault, UNMET, found.hit, ("another call has come at this number",))
         return judged(fault, found, references[0],
                       {line for one in references for line in one.lines}, True)
 

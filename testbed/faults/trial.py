@@ -7,7 +7,7 @@ from pathlib import Path
 from typing import Mapping
 
 from testbed import timeouts
-from testbed.faults import agreements
+from testbed.faults import agreements, errors
 from testbed.faults.recording import Recorded, record
 from testbed.faults.stories import STORIES, Story
 from testbed.faults.unit import LOST_BUS, PROBE_PATH, FaultUnit, State
@@ -43,8 +43,15 @@ class Fault:
 
     def options(self) -> list[str]:
         """For strace."""
-        return ["-e", f"trace={self.call}",
+        return ["-y", "-e", f"trace={self.call}",
                 "-e", f"inject={self.call}:{self.action}:when={self.number}"]
+
+    def misses(self, hit: str) -> bool:
+        """True when the error was put into a call that cannot have it: the threads have not done
+        everything in the same order as when they were recorded."""
+        possible = errors.errors_of(self.call, hit)
+        return bool(hit and possible and self.action.startswith("error=")
+                    and self.action.removeprefix("error=") not in possible)
 
     def __str__(self) -> str:
         return f"{self.story}: {self.thread} {self.call} #{self.number} {self.action}"
@@ -142,6 +149,9 @@ class Bench(Lifespan):
             self.close()
         if not seen.hit and not seen.deviations:
             return Result(fault, UNMET)
+        if fault.misses(seen.hit):
+            self.close()
+            return Result(fault, UNMET, seen.hit, ("another call has come at this number",))
         return judged(fault, seen, references[0],
                        {line for one in references for line in one.lines}, self._excuses)
 

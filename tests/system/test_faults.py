@@ -99,3 +99,11 @@ def test_a_daemon_that_is_killed_goes_on_from_there(bench: Bench) -> None:
 def test_the_errors_of_a_call_depend_on_what_it_is_made_for(
         call: str, text: str, wanted: tuple[str, ...] | None) -> None:
     assert errors.errors_of(call, text) == wanted
+
+
+def test_an_error_that_another_call_has_got_is_no_trial() -> None:
+    full = Fault("shutdown", "shares", "write", 1, "error=ENOSPC")
+    assert full.misses("write(4<anon_inode:[eventfd]>, ...) = -1 ENOSPC")
+    assert not full.misses("write(7</var/log/x>, ...) = -1 ENOSPC")
+    assert not full.misses("")
+    assert not replace(full, action="signal=SEGV").misses("write(4<anon_inode:[eventfd]>, ...)")
