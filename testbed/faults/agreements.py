@@ -45,7 +45,8 @@ AGREEMENTS = (
                calls=r"^(sendto|poll)\(", threads="messages"),
     _agreement("a link that cannot be taken away stays without a line",
                "links", "afterwards links", calls=r"^unlink(at)?\(.*/media/", threads="main"),
-    _agreement("a volume stays exported when there is no process to withdraw it, and the log says so",
+    _agreement("a volume stays exported when there is no process to withdraw it, and the log says"
+               " so",
                "exports", "afterwards exports", calls=_NO_PROCESS, said=r"_Unexport: "),
     _agreement("a share stays mounted when there is no process to unmount it, and the log says so",
                "mounted in /mnt", "in /mnt", "afterwards mounted in /mnt", "afterwards in /mnt",
@@ -53,11 +54,11 @@ AGREEMENTS = (
     _agreement("a share's directory that cannot be removed stays, and the log says so",
                "in /mnt", "afterwards in /mnt", calls=r"^rmdir\(", said=r"Failed to remove "),
     _agreement("a connection to the bus that breaks is not made again",
-               "bus", "hang", "end", "trial", said=r"HAL: Connection - lost"),
+               "bus", said=r"HAL: Connection - lost"),
     _agreement("what goes while no daemon runs is never told, nor what was still to be told",
                "removal untold", stories="removal", kills=True),
-    _agreement("a share that goes while no daemon runs stays mounted until it is announced again, and"
-               " its end is never told",
+    _agreement("a share that goes while no daemon runs stays mounted until it is announced again,"
+               " and its end is never told",
                "removal untold", "mounted in /mnt", "in /mnt", "afterwards mounted in /mnt",
                "afterwards in /mnt", stories="sharing|silence", kills=True),
     _agreement("a mount or unmount that is under way when the hardware service is killed is done or"

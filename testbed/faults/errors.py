@@ -1,5 +1,5 @@
-"""How system calls can fail on a unit that is short of memory, descriptors, space or processes, whose
-network is away or whose files cannot be had.
+"""How system calls can fail on a unit that is short of memory, descriptors, space or processes,
+whose network is away or whose files cannot be had.
 
 The errors are those that the manual pages name, but for the ones that only a wrong argument brings
 about: the daemon's arguments are not made here.
@@ -88,7 +88,8 @@ LEFT_OUT = {
     **dict.fromkeys(("exit", "exit_group", "rt_sigreturn"), "does not return"),
     **dict.fromkeys(("rt_sigaction", "rt_sigprocmask", "set_robust_list", "rseq", "madvise",
                      "lseek", "uname", "tgkill", "kill", "prlimit64", "prctl", "umask",
-                     "sched_yield", "sched_getattr", "sched_setattr", "set_tid_address", "arch_prctl"),
+                     "sched_yield", "sched_getattr", "sched_setattr", "set_tid_address",
+                     "arch_prctl"),
                     "fails by wrong arguments only"),
     **dict.fromkeys(("getpid", "gettid", "getuid", "geteuid", "getgid", "getegid", "getppid",
                      "clock_gettime", "gettimeofday", "time", "getrandom", "getpgrp"),

@@ -1,7 +1,7 @@
 """The same for `voldrake-hald`, on a machine whose kernel and udev are mocked.
 
-Its calls are those of the mocking library, too. A service that ends with status 1 and a reason in the
-log is started again, as its supervisor does; what it then shows and has announced is compared.
+Its calls are those of the mocking library, too. A service that ends with status 1 and a reason in
+the log is started again, as its supervisor does; what it then shows and has announced is compared.
 """
 
 import os
@@ -367,7 +367,7 @@ class HaldBench(Lifespan):
         left = self._steady(unit, rest)
         for what, text in differences(rest, left).items():
             seen.deviations[f"afterwards {what}"] = text
-        if not story.cold and not kills and not any("ended" in end for end in seen.state["ended by itself"]):
+        if not story.cold and not seen.state["ended by itself"]:
             self._see_sizes(unit, seen)
 
     def _see_sizes(self, unit: HaldUnit, seen: Seen) -> None:

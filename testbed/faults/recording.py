@@ -2,8 +2,8 @@
 
 strace counts the calls of each thread on its own, from when it is attached. So one strace for each
 thread writes them down, attached just before the story, and the same number finds a call again when
-a strace that is attached at the same point puts a fault into it. What the shells and tools call that
-the daemon runs is not looked at.
+a strace that is attached at the same point puts a fault into it. What the shells and tools that the
+daemon runs call is not looked at.
 """
 
 from collections import Counter

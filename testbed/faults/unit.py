@@ -242,15 +242,15 @@ class FaultUnit(Lifespan):
         hal = self.unit.hal
 
         def answered() -> str:
-            events = self.unit.tape.shown(begun)
             if self.unit.daemon.ended():
                 return "ended"
-            if any(event.source == "log" and LOST_BUS in event.text for event in events):
-                return "the bus is lost"
             if any(event.text.startswith("reply ") and f" {_ROOT} " in event.text
-                   for event in events if event.source == "hal"):
+                   for event in self.unit.tape.shown(begun) if event.source == "hal"):
                 return "answered"
-            return ""
+            lost = any(LOST_BUS in event.text
+                       for event in self.unit.tape.shown(self.unit.daemon.started)
+                       if event.source == "log")
+            return "the bus is lost" if lost else ""
         hal.command(f"emit {_ROOT} org.freedesktop.Hal.Device PropertyModified"
                     " (1, [('volume.is_mounted', false, false)])")
         try:
