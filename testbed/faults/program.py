@@ -3,7 +3,7 @@
     scripts/faults                     all stories, each call with each error that it can have
     scripts/faults STORY...            these: arrival removal republish sharing silence shutdown;
                                        with --hald: coldplug hotplug mount unmount removal
-    scripts/faults --kill              instead, each call is the daemon's last, which is started again
+    scripts/faults --kill              instead, each call is the daemon's last, and it starts again
     scripts/faults --hald              the hardware service over the kernel's devices instead
     scripts/faults --sample N          N of the faults of each story; the seed is printed
     scripts/faults --seed S            the same sample again
