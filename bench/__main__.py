@@ -2,6 +2,7 @@
 
 import argparse
 import os
+import shutil
 import subprocess
 import sys
 from pathlib import Path
@@ -73,10 +74,11 @@ def _measure(counts: _Counts, quick: bool) -> list[Figure]:
                                          target.build_directory() / "neighbours",
                                          counts.idle_seconds)
     add("neighbours", beside)
-    # A quick run is no run to be shown.
-    directory = target.build_directory() if quick else target.REPOSITORY / "docs"
-    written = report.write_document(figures, {"startup": start_plot, **plots}, remarks, directory)
-    print(f"  written: {written}")
+    document = report.DOCUMENT
+    if quick:  # no run to be shown
+        document = Path(shutil.copy(document, target.build_directory()))
+    report.write_figures(figures, {"startup": start_plot, **plots}, remarks, document)
+    print(f"  written: {document}")
     return figures
 
 
@@ -85,12 +87,9 @@ def _instructions(logs: Path) -> list[Figure]:
     ours = os.environ["VOLDRAKE_BUILD_DIR"]
     os.environ["VOLDRAKE_BUILD_DIR"] = str(_DEVELOPMENT_BUILD)
     try:
-        counted = instructions.count(logs)
+        return instructions.beside_recorded(instructions.count(logs))
     finally:
         os.environ["VOLDRAKE_BUILD_DIR"] = ours
-    return [Figure(f"instructions per {what}, beside the recorded", number,
-                   instructions.kept()["instructions"][what], 1.05, "1")
-            for what, number in counted.items()]
 
 
 if __name__ == "__main__":

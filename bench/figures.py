@@ -46,9 +46,10 @@ class Figure:
                 self.unit)
 
 
-def table(figures: Sequence[Figure]) -> str:
-    """Text in columns."""
-    rows = [_TITLES, *(figure.cells() for figure in figures)]
+def table(figures: Sequence[Figure], floor: str = "floor") -> str:
+    """Text in columns, that of the floor with this title."""
+    titles = tuple(floor if title == "floor" else title for title in _TITLES)
+    rows = [titles, *(figure.cells() for figure in figures)]
     widths = [max(map(len, column)) for column in zip(*rows)]
     lines = ["  ".join(cell.ljust(width) if column in (0, 5) else cell.rjust(width)
                        for column, (cell, width) in enumerate(zip(row, widths))).rstrip()

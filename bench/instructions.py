@@ -4,7 +4,11 @@ The count of a build with the flags of the preset `dev` is kept in instructions.
 depends on. What the daemon's own code takes differs by a few instructions from count to count;
 with the libraries, which also poll and wait, it is about one per cent.
 
-    /usr/bin/python3 -m testbed run /usr/bin/python3 -m bench.instructions    count and keep
+Run by scripts/bench inside the wrapper of namespaces:
+
+    python3 -m bench.instructions --check    counts and compares; status 1 when a count is above
+                                             what is recorded, 2 when they cannot be compared
+    python3 -m bench.instructions --keep     counts and records
 """
 
 import json
@@ -14,15 +18,17 @@ import sys
 from pathlib import Path
 
 from bench.announcements import greet, listens, udp_queue
-from bench.figures import CannotMeasure
+from bench.figures import CannotMeasure, Figure, table
 from bench.stage import QUIET, wait_until
 from testbed import target
 from testbed.network import Network
 from testbed.otherunit import Announcement, OtherUnit
 from testbed.unit import Unit
 
-RECORD = Path(__file__).parent / "instructions.json"
-FLAGS = {"CMAKE_BUILD_TYPE": "Debug", "CMAKE_CXX_FLAGS": "-Og"}
+_RECORD = Path(__file__).parent / "instructions.json"
+_FLAGS = {"CMAKE_BUILD_TYPE": "Debug", "CMAKE_CXX_FLAGS": "-Og"}
+#: How far a count may be above the recorded one; repeated counts of one build differ by about 1 %.
+_ALLOWED = 1.05
 
 _STICKS = 20
 _BURSTS, _BURST = 20, 20
@@ -65,12 +71,14 @@ def count(log_directory: Path) -> dict[str, int]:
         return _read(log_directory)
 
 
-def kept() -> dict:
-    """What instructions.json says."""
-    return json.loads(RECORD.read_text())
+def beside_recorded(counts: dict[str, int]) -> list[Figure]:
+    """The counts with the recorded ones as their floor."""
+    recorded = json.loads(_RECORD.read_text())["instructions"]
+    return [Figure(f"instructions per {what}, beside the recorded", number, recorded[what],
+                   _ALLOWED, "1") for what, number in counts.items()]
 
 
-def circumstances() -> dict[str, str]:
+def _circumstances() -> dict[str, str]:
     """What the counts depend on besides the code: compiler and libraries."""
     packages = ("g++-12", "libc6", "libdbus-1-3", "libglib2.0-0", "libstdc++6", "valgrind")
     versions = subprocess.run(["dpkg-query", "-W", "-f", "${Package} ${Version}\n", *packages],
@@ -79,10 +87,10 @@ def circumstances() -> dict[str, str]:
     return {"machine": machine.strip(), **dict(line.split() for line in versions.splitlines())}
 
 
-def build_flags(directory: Path) -> dict[str, str]:
-    """The flags that the programs in a build directory were built with, as `FLAGS` names them."""
+def _build_flags(directory: Path) -> dict[str, str]:
+    """The flags that the programs in a build directory were built with, as `_FLAGS` names them."""
     cache = (directory / "CMakeCache.txt").read_text()
-    return {name: re.search(rf"^{name}:\w+=(.*)$", cache, re.MULTILINE)[1] for name in FLAGS}
+    return {name: re.search(rf"^{name}:\w+=(.*)$", cache, re.MULTILINE)[1] for name in _FLAGS}
 
 
 def _announce(unit: Unit, peer: OtherUnit) -> None:
@@ -137,14 +145,42 @@ def _sums(file: Path) -> tuple[int, int]:
     return everywhere, in_daemon
 
 
+def _check(logs: Path) -> int:
+    """Count and compare; the exit status."""
+    here, there = _circumstances(), json.loads(_RECORD.read_text())["counted with"]
+    if others := [f"{name} {there.get(name)}, here {here.get(name)}"
+                  for name in sorted(here | there) if here.get(name) != there.get(name)]:
+        raise CannotMeasure("the recorded counts are of " + "; ".join(others))
+    figures = beside_recorded(count(logs))
+    print(table(figures, floor="recorded"), end="")
+    above = [figure for figure in figures if not figure.meets_goal()]
+    if above:
+        print(f"{len(above)} of {len(figures)} counts are above the recorded ones. A change that"
+              " costs more on purpose records its own: scripts/bench --keep")
+    return 1 if above else 0
+
+
+def _keep(logs: Path) -> int:
+    """Count and write instructions.json; the exit status."""
+    content = {"counted with": _circumstances(), "instructions": count(logs)}
+    _RECORD.write_text(json.dumps(content, indent=1) + "\n")
+    print(_RECORD.read_text(), end="")
+    return 0
+
+
 def main() -> None:
-    """Count and write instructions.json."""
-    if build_flags(target.build_directory()) != FLAGS:
-        sys.exit(f"{target.build_directory()} is not built with {FLAGS}")
-    logs = target.log_directory() / "instructions"
-    content = {"counted with": circumstances(), "instructions": count(logs)}
-    RECORD.write_text(json.dumps(content, indent=1) + "\n")
-    print(RECORD.read_text(), end="")
+    """Entry point: see the module's text."""
+    what = {("--check",): _check, ("--keep",): _keep}.get(tuple(sys.argv[1:]))
+    if not what:
+        sys.exit(__doc__)
+    try:
+        if (flags := _build_flags(target.build_directory())) != _FLAGS:
+            raise CannotMeasure(f"{target.build_directory()} is built with {flags}, not {_FLAGS}")
+        status = what(target.log_directory() / "instructions")
+    except (CannotMeasure, AssertionError, OSError, subprocess.SubprocessError) as reason:
+        print(f"scripts/bench: cannot measure: {reason}", file=sys.stderr)
+        status = 2
+    sys.exit(status)
 
 
 if __name__ == "__main__":

@@ -1,8 +1,13 @@
-"""What is made of the figures: the plots and the document."""
+"""What is made of the figures: the plots, and their part of docs/performance.md.
+
+A part is what stands in the document between two marks of its writer. A run replaces its own part
+and nothing else.
+"""
 
 import os
 import re
 import subprocess
+import textwrap
 from pathlib import Path
 from typing import Sequence
 
@@ -10,7 +15,8 @@ from bench.figures import CannotMeasure, Figure, markdown
 from bench.speed import Plot
 from testbed import target
 
-_NOTES = Path(__file__).parent / "notes.md"
+DOCUMENT = target.REPOSITORY / "docs/performance.md"
+_WIDTH = 100
 
 #: Each plot: title, the two axes, and who stands for the floor.
 _PLOTS = {
@@ -18,13 +24,6 @@ _PLOTS = {
     "services": ("One service announced", "services", "ns of CPU each", "bare sendto"),
     "list": ("Tick of the list", "shares", "ns of CPU", "walk of a map"),
 }
-
-_HEAD = """# Performance
-
-What the daemon costs, beside the floor that the protocol or the kernel sets. `scripts/bench` wrote
-this file from one run; it overwrites everything but the notes, which are in bench/notes.md.
-
-"""
 
 
 def machine() -> str:
@@ -36,8 +35,10 @@ def machine() -> str:
                               check=True).stdout.splitlines()[0]
     cache = (target.build_directory() / "CMakeCache.txt").read_text()
     build_type = re.search(r"^CMAKE_BUILD_TYPE:\w+=(.*)$", cache, re.MULTILINE)[1]
-    return (f"Machine: {processor[1] if processor else system.machine}, {os.cpu_count()} cores,"
-            f" {system.sysname} {system.release}. Programs: {compiler}, {build_type}.")
+    return textwrap.fill(
+        f"Machine: {processor[1] if processor else system.machine}, {os.cpu_count()} cores,"
+        f" {system.sysname} {system.release}. Programs: {compiler}, {build_type}.",
+        _WIDTH, break_long_words=False, break_on_hyphens=False)
 
 
 def draw(plots: dict[str, Plot], directory: Path) -> None:
@@ -68,12 +69,22 @@ END
             raise CannotMeasure(f"gnuplot: {done.stderr.strip()}")
 
 
-def write_document(figures: Sequence[Figure], plots: dict[str, Plot], remarks: str,
-                   directory: Path) -> Path:
-    """performance.md in the directory, with its plots in `performance` there."""
-    draw(plots, directory / "performance")
+def write_figures(figures: Sequence[Figure], plots: dict[str, Plot], remarks: str,
+                  document: Path) -> None:
+    """The part of scripts/bench, and its plots in `performance` beside the document."""
+    draw(plots, document.parent / "performance")
     pictures = "".join(f"![{_PLOTS[name][0]}](performance/{name}.png)\n" for name in plots)
-    file = directory / "performance.md"
-    parts = [_HEAD + machine() + "\n", markdown(figures), remarks, pictures, _NOTES.read_text()]
-    file.write_text("\n".join(part for part in parts if part))
-    return file
+    parts = [machine() + "\n", markdown(figures), remarks, pictures]
+    write_part("scripts/bench", "\n".join(part for part in parts if part), document)
+
+
+def write_part(writer: str, text: str, document: Path) -> None:
+    """Replace a writer's part of the document by the text, which ends with a newline. Raises
+    CannotMeasure when the document has not exactly one such part.
+    """
+    begin, end = f"<!-- {writer} writes what follows -->\n", f"<!-- {writer}: end -->\n"
+    before, found, rest = document.read_text().partition(begin)
+    _, ended, after = rest.partition(end)
+    if not found or not ended or begin in rest or end in before + after:
+        raise CannotMeasure(f"{document} has not one part of {writer}")
+    document.write_text(f"{before}{begin}\n{text}\n{end}{after}")

@@ -5,7 +5,7 @@
 #include <memory>
 #include <utility>
 
-// Owners of GLib's things, for the tools and the hardware services.
+// Owners of GLib objects, for the tools and the hardware services.
 
 namespace glib {
 
@@ -17,7 +17,7 @@ struct Releaser {
   }
 };
 
-/// Owns a thing, or one reference to it, that `Release` gives back.
+/// Owns an object, or one reference to it, and releases it with `Release`.
 template <typename T, auto Release>
 using Pointer = std::unique_ptr<T, Releaser<Release>>;
 
@@ -27,7 +27,7 @@ using VariantPointer = Pointer<GVariant, g_variant_unref>;
 using CharPointer = Pointer<char, g_free>;
 using MainLoopPointer = Pointer<GMainLoop, g_main_loop_unref>;
 
-/// Takes over a new, still floating variant.
+/// Takes ownership of a new variant, which is still floating.
 inline VariantPointer Sink(GVariant* variant) {
   return VariantPointer(g_variant_ref_sink(variant));
 }
@@ -41,7 +41,7 @@ class ErrorHolder {
   ~ErrorHolder() { g_clear_error(&error_); }
 
   GError** Out() { return &error_; }
-  /// Empty while nothing failed.
+  /// Empty if nothing has failed.
   const char* Text() const { return error_ != nullptr ? error_->message : ""; }
   bool WouldBlock() const {
     return g_error_matches(error_, G_IO_ERROR, G_IO_ERROR_WOULD_BLOCK) != FALSE;
@@ -51,12 +51,12 @@ class ErrorHolder {
   GError* error_ = nullptr;
 };
 
-/// Owns a source of the default main context and takes it out when it is destroyed or replaced.
+/// Owns a source of the default main context and removes it when destroyed or replaced.
 class EventSource {
  public:
   EventSource() = default;
 
-  /// Takes over a source that is not attached yet, and attaches it.
+  /// Takes ownership of a source that is not attached yet, and attaches it.
   explicit EventSource(GSource* source) : source_(source) { g_source_attach(source_, nullptr); }
 
   EventSource(EventSource&& other) noexcept : source_(std::exchange(other.source_, nullptr)) {}

@@ -4,7 +4,7 @@
 
 namespace program {
 
-/// The main loop of a program that SIGTERM and SIGINT end in an orderly way. One in a process.
+/// The main loop of a program that ends in an orderly way on SIGTERM and SIGINT. One per process.
 class MainLoop {
  public:
   MainLoop();

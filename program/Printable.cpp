@@ -78,21 +78,6 @@ std::string Padded(std::string text, std::size_t width) {
   return text;
 }
 
-std::string JsonString(std::string_view bytes) {
-  std::string text = "\"";
-  for (const char c : bytes) {
-    if (c == '"' || c == '\\') {
-      text += '\\';
-      text += c;
-    } else if (c >= 0x20 && c < 0x7F) {
-      text += c;
-    } else {
-      text += "\\u00" + HexByte(c);
-    }
-  }
-  return text + "\"";
-}
-
 std::string HexDigits(std::string_view bytes) {
   std::string digits;
   digits.reserve(2 * bytes.size());
@@ -107,7 +92,7 @@ std::string HexDump(std::string_view bytes, std::size_t maxRows) {
     dump += DumpRow(bytes, offset);
   }
   if (offset < bytes.size()) {
-    dump += "... and " + std::to_string(bytes.size() - offset) + " bytes more\n";
+    dump += "... and " + std::to_string(bytes.size() - offset) + " more bytes\n";
   }
   return dump;
 }

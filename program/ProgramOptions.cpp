@@ -48,8 +48,8 @@ GOptionEntry Question(const char* name, char letter, GOptionArgFunc answer,
 
 bool ReadOptions(int argc, char* argv[], const char* summary, const GOptionEntry* entries,
                  const char* command) {
-  const GOptionEntry more[] = {Question("version", 0, ShowVersion, "Show the version and end"),
-                               Question("help", 'h', ShowHelp, "Show the options and end"),
+  const GOptionEntry more[] = {Question("version", 0, ShowVersion, "Show the version and exit"),
+                               Question("help", 'h', ShowHelp, "Show the options and exit"),
                                GOptionEntry{}};
   const glib::Pointer<GOptionContext, g_option_context_free> context(g_option_context_new(nullptr));
   Help help{context.get(), command};

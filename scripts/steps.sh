@@ -30,7 +30,7 @@ step() {
   fi
   finished "$title: FAILED with status $status"
   tail -n 200 "$log"
-  echo "The whole output is in $log"
+  echo "The full output is in $log"
   exit 1
 }
 

@@ -23,7 +23,7 @@ class DisplayProgram(ABC):
         self._process = self._spawn()
         self._await_listening(self._process)
         self.present = True
-        self.presence.record("the display application is there")
+        self.presence.record("the display application has started")
 
     def stop(self) -> None:
         """Be absent."""
@@ -31,7 +31,7 @@ class DisplayProgram(ABC):
             self._process.terminate()
             self._process = None
             self.present = False
-            self.presence.record("the display application is gone")
+            self.presence.record("the display application has stopped")
 
     @abstractmethod
     def _spawn(self) -> Process:

@@ -19,7 +19,7 @@ _ARRIVALS = (
      "sd charts host=1 label=CHARTS readonly"),
     ("A stick is plugged into the port that the configuration calls Chart Port.",
      "usb update port=1-1.4 label=UPDATE"),
-    ("The configuration says that /dev/sdc1 is to be ignored.",
+    ("The configuration ignores /dev/sdc1.",
      "usb workshop port=1-1.5 label=TOOLS"),
     ("The unit's own card reader is plugged in; a card goes into its first slot.",
      "reader kr20 luns=2 port=1-1.6",
@@ -33,7 +33,7 @@ def play(stage: Stage, timeline: Timeline) -> int:
 
     def told(timeout: float = timeouts.EVENT) -> None:
         if not stage.told(timeout):
-            raise NotSeen("the display application was not told what the daemon has for it")
+            raise NotSeen("the display application did not receive what the daemon has for it")
         timeline.show()
 
     timeline.heading("An SD card is in its slot when the unit starts.")
@@ -47,12 +47,12 @@ def play(stage: Stage, timeline: Timeline) -> int:
             unit.hal.plug(device)
         told()
 
-    timeline.heading("The display application wants to hear everything again (SIGUSR1).")
+    timeline.heading("The display application asks for all reports again (SIGUSR1).")
     unit.daemon.signal(signal.SIGUSR1)
     unit.daemon.expect_log(INFO, re.compile(r'Republish: "KR20 - 1" .*'))
     told()
 
-    timeline.heading("An operator takes cards out and puts them back without touching them (SIGUSR2).")
+    timeline.heading("An operator simulates the removal and reinsertion of cards (SIGUSR2).")
     unit.daemon.signal(signal.SIGUSR2)
     unit.daemon.expect_log(INFO, "_ManualScan()")
     told()
@@ -61,7 +61,7 @@ def play(stage: Stage, timeline: Timeline) -> int:
     unit.hal.pull("stick")
     told()
 
-    timeline.heading("The display application is away while a stick comes.")
+    timeline.heading("The display application is away while a stick arrives.")
     stage.display.stop()
     unit.hal.plug("usb late port=1-1.3 label=LATE")
     unit.settle()
@@ -69,7 +69,7 @@ def play(stage: Stage, timeline: Timeline) -> int:
     timeline.note("It is back. The daemon keeps the message and tries again every 10 seconds ...")
     told(timeouts.RETRY)
 
-    timeline.heading("What stands under /media now:")
+    timeline.heading("The links under /media now:")
     for name, destination in sorted(unit.links().items()):
         timeline.note(f"{name} -> {destination}")
 

@@ -43,7 +43,7 @@ def check_build_directory() -> None:
     configured."""
     if "VOLDRAKE_BUILD_DIR" in os.environ and not (build_directory() / "CMakeCache.txt").exists():
         raise NotADirectoryError(
-            f"VOLDRAKE_BUILD_DIR is {build_directory()}, which is no build directory")
+            f"VOLDRAKE_BUILD_DIR is {build_directory()}, which is not a build directory")
 
 
 def log_directory() -> Path:

@@ -3,6 +3,7 @@
 import os
 import re
 import sys
+from dataclasses import dataclass, field
 from typing import Iterator, TextIO
 
 from testbed.daemon import LogLine
@@ -13,7 +14,7 @@ from testbed.tape import Event, Mark, Tape
 _HEADING = "1"
 _COLOURS = {
     "plugged": "36", "pulled": "36", "asked": "2", "mounted": "34", "unmounted": "34",
-    "ran": "2", "linked": "35", "unlinked": "35", "told": "32;1", "says": "32;1",
+    "ran": "2", "linked": "35", "unlinked": "35", "reported": "32;1", "says": "32;1",
     "ignored": "33", "refused": "31",
 }
 _MOUNTED = re.compile(r"(mounted|unmounted) \S+ (.*)")
@@ -22,8 +23,27 @@ _OUTCOME = re.compile(r"(reply|error-reply \S+) \S+ \S+ [\w.]+\.Mount\(?")
 Row = tuple[str, str]  # kind and text
 
 
+@dataclass(frozen=True)
+class Happening:
+    """One line of the timeline."""
+
+    time: float  # seconds since the first tape began
+    unit: str
+    kind: str
+    text: str
+
+
+@dataclass
+class Chapter:
+    """A heading and the lines below it."""
+
+    title: str
+    happenings: list[Happening] = field(default_factory=list)
+
+
 class Timeline:
-    """Prints the events of one or several tapes that matter to a reader, each once, by time."""
+    """Prints the events of one or several tapes that matter to a reader, each once, by time, and
+    keeps them in `chapters`."""
 
     def __init__(self, tapes: dict[str, Tape], out: TextIO = sys.stdout) -> None:
         """`tapes`: each unit's tape by the name that its lines bear."""
@@ -32,10 +52,13 @@ class Timeline:
         self._width = max(len(name) for name in tapes)
         self._out = out
         self._coloured = out.isatty() and "NO_COLOR" not in os.environ
+        self.units = list(tapes)
+        self.chapters = [Chapter("")]
 
     def heading(self, text: str) -> None:
         """Print what is new, then begin a chapter."""
         self.show()
+        self.chapters.append(Chapter(text))
         print("\n" + self._painted(text, _HEADING), file=self._out, flush=True)
 
     def note(self, text: str) -> None:
@@ -48,8 +71,10 @@ class Timeline:
         lines = [(time, name, row) for name, reader in self._readers.items()
                  for time, row in reader.rows()]
         for time, name, (kind, text) in sorted(lines, key=lambda line: line[0]):
+            happening = Happening(time - self._started, name, kind, text)
+            self.chapters[-1].happenings.append(happening)
             unit = f"{name:<{self._width}}  " if self._width else ""
-            line = f"{time - self._started:8.3f}  {unit}{kind:<9}  {text}".rstrip()
+            line = f"{happening.time:8.3f}  {unit}{kind:<9}  {text}".rstrip()
             print(self._painted(line, _COLOURS.get(kind, "")), file=self._out)
         self._out.flush()
 
@@ -109,7 +134,7 @@ class _Reader:
         if event.source == "hal":
             return self._hal_row(event.text)
         if event.source == "app" and isinstance(event.data, Told):
-            return "told", str(event.data)
+            return "reported", str(event.data)
         if event.source == "says":
             return "says", event.text
         if event.source == "links":

@@ -14,7 +14,7 @@ _STICK_ON_NORTH = "/mnt/169.254.1.2:-media-sda1"
 def play(north: Stage, south: Stage, timeline: Timeline) -> int:
     """Play it; the worse of the daemons' exit statuses. NotSeen when something did not come out
     as told. Requires: north is 169.254.1.1, south 169.254.1.2."""
-    timeline.heading("Two units on one wire; each is told that the other one is its peer.")
+    timeline.heading("Two units on one wire; each has the other as its peer.")
     for stage, other in ((north, south), (south, north)):
         assert other.unit.eth0
         stage.start_daemon("--peer-mac", other.unit.eth0.hardware_address())
@@ -26,7 +26,7 @@ def play(north: Stage, south: Stage, timeline: Timeline) -> int:
     south.expect_told("arrival", _CARD_ON_SOUTH)
     _read(timeline, "south", south, f"{_CARD_ON_SOUTH}/route.txt")
 
-    timeline.heading("North hears of its peer as well, and lets it write.")
+    timeline.heading("North hears its peer as well, and lets it write.")
     north.tools.expect(re.compile(r"^exportfs -o rw,\S+ 169\.254\.1\.2:"))
 
     timeline.heading("A stick is plugged into south; north writes to it, and south reads that.")
@@ -47,7 +47,7 @@ def play(north: Stage, south: Stage, timeline: Timeline) -> int:
     south.expect_told("arrival", _CARD_ON_SOUTH)
     north.expect_told("arrival", _STICK_ON_NORTH)
 
-    timeline.heading("The stick is pulled out of south; north is told without delay.")
+    timeline.heading("The stick is pulled out of south; north hears at once.")
     south.unit.hal.pull("stick")
     south.expect_told("removal", _STICK)
     north.expect_told("removal", _STICK_ON_NORTH)

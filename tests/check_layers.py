@@ -28,7 +28,9 @@ BESIDE = {
     "hal/face": {"glib", "hal/face"},
     "hal/sim": {"glib", "program", "hal/face", "hal/sim"},
     "hal/kernel": {"glib", "program", "hal/face", "hal/kernel"},
-    "tools": {"glib", "program", "tools"},
+    "tools/common": {"glib", "program", "tools/common"},
+    "tools/monitor": {"glib", "program", "tools/common", "tools/monitor"},
+    "tools/shares": {"glib", "program", "tools/common", "tools/shares"},
 }
 
 # Plain records, which the middle layers may hand to one another.
@@ -159,7 +161,10 @@ GOOD_NEIGHBOURS = {
     "hal/face/DeviceTree.h": '#include "glib/Handles.h"\n',
     "hal/sim/main.cpp": '#include "hal/face/DeviceTree.h"\n#include "program/Output.h"\n',
     "hal/kernel/Media.h": '#include "hal/face/DeviceTree.h"\n',
-    "tools/monitor.cpp": '#include "program/Output.h"\n',
+    "tools/common/TimeText.h": "#include <string>\n",
+    "tools/monitor/Frame.h": "#include <string>\n",
+    "tools/monitor/main.cpp": '#include "program/Output.h"\n#include "tools/common/TimeText.h"\n',
+    "tools/shares/main.cpp": '#include "program/Output.h"\n',
 }
 
 BAD_NEIGHBOURS = {
@@ -169,11 +174,17 @@ BAD_NEIGHBOURS = {
     "hal/sim/Across.cpp": ('#include "hal/kernel/Media.h"\n',
                            "hal/sim/Across.cpp:1: hal/kernel/Media.h: "
                            "hal/sim must not include hal/kernel"),
-    "hal/kernel/Tool.cpp": ('#include "tools/Frame.h"\n',
-                            "hal/kernel/Tool.cpp:1: tools/Frame.h: no such header"),
-    "tools/Daemon.cpp": ('#include "frame/Log.h"\n',
-                         "tools/Daemon.cpp:1: frame/Log.h: "
-                         "a quoted include must carry its folder"),
+    "hal/kernel/Tool.cpp": ('#include "tools/monitor/Frame.h"\n',
+                            "hal/kernel/Tool.cpp:1: tools/monitor/Frame.h: "
+                            "hal/kernel must not include tools/monitor"),
+    "tools/shares/Across.cpp": ('#include "tools/monitor/Frame.h"\n',
+                                "tools/shares/Across.cpp:1: tools/monitor/Frame.h: "
+                                "tools/shares must not include tools/monitor"),
+    "tools/common/Lost.cpp": ('#include "tools/common/Lost.h"\n',
+                              "tools/common/Lost.cpp:1: tools/common/Lost.h: no such header"),
+    "tools/monitor/Daemon.cpp": ('#include "frame/Log.h"\n',
+                                 "tools/monitor/Daemon.cpp:1: frame/Log.h: "
+                                 "a quoted include must carry its folder"),
 }
 
 

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""A display application, as small as one can be that also bears bad days.
+"""A display application, as small as one can be that also survives bad days.
 
     display.py [--port=8080] [--ask=COMMAND]
 
-Prints each message and, whenever it has changed, the list that a user would see. COMMAND is run
-once the application listens: it has the daemon tell all volumes again, as in
+Prints each message and, whenever it changes, the list that a user would see. Runs COMMAND once the
+application listens, to ask the daemon to report all volumes again, as in
 --ask='kill -USR1 $(pidof voldrake)'.
 """
 
@@ -18,11 +18,11 @@ import subprocess
 import time
 from xml.etree import ElementTree
 
-TIME_LIMIT = 2  # seconds for one frame; the daemon does not take longer over it
+TIME_LIMIT = 2  # seconds for one frame; the daemon never takes longer
 
 
 def read_frame(connection: socket.socket) -> str:
-    """The text of the one frame of a connection. ValueError or OSError when it is none."""
+    """The text of a connection's only frame. ValueError or OSError if it is not a valid frame."""
     data, deadline = b"", time.monotonic() + TIME_LIMIT
     while len(data) < 6 or len(data) < 2 + int.from_bytes(data[:2], "big"):
         connection.settimeout(max(deadline - time.monotonic(), 0.001))
@@ -31,41 +31,41 @@ def read_frame(connection: socket.socket) -> str:
         data += piece
     payload = data[6:]
     if struct.unpack(">HHH", data[:6]) != (len(payload) + 4, 0, len(payload)):
-        raise ValueError("lengths that contradict each other")
+        raise ValueError("contradictory lengths")
     if len(payload) % 2 or any(payload[0::2]):
         raise ValueError("a text that the daemon does not send")
     return payload[1::2].decode("latin-1")
 
 
 def read_message(text: str) -> tuple[str, dict[str, str]]:
-    """Kind and attributes. ValueError or ParseError when the text is no message."""
+    """Kind and attributes. ValueError or ParseError if the text is not a valid message."""
     if not text.startswith("<message "):  # so no document type, whose entities could be endless
-        raise ValueError("no message")
+        raise ValueError("not a message")
     (element,) = ElementTree.fromstring(text).findall("content/*")
     return element.tag, {name: value.encode("latin-1").decode("utf-8", "surrogateescape")
                          for name, value in {"path": "", **element.attrib}.items()}
 
 
 def mounted() -> set[str]:
-    """Every directory on which something is mounted, as the kernel has it at this moment."""
+    """Every directory on which something is mounted at this moment, according to the kernel."""
     with open("/proc/self/mountinfo", "rb") as table:
         places = [line.split(b" ")[4].decode("utf-8", "surrogateescape") for line in table]
     return {re.sub(r"\\([0-7]{3})", lambda code: chr(int(code[1], 8)), path) for path in places}
 
 
 def place(path: str) -> str:
-    """The path as the kernel has it, where the image has a link in place of /mnt."""
+    """The path as the kernel knows it, even if /mnt is a link."""
     folder, _, name = path.rpartition("/")
     return f"{os.path.realpath(folder)}/{name}"
 
 
 def shown(text: str) -> str:
-    """A text as it may go to a terminal."""
+    """The text, safe for a terminal."""
     return "".join(letter if letter.isprintable() else "?" for letter in text)
 
 
 def take_message(connection: socket.socket, volumes: dict[str, str]) -> None:
-    """Change the list of volumes, path to name, by the message of a connection."""
+    """Update the list of volumes, path to name, from a connection's message."""
     try:
         kind, volume = read_message(read_frame(connection))
     except (OSError, ValueError, ElementTree.ParseError) as error:
@@ -75,14 +75,14 @@ def take_message(connection: socket.socket, volumes: dict[str, str]) -> None:
         volumes[volume["path"]] = volume.get("friendlyname", "")
     elif kind == "dataremoval":
         volumes.pop(volume["path"], None)
-    print(f"told: {shown(kind)} {shown(volume['path'])}", flush=True)
+    print(f"received: {shown(kind)} {shown(volume['path'])}", flush=True)
 
 
 def main() -> None:
-    """Listen, ask, and show for ever what is there."""
+    """Listen, ask, and keep showing the volumes that are present."""
     parser = argparse.ArgumentParser(description="Shows the volumes of a unit.")
     parser.add_argument("--port", type=int, default=8080)
-    parser.add_argument("--ask", metavar="COMMAND", help="has the daemon tell all volumes again")
+    parser.add_argument("--ask", metavar="COMMAND", help="asks for a new report of all volumes")
     options = parser.parse_args()
     listener = socket.create_server(("127.0.0.1", options.port), backlog=16)
     if options.ask:
@@ -92,7 +92,7 @@ def main() -> None:
     with open("/proc/self/mountinfo", "rb") as table:
         events = select.poll()
         events.register(listener, select.POLLIN)
-        events.register(table, select.POLLPRI)  # the kernel tells of every mount and unmount
+        events.register(table, select.POLLPRI)  # the kernel signals every mount and unmount
         while True:
             there = mounted()
             display = {path: name for path, name in volumes.items() if place(path) in there}

@@ -99,13 +99,14 @@ void BusLink::GiveUpName() {
   (void)CallBus("ReleaseName", g_variant_new("(s)", kService), &result);
 }
 
-void BusLink::Flush() {
-  if (connection_) g_dbus_connection_flush_sync(connection_.get(), nullptr, nullptr);
+bool BusLink::Flush() {
+  return connection_ && g_dbus_connection_flush_sync(connection_.get(), nullptr, nullptr) &&
+         !g_dbus_connection_is_closed(connection_.get());
 }
 
 void BusLink::Close() {
   if (!connection_) return;
-  Flush();
+  (void)Flush();
   g_signal_handler_disconnect(connection_.get(), closedHandler_);
   g_dbus_connection_close_sync(connection_.get(), nullptr, nullptr);
   Forget();

@@ -18,34 +18,35 @@ class BusLink {
   using LossHandler = std::function<void()>;
   using UserHandler = std::function<void(std::optional<unsigned> uid)>;
 
-  /// An empty address is the system bus.
+  /// An empty address means the system bus.
   BusLink(std::string address, CallHandler onCall, LossHandler onLoss);
   ~BusLink();
   BusLink(const BusLink&) = delete;
   BusLink& operator=(const BusLink&) = delete;
 
-  /// Connects if necessary. Gives the reason of a failure. Blocks.
+  /// Connects if necessary. Returns the reason for a failure. Blocks.
   std::optional<std::string> Connect();
   /// Takes the service's name, without queueing for it. Requires: connected. Blocks.
   std::optional<std::string> TakeName();
   void GiveUpName();
-  /// Returns when what was sent has gone out to the bus. Blocks.
-  void Flush();
-  /// Closes the connection after what was sent has gone out. Blocks.
+  /// Returns once everything that was sent has reached the bus; false if it has not, because the
+  /// connection is broken. Blocks.
+  [[nodiscard]] bool Flush();
+  /// Closes the connection once everything that was sent has reached the bus. Blocks.
   void Close();
 
   bool IsConnected() const { return connection_ != nullptr; }
   bool OwnsName() const { return ownsName_; }
-  /// ":1.5"; empty while there is no connection.
+  /// Such as ":1.5"; empty while there is no connection.
   std::string UniqueName() const;
 
-  /// A signal; an empty destination is everybody. False, without effect, when the message cannot be
-  /// built.
+  /// Sends a signal, to everybody if the destination is empty. Returns false, without effect, if
+  /// the message cannot be built.
   bool Emit(const std::string& destination, const std::string& path, const std::string& interface,
             const std::string& member, GVariant* body);
   void Send(GDBusMessage* message);
-  /// Asks the bus which user a client is; nullopt: the bus does not know, or not any more. The
-  /// handler runs later, on the main loop, and not at all when this object is gone by then.
+  /// Asks the bus which user a client runs as; nullopt if the bus does not know, or no longer. The
+  /// handler runs later, on the main loop, unless this object has been destroyed by then.
   void AskUser(const std::string& client, UserHandler handler);
 
  private:

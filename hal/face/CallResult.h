@@ -7,7 +7,7 @@
 
 namespace hal {
 
-/// What a call is answered with: values, a tuple, or an error.
+/// The answer to a call: values, as a tuple, or an error.
 struct CallResult {
   glib::VariantPointer values;
   std::string errorName;  // empty: no error
@@ -19,7 +19,7 @@ struct CallResult {
   }
 };
 
-/// A signal on its way out. Everything is valid only during the call that hands it over.
+/// An outgoing signal. Everything is valid only during the call that passes it on.
 struct Signal {
   const std::string& destination;  // empty: everybody
   const std::string& path;

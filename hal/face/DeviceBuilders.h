@@ -6,10 +6,10 @@
 
 #include "hal/face/DeviceChain.h"
 
-// How the chains of devices are built: names, parents, and which property stands on which object,
-// once for every source of devices. Where a device is in sysfs, and what the hardware says of
-// itself, comes from the caller. Each function appends to the chain and reserves names there; none
-// has another effect.
+// How the chains of devices are built: names, parents, and which object has which property, in one
+// place for every source of devices. The caller passes the device's place in sysfs and what the
+// hardware reports about itself. The functions append to the chain and reserve names there; they
+// have no other effect.
 
 namespace hal {
 
@@ -61,7 +61,7 @@ struct VolumeFacts {
 Place AppendUsbDevice(DeviceChain& chain, const UsbDeviceFacts& facts);
 Place AppendUsbInterface(DeviceChain& chain, const Place& usbDevice, int number,
                          const std::string& sysfsPath);
-/// Whatever a SCSI or SD host hangs on, as "platform_NAME" or "pci_NAME".
+/// The parent of a SCSI or SD host, as "platform_NAME" or "pci_NAME".
 Place AppendController(DeviceChain& chain, const std::string& bus, const std::string& name,
                        const std::string& sysfsPath);
 Place AppendScsiHost(DeviceChain& chain, const Place& parent, const std::string& sysfsPath);
@@ -71,23 +71,24 @@ Place AppendScsiDevice(DeviceChain& chain, const Place& host, const ScsiAddress&
 Place AppendSdHost(DeviceChain& chain, const Place& controller, int number,
                    const std::string& sysfsPath);
 Place AppendCard(DeviceChain& chain, const Place& parent, const CardFacts& facts);
-/// `name` is the storage object's, without prefix, if not the one that the serial number makes.
+/// `name` is that of the storage object, without prefix, if it is not derived from the serial
+/// number.
 Place AppendDisk(DeviceChain& chain, const Place& parent, const DiskFacts& facts,
                  const std::optional<std::string>& name = std::nullopt);
-/// An unmounted volume. `name` is its object's, without prefix, if not the one that VolumeName
-/// makes.
+/// An unmounted volume. `name` is that of its object, without prefix, if it is not the one from
+/// VolumeName.
 Place AppendVolume(DeviceChain& chain, const Place& disk, const VolumeFacts& facts,
                    const std::optional<std::string>& name = std::nullopt);
 
 /// "0x206bb243": the serial number in an SD card's identification.
 std::string CardSerial(const std::string& cid);
-/// From the UUID, without one the label, without both partition and size.
+/// From the UUID, else from the label, else from partition and size.
 std::string VolumeName(const DeviceChain& chain, const VolumeFacts& facts);
 
 /// The three properties of a volume's mount state, in the order in which they change: clients see
 /// the newest change, the mount point, first.
 PropertyEdits MountState(const std::string& mountPoint, bool mounted, bool readOnly);
-/// Whether the service calls the volume mounted.
+/// Whether the service reports the volume as mounted.
 bool IsMounted(const Device& volume);
 
 }  // namespace hal

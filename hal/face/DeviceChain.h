@@ -7,27 +7,26 @@
 
 namespace hal {
 
-/// A device that others hang on.
+/// A device that is the parent of others.
 struct Place {
   std::string udi;
   std::string sysfsPath;
 };
 
-/// What becomes of texts that the hardware gives itself (serial number, label, controller) when
-/// they go into an object's name.
+/// How texts from the hardware (serial number, label, controller) become part of an object's name.
 enum class HardwareTexts {
   /// Slashes become "_" and the words "usb", "scsi" and "mmc" are broken ("m_mc"): clients tell the
   /// bus of a device by these words in its name.
   Tamed,
-  /// As they are: the simulator's user may want just such a name.
+  /// Unchanged: a user of the simulator may want just such a name.
   AsGiven,
 };
 
-/// A text of the hardware as it goes into an object's name; see HardwareTexts::Tamed.
+/// A text from the hardware in the form for object names; see HardwareTexts::Tamed.
 std::string TameForName(std::string_view text);
 
-/// New devices, parents first, not yet in the tree. Their object paths are reserved from the moment
-/// they are made; what is not taken is given back by the destructor.
+/// New devices, parents first, not yet in the tree. Their object paths are reserved as soon as they
+/// are made; the destructor releases those of devices that were not taken.
 class DeviceChain {
  public:
   explicit DeviceChain(DeviceTree& tree, HardwareTexts texts = HardwareTexts::Tamed)
@@ -36,17 +35,18 @@ class DeviceChain {
   DeviceChain(const DeviceChain&) = delete;
   DeviceChain& operator=(const DeviceChain&) = delete;
 
-  /// A device with info.udi, info.parent and linux.sysfs_path. The reference is valid until Take.
+  /// Adds a device with info.udi, info.parent and linux.sysfs_path. The reference is valid until
+  /// Take.
   Device& Append(DeviceKind kind, const std::string& name, const std::string& parent,
                  const std::string& sysfsPath);
 
-  /// The text as this chain's names carry it. Whatever the hardware says passes through here.
+  /// The text in the form for this chain's names. Every text from the hardware passes through here.
   std::string InName(const std::string& hardwareText) const;
 
   const std::list<Device>& Devices() const { return devices_; }
-  /// A device of the chain; null when there is none with this path.
+  /// A device of the chain; null if none has this path.
   Device* Find(const std::string& udi);
-  /// Hands over all devices; their paths stay reserved.
+  /// Returns all devices; their paths stay reserved.
   std::list<Device> Take();
 
  private:

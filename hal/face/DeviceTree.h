@@ -10,9 +10,9 @@
 
 #include "hal/face/PropertyValue.h"
 
-// The devices that the service knows, without any bus. Any source of devices can fill the tree; its
-// contract: parents come before children, a volume is unmounted before it goes, and whatever
-// changes later changes through Modify. Everything here belongs to the main thread.
+// The devices that the service knows; independent of the bus. Any source of devices can fill the
+// tree. The contract: parents are added before their children, a volume is unmounted before it is
+// removed, and later changes go through Modify. Main thread only.
 
 namespace hal {
 
@@ -34,13 +34,13 @@ struct Device {
   DeviceKind kind = DeviceKind::Other;
   std::map<std::string, PropertyValue> properties;
 
-  /// The property if it is there and of this type, else null.
+  /// The property; null if it does not exist or has another type.
   template <typename T>
   const T* Get(const std::string& key) const {
     const auto found = properties.find(key);
     return found == properties.end() ? nullptr : std::get_if<T>(&found->second);
   }
-  /// The string property; empty when it is not there or no string.
+  /// The string property; empty if it does not exist or is not a string.
   std::string Text(const std::string& key) const;
 };
 
@@ -50,10 +50,10 @@ struct PropertyChange {
   bool removed;
 };
 
-/// New values by key, in the order of the changes; nothing takes the property away.
+/// New values by key, in the order of the changes; std::nullopt removes the property.
 using PropertyEdits = std::vector<std::pair<std::string, std::optional<PropertyValue>>>;
 
-/// Told after each change of the tree.
+/// Notified after each change of the tree.
 class IDeviceTreeObserver {
  public:
   virtual ~IDeviceTreeObserver() = default;
@@ -69,30 +69,31 @@ class DeviceTree {
   /// Holds the root device from the start.
   DeviceTree();
 
-  /// Not owned; null for none.
+  /// Not owned; may be null.
   void SetObserver(IDeviceTreeObserver* observer) { observer_ = observer; }
 
-  /// In the order of their arrival.
+  /// All devices, in the order of their arrival.
   const std::list<Device>& Devices() const { return devices_; }
-  /// Null when there is none; valid until the device is removed.
+  /// Null if there is none; valid until the device is removed.
   const Device* Find(const std::string& udi) const;
-  /// Objects whose info.capabilities holds the capability, in the order of their arrival.
+  /// Devices whose info.capabilities contains the capability, in the order of their arrival.
   std::vector<std::string> FindByCapability(const std::string& capability) const;
 
-  /// Makes an object path from a name: prefix, characters that a path cannot have replaced, and _0,
-  /// _1, ... on a clash. The path is taken until its device is removed or Release gives it back.
+  /// Makes an object path from a name: adds the prefix, replaces characters that a path cannot
+  /// contain, and appends _0, _1, ... if it is in use. The path stays reserved until its device is
+  /// removed or Release frees it.
   std::string Reserve(const std::string& name);
   void Release(const std::string& udi);
 
   /// Requires: the device's path was reserved and is not in the tree.
   void Add(Device device);
   void Remove(const std::string& udi);
-  /// What does not change is not announced. Nothing happens when the device is not there.
+  /// Announces only what changes. Does nothing if there is no such device.
   void Modify(const std::string& udi, const PropertyEdits& edits);
-  /// Tells the observer of a device that was added silently.
+  /// Notifies the observer of a device that was added silently.
   void AnnounceAdded(const std::string& udi);
 
-  /// While one of these lives the observer is told nothing.
+  /// While one of these exists, the observer is not notified.
   class Silence {
    public:
     explicit Silence(DeviceTree& tree) : tree_(tree) { ++tree_.silences_; }

@@ -5,8 +5,8 @@
 
 #include "hal/face/DeviceTree.h"
 
-// The service's interfaces as introspection describes them: one description, from which calls are
-// checked and introspection is answered.
+// The service's interfaces as introspection describes them: one description, used both to check
+// calls and to answer introspection.
 
 namespace hal {
 

@@ -9,8 +9,8 @@
 #include "hal/face/DeviceTree.h"
 #include "hal/face/IVolumeActions.h"
 
-// The methods of the service: one table, from which calls are dispatched. Their arguments and
-// values are described in HalInterfaces.
+// The methods of the service: the table by which calls are dispatched. HalInterfaces describes
+// their arguments and results.
 
 namespace hal {
 
@@ -30,12 +30,12 @@ struct Method {
   std::optional<CallResult> (*carryOut)(const CallContext& context);
 };
 
-/// The method of this interface; of any interface in the list if `interface` is empty. Null when
+/// The method of this interface, or of any interface in the list if `interface` is empty. Null if
 /// there is none.
 const Method* FindMethod(const std::vector<std::string>& interfaces, const std::string& interface,
                          const std::string& member);
 
-/// The interfaces of the object at this path: none for an object that is not there.
+/// The interfaces of the object at this path; empty if there is no such object.
 std::vector<std::string> InterfacesOf(const DeviceTree& tree, const std::string& path);
 
 }  // namespace hal

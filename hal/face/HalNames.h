@@ -2,8 +2,8 @@
 
 namespace hal {
 
-// The well-known texts of the service's bus interface. Those that stand in one place only, most
-// properties among them, stand there.
+// The well-known texts of the service's bus interface. A text that is used in one place only, as
+// most properties are, is defined there.
 
 inline constexpr const char* kService = "org.freedesktop.Hal";
 inline constexpr const char* kManagerPath = "/org/freedesktop/Hal/Manager";

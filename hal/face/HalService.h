@@ -15,28 +15,29 @@
 
 namespace hal {
 
-/// The bus face of a device tree: serves its objects and sends its signals. It knows nothing of
-/// where the devices come from. Everything belongs to the main thread.
+/// The bus side of a device tree: serves its objects and sends its signals, whatever the source of
+/// the devices. Main thread only.
 class HalService : public IDeviceTreeObserver {
  public:
-  /// An empty address is the system bus. `onLoss` is called when the bus closed the connection; the
-  /// observer may be null. Nothing is owned.
+  /// An empty address means the system bus. `onLoss` is called when the bus has closed the
+  /// connection; the observer may be null. Owns none of them.
   HalService(DeviceTree& tree, IVolumeActions& actions, ICallObserver* observer,
              const std::string& address, std::function<void()> onLoss);
   ~HalService() override;
   HalService(const HalService&) = delete;
   HalService& operator=(const HalService&) = delete;
 
-  /// Connects if necessary. Gives the reason of a failure. Blocks.
+  /// Connects if necessary. Returns the reason for a failure. Blocks.
   std::optional<std::string> Connect();
-  /// Connects if necessary and takes the name. Nothing is announced. Gives the reason of a failure.
-  /// Blocks.
+  /// Connects if necessary and acquires the name. Announces nothing. Returns the reason for a
+  /// failure. Blocks.
   std::optional<std::string> Return();
-  /// Closes the connection; calls that have no answer yet get none.
+  /// Closes the connection; calls not answered by then get no answer.
   void Leave();
   void GiveUpName() { bus_.GiveUpName(); }
-  /// Returns when all signals and answers until now have gone out to the bus. Blocks.
-  void Flush() { bus_.Flush(); }
+  /// Returns once all signals and answers so far have reached the bus; false if they have not,
+  /// because the connection is broken. Blocks.
+  [[nodiscard]] bool Flush() { return bus_.Flush(); }
 
   std::string UniqueName() const { return bus_.UniqueName(); }
   bool OwnsName() const { return bus_.OwnsName(); }
@@ -46,12 +47,12 @@ class HalService : public IDeviceTreeObserver {
     bus_.AskUser(client, std::move(handler));
   }
 
-  /// Carries a call out that the observer took over, and answers it.
+  /// Executes and answers a call that the observer took over.
   void Serve(GDBusMessage* call);
   /// Answers a call that the observer took over.
   void Answer(GDBusMessage* call, const CallResult& result);
 
-  /// Any signal; an empty destination is everybody. Gives the reason of a failure.
+  /// Sends any signal, to everybody if the destination is empty. Returns the reason for a failure.
   /// Requires: valid names.
   std::optional<std::string> EmitRaw(const std::string& destination, const std::string& path,
                                      const std::string& interface, const std::string& member,

@@ -8,7 +8,8 @@
 
 namespace hal {
 
-/// Decimal or, after "0x", hexadecimal; nullopt if the text is anything else or out of T's range.
+/// Parses a decimal or, after "0x", hexadecimal number; nullopt if the text is anything else or out
+/// of T's range.
 template <typename T>
 std::optional<T> ParseNumber(std::string_view text) {
   int base = 10;
@@ -30,7 +31,7 @@ std::string Join(const std::vector<std::string>& parts, std::string_view separat
 
 bool Contains(const std::vector<std::string>& texts, std::string_view text);
 
-/// What follows the last slash; the whole text without one.
+/// The part after the last slash; the whole text if there is none.
 std::string BaseName(std::string_view path);
 
 }  // namespace hal

@@ -4,7 +4,7 @@
 
 namespace hal {
 
-/// What the volume interface refuses with. The wire's names are in VolumeError.cpp.
+/// The errors of the volume interface. Their names on the bus are in VolumeError.cpp.
 enum class VolumeFault {
   PermissionDenied,
   AlreadyMounted,

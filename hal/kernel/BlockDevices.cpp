@@ -2,6 +2,7 @@
 
 #include <set>
 #include <utility>
+#include <variant>
 
 #include "hal/kernel/Log.h"
 
@@ -14,6 +15,12 @@ std::string ShortName(const std::string& path) {
 
 std::string DirectoryOf(const std::string& path) {
   return path.substr(0, path.rfind('/'));
+}
+
+/// True of a disk on USB whose devices above it were not all found, which is no property of it.
+bool LacksItsChain(const DiskState& state) {
+  return state.disk && std::holds_alternative<std::monostate>(state.disk->facts.chain) &&
+         state.disk->facts.sysfsPath.find("/usb") != std::string::npos;
 }
 
 bool SameKeys(const std::vector<WantedObject>& left, const std::vector<WantedObject>& right) {
@@ -163,7 +170,10 @@ void BlockDevices::Show(const std::string& path, Disk& disk) {
   const char* leftOut = LeftOut(disk.state, index_);
   const bool withdrawn = disk.state.disk && disk.state.disk->withdrawn;
   if (leftOut != nullptr && leftOut != disk.leftOut && !withdrawn) {
-    Log(LOG_DEBUG, ShortName(path) + " is left out: " + leftOut);
+    Log(LOG_DEBUG, ShortName(path) + " is not served: " + leftOut);
+    if (LacksItsChain(disk.state)) {
+      Log(LOG_WARNING, ShortName(path) + " is not served: a device above it cannot be read");
+    }
   }
   disk.leftOut = leftOut;
   disk.shown = Describe(disk.state, index_);

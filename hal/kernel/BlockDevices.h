@@ -13,20 +13,20 @@
 #include "hal/kernel/StateFile.h"
 #include "hal/kernel/UdevWatch.h"
 
-// All disks of the machine: what udev and the mount table tell of them goes in here, and the device
-// tree follows. Cold plug, hot plug, lost events and restart are one operation: describe a disk
-// from what was told of it, compare with the tree, change the tree.
+// All disks of the machine: takes in what udev and the mount table report and keeps the device tree
+// up to date. Cold plug, hot plug, lost events and restart are one operation: describe a disk from
+// what was reported, compare with the tree, change the tree.
 
 namespace halkernel {
 
-/// What the kernel is asked to do about a medium that is gone.
+/// What the kernel is asked to do when a medium is gone.
 class IMediumActions {
  public:
   virtual ~IMediumActions() = default;
-  /// Detaches what is mounted there, whoever uses it, and removes the directory if the service made
-  /// it. A failure is logged.
+  /// Detaches what is mounted there, even while in use, and removes the directory if the service
+  /// made it. Logs a failure.
   virtual void Detach(const std::string& mountPoint) = 0;
-  /// Opens the disk once, at which the kernel drops partitions of the medium before.
+  /// Opens the disk once, which makes the kernel drop the partitions of the previous medium.
   virtual void Reopen(const std::string& node) = 0;
 };
 
@@ -35,20 +35,20 @@ class BlockDevices : public IUdevListener {
  public:
   using Enumerate = std::function<std::vector<BlockFacts>()>;
 
-  /// Nothing is owned. `enumerate` gives every disk and partition that is there.
+  /// Owns none of them. `enumerate` returns every disk and partition that is present.
   BlockDevices(hal::DeviceTree& tree, Reconciler& reconciler, IMountSource& mounts,
                IMediumActions& actions, Enumerate enumerate);
 
-  /// Before the service's name is owned: looks at everything and fills the tree silently, with the
-  /// objects that were announced before a restart, or without such with all that are there.
+  /// Before the service's name is owned: examines everything and fills the tree silently, with the
+  /// objects announced before a restart or, if there was none, with all that are present.
   void Prepare(const std::optional<State>& before);
-  /// Once the name is owned: announces the difference to what was there before the restart. Media
-  /// that went meanwhile are detached.
+  /// Once the name is owned: announces the difference from the state before the restart, and
+  /// detaches media that have gone meanwhile.
   void Announce();
 
-  /// Reads the mount table and tells clients what has changed.
+  /// Reads the mount table and reports changes to clients.
   void RefreshMounts();
-  /// The mount source has read its table anew: tells clients what has changed.
+  /// The mount source has read its table again: reports changes to clients.
   void MountsChanged();
 
   // IUdevListener
@@ -60,8 +60,8 @@ class BlockDevices : public IUdevListener {
   struct Disk {
     DiskState state;
     std::vector<WantedObject> shown;
-    const char* leftOut = nullptr;  // the reason that was logged
-    bool served = false;            // had objects at some time
+    const char* leftOut = nullptr;  // the reason, as logged
+    bool served = false;            // has had objects
   };
 
   void TakeInAll();

@@ -7,8 +7,8 @@
 
 #include "hal/face/DeviceBuilders.h"
 
-// What udev told of one disk or partition, as plain values. Texts are the hardware's and the
-// medium's own bytes: untrusted, of bounded length, and not necessarily UTF-8.
+// What udev reports about one disk or partition, as plain values. Texts are bytes from the hardware
+// and the medium: untrusted, of bounded length, and not necessarily UTF-8.
 
 namespace halkernel {
 
@@ -26,7 +26,7 @@ struct ScsiDeviceFacts {
   hal::ScsiAddress address;
 };
 
-/// What a disk on USB hangs on, the topmost first.
+/// The devices above a disk on USB, the topmost first.
 struct UsbChain {
   hal::UsbDeviceFacts device;
   UsbInterfaceFacts interface;
@@ -45,7 +45,7 @@ struct SdHostFacts {
   int number = 0;
 };
 
-/// What a memory card hangs on, the topmost first.
+/// The devices above a memory card, the topmost first.
 struct SdChain {
   ControllerFacts controller;
   SdHostFacts host;
@@ -53,12 +53,12 @@ struct SdChain {
   std::string cardType;  // "SD"; "MMC" for a soldered eMMC
 };
 
-/// Nothing for a disk that is on neither bus.
+/// std::monostate for a disk on neither bus.
 using Chain = std::variant<std::monostate, UsbChain, SdChain>;
 
 /// What udev's probing found on a disk or partition.
 struct FilesystemFacts {
-  std::string usage;  // "filesystem", "crypto", "other"; empty: nothing was found
+  std::string usage;  // "filesystem", "crypto", "other"; empty if nothing was found
   std::string type;
   std::string uuid;
   std::string encodedLabel;  // "CHARTS\x2024"
@@ -80,9 +80,9 @@ struct BlockFacts {
   bool hasPartitions = false;  // of a disk: sysfs shows some
   bool optical = false;
   bool leftToOthers = false;  // UDISKS_IGNORE or VOLDRAKE_IGNORE
-  /// Which medium this is about; counts up over all disks. None on kernels before 5.15.
+  /// The medium to which this refers, numbered across all disks. Not set on kernels before 5.15.
   std::optional<std::uint64_t> diskSequence;
-  bool mediumChanged = false;  // the event tells of a change of the medium
+  bool mediumChanged = false;  // the event reports a change of the medium
   std::string serial;          // ID_SERIAL
   FilesystemFacts filesystem;
   Chain chain;  // of a disk

@@ -4,9 +4,9 @@
 
 namespace halkernel {
 
-/// Runs `work` in a thread of its own kind and then `done` with its result on the main loop.
-/// For system calls that a device can hold up; a thread that hangs does not keep the process from
-/// ending. Requires: `work` touches nothing that the main thread may use meanwhile.
+/// Runs `work` in a thread and then, on the main loop, `done` with its result. For system calls
+/// that a device can block; a thread that hangs does not keep the process from ending. Requires:
+/// `work` uses nothing that the main thread may use meanwhile.
 void CallInThread(std::function<int()> work, std::function<void(int)> done);
 
 }  // namespace halkernel

@@ -5,12 +5,13 @@
 
 namespace halkernel {
 
-/// Lets nobody but root mount, unmount or eject, whatever the bus's own policy says, and shows what
-/// goes over the bus in the debug log. Who a client is, is asked of the bus; other calls are served
+/// Allows only root to mount, unmount and eject, whatever the bus's own policy says, and writes the
+/// traffic on the bus to the debug log. Asks the bus for a client's user; other calls are served
 /// meanwhile.
 class CallGate : public hal::ICallObserver {
  public:
-  /// Who serves and answers the calls that are taken over. Not owned; before the first call.
+  /// Sets who serves and answers the calls that are taken over. Not owned. To be called before the
+  /// first call.
   void SetService(hal::HalService* service) { service_ = service; }
 
   // ICallObserver

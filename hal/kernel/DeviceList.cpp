@@ -1,6 +1,5 @@
 #include "hal/kernel/DeviceList.h"
 
-#include <charconv>
 #include <cstdint>
 #include <string_view>
 #include <variant>
@@ -8,6 +7,7 @@
 
 #include "hal/face/DeviceBuilders.h"
 #include "hal/face/HalNames.h"
+#include "program/JsonObject.h"
 #include "program/Printable.h"
 
 namespace halkernel {
@@ -15,39 +15,17 @@ namespace {
 
 constexpr std::uint64_t kMebibyte = 1 << 20;
 
-/// Valid UTF-8 stays as it is.
-std::string JsonText(std::string_view text) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string json = "\"";
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      json += '\\';
-      json += c;
-    } else if (byte < 0x20 || byte == 0x7f) {
-      json += "\\u00";
-      json += kDigits[byte >> 4];
-      json += kDigits[byte & 0x0f];
-    } else {
-      json += c;
-    }
-  }
-  return json + "\"";
-}
+/// Adds a property to an object, by its type.
+struct AddProperty {
+  program::JsonObject& object;
+  const std::string& key;
 
-struct ToJson {
-  std::string operator()(const std::string& value) const { return JsonText(value); }
-  std::string operator()(std::int32_t value) const { return std::to_string(value); }
-  std::string operator()(std::uint64_t value) const { return std::to_string(value); }
-  std::string operator()(double value) const {
-    char text[32];
-    return {text, std::to_chars(text, text + sizeof text, value).ptr};
-  }
-  std::string operator()(bool value) const { return value ? "true" : "false"; }
-  std::string operator()(const std::vector<std::string>& value) const {
-    std::string json;
-    for (const std::string& text : value) json += (json.empty() ? "" : ",") + JsonText(text);
-    return "[" + json + "]";
+  void operator()(const std::string& value) const { object.AddText(key, value); }
+  void operator()(bool value) const { object.AddFlag(key, value); }
+  void operator()(const std::vector<std::string>& value) const { object.AddTexts(key, value); }
+  template <typename T>
+  void operator()(T value) const {
+    object.AddNumber(key, value);
   }
 };
 
@@ -89,12 +67,12 @@ std::string ListText(const hal::DeviceTree& tree) {
 std::string ListJson(const hal::DeviceTree& tree) {
   std::string text;
   for (const hal::Device& device : tree.Devices()) {
-    std::string properties;
+    program::JsonObject properties;
     for (const auto& [key, value] : device.properties) {
-      properties +=
-          (properties.empty() ? "" : ",") + JsonText(key) + ":" + std::visit(ToJson{}, value);
+      std::visit(AddProperty{properties, key}, value);
     }
-    text += "{\"udi\":" + JsonText(device.udi) + ",\"properties\":{" + properties + "}}\n";
+    text +=
+        program::JsonObject().AddText("udi", device.udi).AddObject("properties", properties).Line();
   }
   return text;
 }

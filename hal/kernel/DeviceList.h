@@ -8,11 +8,11 @@
 
 namespace halkernel {
 
-/// A line for each device, indented below its parent: its name, and of disks and volumes what
-/// people look for. Nothing in it can drive a terminal.
+/// One line per device, indented below its parent: its name and, for disks and volumes, what people
+/// look for. Contains nothing that can control a terminal.
 std::string ListText(const hal::DeviceTree& tree);
 
-/// A JSON object a line for each device, parents first: {"udi":"...","properties":{...}}.
+/// One JSON object per line for each device, parents first: {"udi":"...","properties":{...}}.
 std::string ListJson(const hal::DeviceTree& tree);
 
 }  // namespace halkernel

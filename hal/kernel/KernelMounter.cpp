@@ -74,7 +74,7 @@ std::string WithoutLineEnd(std::string text) {
 /// What mount(8) wrote, as a bus message can carry it.
 std::string FailureText(const std::string& output) {
   const std::string text = WithoutLineEnd(output);
-  if (text.empty()) return "mount failed without a word";
+  if (text.empty()) return "mount failed without a message";
   const glib::CharPointer valid(g_utf8_make_valid(text.data(), static_cast<gssize>(text.size())));
   return valid.get();
 }
@@ -151,7 +151,7 @@ void KernelMounter::Mount(const std::string& udi, const hal::MountRequest& reque
   // Some changes of the table wake nobody.
   refresh_();
   const Device* volume = tree_.Find(udi);
-  if (volume == nullptr) return done(Failure("Volume " + udi + " has gone"));
+  if (volume == nullptr) return done(Failure("Volume " + udi + " is gone"));
   if (volumesUnderWay_.contains(udi)) {
     return done(Failure("Volume " + udi + " is being mounted"));
   }
@@ -202,7 +202,7 @@ KernelMounter::Outcome KernelMounter::MakeDirectory(const Device& volume, const 
       return std::nullopt;
     }
     if (errno != EEXIST) {
-      return Failure("Cannot make " + InMedia(name) + ": " + std::strerror(errno));
+      return Failure("Cannot create " + InMedia(name) + ": " + std::strerror(errno));
     }
     if (!wanted.empty()) break;
   }
@@ -216,7 +216,7 @@ void KernelMounter::Start(const std::vector<std::string>& words, const std::shar
   volumesUnderWay_.insert(job->udi);
   const auto late = [job] {
     std::exchange(job->done, nullptr)(
-        Failure("mount has not ended after " + std::to_string(kMountLimit.count()) + " s"));
+        Failure("mount has not finished after " + std::to_string(kMountLimit.count()) + " s"));
   };
   const auto ended = [this, job, outcome = std::move(outcome)](const ChildResult& result) {
     volumesUnderWay_.erase(job->udi);
@@ -243,7 +243,7 @@ KernelMounter::Outcome KernelMounter::MountOutcome(const Job& job, const std::st
   // The device vanished while it was being mounted.
   Detach(directory);
   refresh_();
-  return Failure("Volume " + job.udi + " has gone");
+  return Failure("Volume " + job.udi + " is gone");
 }
 
 KernelMounter::Outcome KernelMounter::CheckUnmount(const std::string& udi,

@@ -14,34 +14,34 @@
 
 namespace halkernel {
 
-/// Mounts and unmounts in earnest: directories under /media, mount(8) as a child, umount2(2) in a
-/// thread. Whether a volume is mounted is never concluded from what was asked for: the mount table
-/// tells, and so clients hear of a mount that came about late as of anybody else's.
+/// Really mounts and unmounts: with directories under /media, mount(8) as a child process, and
+/// umount2(2) in a thread. Only the mount table says whether a volume is mounted, never the outcome
+/// of a request, so that clients learn of a late mount as they do of anybody else's.
 ///
-/// A directory that was made for a mount is removed when nothing is mounted there any more, whoever
-/// unmounted it. A volume is the service's own to unmount if it is mounted at such a directory.
+/// A directory made for a mount is removed once nothing is mounted there any more, whoever
+/// unmounted it. The service unmounts only volumes that are mounted at such a directory.
 ///
 /// Main thread only.
 class KernelMounter : public hal::IVolumeActions, public IMediumActions {
  public:
-  /// Nothing is owned. `refresh` reads the mount table and brings the tree up to date; `onChange`
-  /// runs when `Directories` has changed.
+  /// Owns none of them. `refresh` reads the mount table and updates the tree; `onChange` runs when
+  /// `Directories` has changed.
   KernelMounter(hal::DeviceTree& tree, const IMountSource& mounts, std::function<void()> refresh,
                 std::function<void()> onChange);
 
-  /// The directories under /media that were made and are still there.
+  /// The directories under /media that were made and still exist.
   std::vector<std::string> Directories() const {
     return {directories_.begin(), directories_.end()};
   }
-  /// Takes over those of a service before a restart.
+  /// Takes over the directories that were made before a restart.
   void Restore(const std::vector<std::string>& directories);
-  /// Removes the directories where nothing is mounted any more. To be called when the mount table
-  /// has changed.
+  /// Removes the directories at which nothing is mounted any more. To be called whenever the mount
+  /// table has changed.
   void RemoveUnused();
 
   // IVolumeActions
-  /// UnknownFailure also while an earlier mount of this volume is under way. A mount that takes
-  /// longer than 20 s is answered so, and goes on.
+  /// Answers UnknownFailure also while an earlier mount of this volume is in progress, and after
+  /// 20 s, while the mount continues.
   void Mount(const std::string& udi, const hal::MountRequest& request, Done done) override;
   void Unmount(const std::string& udi, bool lazy, Done done) override;
   /// A device without an eject mechanism is only unmounted.
@@ -54,12 +54,12 @@ class KernelMounter : public hal::IVolumeActions, public IMediumActions {
  private:
   using Outcome = std::optional<hal::VolumeError>;
 
-  /// A mount that is under way.
+  /// A mount in progress.
   struct Job {
     std::string udi;
-    std::string success;  // what the log says then
+    std::string success;  // the log line for it
     std::string name;     // of the directory; empty for a remount
-    Done done;            // empty once it was answered
+    Done done;            // empty once answered
   };
 
   void Remount(const hal::Device& volume, const hal::MountRequest& request, Done done);
@@ -67,7 +67,7 @@ class KernelMounter : public hal::IVolumeActions, public IMediumActions {
   void Start(const std::vector<std::string>& words, const std::shared_ptr<Job>& job,
              std::function<Outcome(const std::string& output)> outcome);
   Outcome MountOutcome(const Job& job, const std::string& output);
-  /// Why the volume cannot be unmounted; nullopt: it can, at `mountPoint`.
+  /// Why the volume cannot be unmounted; nullopt if it can, at `mountPoint`.
   Outcome CheckUnmount(const std::string& udi, std::string& mountPoint) const;
   bool IsMountPoint(const std::string& path) const;
   bool IsOwn(const std::string& mountPoint) const;

@@ -151,11 +151,11 @@ Intake TakeIn(DiskState& state, const BlockFacts& facts) {
 }
 
 const char* LeftOut(const DiskState& state, const MountIndex& mounts) {
-  if (!state.disk || state.disk->withdrawn) return "nothing is known of it";
+  if (!state.disk || state.disk->withdrawn) return "nothing is known about it";
   const BlockFacts& disk = state.disk->facts;
   if (std::holds_alternative<std::monostate>(disk.chain)) return "it is on neither USB nor SD";
   if (disk.optical) return "it is an optical drive";
-  if (disk.leftToOthers) return "a rule of udev leaves it to others";
+  if (disk.leftToOthers) return "a udev rule leaves it to others";
   const auto* card = std::get_if<SdChain>(&disk.chain);
   if (card != nullptr && card->cardType == kEmmc) return "it is an eMMC";
   bool system = RunsTheSystem(disk, mounts);

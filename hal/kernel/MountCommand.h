@@ -6,12 +6,12 @@
 
 #include "hal/face/MountRequest.h"
 
-// The words of the commands that mount; decided from values alone.
+// The words of the mount commands; they depend on values alone.
 
 namespace halkernel {
 
-/// What "ntfs" is called on this system: "ntfs3" if the kernel knows that type or there is no
-/// helper for "ntfs", else "ntfs". Every other type stays as it is.
+/// The name for "ntfs" on this system: "ntfs3" if the kernel knows that type or there is no helper
+/// for "ntfs", else "ntfs". Every other type is unchanged.
 /// `filesystems` is the text of /proc/filesystems.
 std::string TypeToMount(const std::string& fstype, std::string_view filesystems,
                         bool hasNtfsHelper);
@@ -22,7 +22,8 @@ std::vector<std::string> MountWords(const hal::MountRequest& request, const std:
                                     bool mediumReadOnly, const std::string& node,
                                     const std::string& directory);
 
-/// mount(8) that changes nothing but whether the file system is read-only.
+/// mount(8) with its arguments for a remount that changes only whether the file system is
+/// read-only.
 std::vector<std::string> RemountWords(bool readOnly, const std::string& directory);
 
 }  // namespace halkernel

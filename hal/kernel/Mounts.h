@@ -7,7 +7,7 @@
 
 #include "hal/kernel/BlockFacts.h"
 
-// What is mounted and swapped on, as plain values.
+// What is mounted or used for swapping, as plain values.
 
 namespace halkernel {
 
@@ -16,7 +16,7 @@ struct MountEntry {
   std::string source;
   std::string target;
   bool readOnly = false;
-  bool namedBySource = false;  // its number is no device's, but its source is one
+  bool namedBySource = false;  // its number is not a device's, but its source is a device
 
   friend bool operator==(const MountEntry&, const MountEntry&) = default;
 };
@@ -28,12 +28,12 @@ struct Mounts {
   friend bool operator==(const Mounts&, const Mounts&) = default;
 };
 
-/// What is mounted, and when it changes.
+/// Knows what is mounted.
 class IMountSource {
  public:
   virtual ~IMountSource() = default;
-  /// Looks again: some changes wake nobody, such as a file system that turns read-only by an error.
-  /// True when the content differs from the one before.
+  /// Reads the table again: some changes cause no event, such as a file system that becomes
+  /// read-only after an error. Returns true if the content has changed.
   virtual bool Refresh() = 0;
   virtual const Mounts& Current() const = 0;
 };
@@ -45,7 +45,7 @@ class MountIndex {
   MountIndex() = default;
   explicit MountIndex(const Mounts& mounts);
 
-  /// The first in the table; null when the device is not mounted. Valid as long as the index.
+  /// The first in the table; null if the device is not mounted. Valid as long as the index.
   const MountEntry* First(DeviceNumber number, const std::string& node) const;
   /// All, in the order of the table.
   std::vector<MountEntry> All(DeviceNumber number, const std::string& node) const;

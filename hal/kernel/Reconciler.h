@@ -13,47 +13,47 @@
 
 namespace halkernel {
 
-/// Brings a device tree to what is wanted, disk by disk: adds, modifies, removes. Parents come
-/// before their children and go after them. An object that several disks want, such as the USB
-/// device of a reader with several slots, stays until the last of them has gone.
+/// Brings a device tree to the wanted state, disk by disk: adds, modifies, removes. Parents are
+/// added before their children and removed after them. An object shared by several disks, such as
+/// the USB device of a reader with several slots, stays until the last of them has gone.
 ///
-/// After a restart: `Restore`; then `Resemble` for each disk; once clients can be told,
-/// `DropLeftovers` and `Show` for each disk.
+/// After a restart: `Restore`; then `Resemble` for each disk; once clients can be notified,
+/// `DropLeftovers`, and `Show` for each disk.
 ///
 /// Main thread only.
 class Reconciler {
  public:
-  /// `onChange` runs whenever `Kept` has changed: before an arrival is announced, after a removal
-  /// or another mount state was. The tree is not owned.
+  /// `onChange` runs whenever `Kept` has changed: before an arrival is announced, and after a
+  /// removal or a new mount state has been. Does not own the tree.
   Reconciler(hal::DeviceTree& tree, std::function<void()> onChange)
       : tree_(tree), onChange_(std::move(onChange)) {}
 
-  /// From now on these are the objects of the disk; none: the disk is gone. Parents stand before
-  /// their children, and every parent is among them.
+  /// Sets the objects of the disk; none means that the disk is gone. Parents come before their
+  /// children, and every parent is among them.
   void Show(const std::string& disk, const std::vector<WantedObject>& wanted);
 
-  /// Tells clients the mount state of a volume. Nothing happens when there is no such object.
+  /// Reports the mount state of a volume to clients. Does nothing if there is no such object.
   void SetMount(const std::string& key, const VolumeMount& mount);
 
-  /// Takes over, silently, what was announced before a restart: names, and mount states as clients
-  /// know them. Requires: nothing was shown yet.
+  /// Takes over silently what was announced before a restart: names, and mount states as clients
+  /// know them. Requires: nothing has been shown yet.
   void Restore(const std::vector<KeptObject>& objects);
-  /// Gives restored objects their properties, silently. What clients have to be told, arrivals,
-  /// removals and mount states, is left to `Show`.
+  /// Gives restored objects their properties, silently. Arrivals, removals and mount states, which
+  /// clients have to learn of, are left to `Show`.
   void Resemble(const std::vector<WantedObject>& wanted);
-  /// Restored objects that nothing has resembled, parents first.
+  /// Restored objects that no call of `Resemble` has matched, parents first.
   std::vector<KeptObject> Leftovers() const;
-  /// Removes them.
+  /// Removes those objects.
   void DropLeftovers();
 
-  /// Every object, parents before their children: what a restart has to know.
+  /// Every object, parents before their children: what has to survive a restart.
   std::vector<KeptObject> Kept() const;
 
  private:
   struct Object {
     KeptObject kept;
-    std::set<std::string> disks;  // that want it
-    bool leftover = false;        // was restored, and nothing has resembled it
+    std::set<std::string> disks;  // that share it
+    bool leftover = false;        // restored, and not matched so far
   };
 
   hal::Device Build(const WantedObject& wanted) const;

@@ -34,7 +34,7 @@ std::string GroupOf(std::size_t number) {
   return "object " + std::to_string(number);
 }
 
-/// Reads values and remembers the first that is not as it must be.
+/// Reads values and remembers the first that is missing or invalid.
 class Reader {
  public:
   explicit Reader(GKeyFile* file) : file_(file) {}
@@ -81,7 +81,8 @@ class Reader {
   }
 
   void Require(bool condition, const std::string& what) {
-    if (!condition && fault_.empty()) fault_ = "[" + group_ + "] " + what + " is not as it must be";
+    if (!condition && fault_.empty())
+      fault_ = "[" + group_ + "] " + what + " is missing or invalid";
   }
   const std::string& Fault() const { return fault_; }
 
@@ -201,7 +202,7 @@ ParsedState ParseState(const std::string& content) {
 std::optional<State> StateFile::Read() const {
   struct stat status {};
   if (stat(path_.c_str(), &status) != 0 && errno == ENOENT) return std::nullopt;
-  std::string fault = "it is no file of a possible size";
+  std::string fault = "it is not a regular file, or it is too large";
   if (S_ISREG(status.st_mode) && status.st_size <= kMaxFileBytes) {
     gchar* bytes = nullptr;
     gsize length = 0;

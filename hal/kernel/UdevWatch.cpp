@@ -26,6 +26,12 @@ std::string Failure(const char* what) {
   return std::string(what) + ": " + std::strerror(errno);
 }
 
+/// Of a device in sysfs that udev names and that the library, or sysfs, does not show.
+void LogUnread(const std::string& path) {
+  Log(LOG_WARNING, path.substr(path.rfind('/') + 1) +
+                       " cannot be read, and stays unknown until its next udev event");
+}
+
 }  // namespace
 
 void UdevWatch::Unref::operator()(udev* context) const {
@@ -46,7 +52,7 @@ bool UdevWatch::Context() {
 }
 
 std::optional<std::string> UdevWatch::Start() {
-  if (access(kUdevControl, F_OK) != 0) return Failure("udev does not run: /run/udev/control");
+  if (access(kUdevControl, F_OK) != 0) return Failure("udev is not running: /run/udev/control");
   if (!Context()) return Failure("cannot use libudev");
   monitor_.reset(udev_monitor_new_from_netlink(context_.get(), "udev"));
   if (!monitor_) return Failure("cannot listen to udev");
@@ -80,8 +86,14 @@ std::vector<BlockFacts> UdevWatch::Enumerate() {
     const std::unique_ptr<udev_device, Unref> device(
         udev_device_new_from_syspath(context_.get(), udev_list_entry_get_name(entry)));
     // udev has not dealt with it: its event is to come.
-    if (!device || !udev_device_get_property_value(device.get(), "USEC_INITIALIZED")) continue;
-    if (std::optional<BlockFacts> facts = FactsOf(device.get())) found.push_back(std::move(*facts));
+    if (device && !udev_device_get_property_value(device.get(), "USEC_INITIALIZED")) continue;
+    std::optional<BlockFacts> facts;
+    if (device) facts = FactsOf(device.get());
+    if (facts) {
+      found.push_back(std::move(*facts));
+    } else {
+      LogUnread(udev_list_entry_get_name(entry));
+    }
   }
   std::stable_partition(found.begin(), found.end(),
                         [](const BlockFacts& facts) { return facts.IsDisk(); });
@@ -114,7 +126,7 @@ void UdevWatch::ReadEvents() {
 void UdevWatch::StartOverIfDue() {
   if (!eventsLost_) return;
   eventsLost_ = false;
-  Log(LOG_WARNING, "events of udev were lost: looking at all disks anew");
+  Log(LOG_WARNING, "udev events were lost: checking all disks again");
   listener_.StartOver();
 }
 
@@ -128,6 +140,8 @@ void UdevWatch::Tell(udev_device* device) {
     listener_.Gone(path, udev_device_get_property_value(device, "SYNTH_UUID") != nullptr);
   } else if (std::optional<BlockFacts> facts = FactsOf(device)) {
     listener_.Told(*facts);
+  } else {
+    LogUnread(path);
   }
 }
 

@@ -12,19 +12,19 @@ struct udev;
 struct udev_device;
 struct udev_monitor;
 
-// What udev tells of disks and partitions, as facts.
+// What udev reports about disks and partitions, as facts.
 
 namespace halkernel {
 
-/// Told in the order of udev's events, on the main loop.
+/// Notified in the order of udev's events, on the main loop.
 class IUdevListener {
  public:
   virtual ~IUdevListener() = default;
-  /// A disk or partition is there, or something about it changed.
+  /// A disk or partition has appeared or changed.
   virtual void Told(const BlockFacts& facts) = 0;
-  /// It is gone. `written`: somebody wrote the event by hand; device and mounts are still there.
+  /// It is gone. `written`: the event was written by hand; device and mounts still exist.
   virtual void Gone(const std::string& sysfsPath, bool written) = 0;
-  /// Events were lost: everything is to be looked at anew.
+  /// Events were lost: everything has to be examined again.
   virtual void StartOver() = 0;
 };
 
@@ -34,12 +34,12 @@ class UdevWatch {
   /// `listener` is not owned.
   explicit UdevWatch(IUdevListener& listener) : listener_(listener) {}
 
-  /// From the return on events are kept; they are told on the main loop. Gives the reason of a
-  /// failure, udev that does not run among them.
+  /// Collects events from the return on; the main loop delivers them. Returns the reason for a
+  /// failure, for instance if udev does not run.
   std::optional<std::string> Start();
 
-  /// Every disk and partition that udev has dealt with, disks before their partitions. May be
-  /// called without Start. What vanishes meanwhile is left out. Blocks while sysfs is read.
+  /// Every disk and partition that udev has processed, disks before their partitions; skips those
+  /// that vanish meanwhile. May be called without Start. Blocks while it reads sysfs.
   std::vector<BlockFacts> Enumerate();
 
  private:

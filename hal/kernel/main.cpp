@@ -54,10 +54,10 @@ bool ReadServiceOptions(int argc, char* argv[], Options& options) {
       {"address", 0, 0, G_OPTION_ARG_STRING, &address,
        "D-Bus address to connect to (default: the system bus)", "BUS"},
       {"list", 0, 0, G_OPTION_ARG_NONE, &list,
-       "Show the devices that would be served, and end; needs no bus", nullptr},
-      {"json", 0, 0, G_OPTION_ARG_NONE, &json, "With --list: one JSON object a line", nullptr},
+       "Show the devices that would be served, and exit; needs no bus", nullptr},
+      {"json", 0, 0, G_OPTION_ARG_NONE, &json, "With --list: one JSON object per line", nullptr},
       {"debug", 0, 0, G_OPTION_ARG_NONE, &debug,
-       "Log events and calls, too, and everything also to standard error", nullptr},
+       "Also log events and calls, and write the log to standard error too", nullptr},
       GOptionEntry{}};
   const bool isRead = program::ReadOptions(argc, argv, kSummary, entries);
   const glib::CharPointer owned(address);
@@ -143,9 +143,9 @@ int Serve(const Options& options) {
   const auto keep = [&] {
     if (service == nullptr || !service->OwnsName()) return;
     machine->Mounter().RemoveUnused();
-    // A removal that only waits to be sent must not be forgotten.
-    service->Flush();
-    file.Write(machine->ToKeep());
+    // A removal that only waits to be sent must not be forgotten, nor one that cannot be sent any
+    // more: the next start tells of it.
+    if (service->Flush()) file.Write(machine->ToKeep());
   };
   machine = std::make_unique<Machine>(keep);
   CallGate gate;

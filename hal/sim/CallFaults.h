@@ -24,20 +24,20 @@ struct Silent {};
 
 using Fault = std::variant<Delay, Refusal, OddAnswer, Silent>;
 
-/// Faults that wait for their call, each for one.
+/// Faults that wait for their call; each applies to one call.
 class CallFaults {
  public:
   /// `call` is METHOD or METHOD:ARG.
   void Add(const std::string& call, Fault fault);
-  /// Takes out the oldest fault for this call; `argument` is its first argument if that is a
-  /// string.
+  /// Removes and returns the oldest fault for this call; `argument` is the call's first argument if
+  /// that is a string.
   std::optional<Fault> Take(const std::string& method, const std::optional<std::string>& argument);
   void Clear() { waiting_.clear(); }
 
  private:
   struct Waiting {
     std::string method;
-    std::optional<std::string> argument;  // nothing: any
+    std::optional<std::string> argument;  // nullopt: any
     Fault fault;
   };
   std::list<Waiting> waiting_;

@@ -20,7 +20,7 @@ unsigned NeedMs(WordReader& words) {
   const std::string text = words.Need("MS");
   const std::optional<unsigned> ms = hal::ParseNumber<unsigned>(text);
   if (!ms || *ms > kMaxMs) {
-    throw CommandError(Quote(text) + " is no number of milliseconds up to " +
+    throw CommandError(Quote(text) + " is not a number of milliseconds up to " +
                        std::to_string(kMaxMs));
   }
   return *ms;
@@ -186,7 +186,7 @@ void Commands::Emit(WordReader& words, bool) {
   if (path.starts_with("to=")) {
     destination = path.substr(3);
     if (!g_dbus_is_unique_name(destination.c_str())) {
-      throw CommandError(Quote(destination) + " is no unique bus name");
+      throw CommandError(Quote(destination) + " is not a valid unique bus name");
     }
     path = words.Need("PATH");
   }
@@ -194,13 +194,13 @@ void Commands::Emit(WordReader& words, bool) {
   const std::string member = words.Need("MEMBER");
   glib::VariantPointer body = ParseMessageBody(std::string(words.Rest()));
   if (!g_variant_is_object_path(path.c_str())) {
-    throw CommandError(Quote(path) + " is no object path");
+    throw CommandError(Quote(path) + " is not a valid object path");
   }
   if (!g_dbus_is_interface_name(interface.c_str())) {
-    throw CommandError(Quote(interface) + " is no interface name");
+    throw CommandError(Quote(interface) + " is not a valid interface name");
   }
   if (!g_dbus_is_member_name(member.c_str())) {
-    throw CommandError(Quote(member) + " is no member name");
+    throw CommandError(Quote(member) + " is not a valid member name");
   }
   ThrowIfFailed(service_.EmitRaw(destination, path, interface, member, std::move(body)));
 }
@@ -218,7 +218,7 @@ void Commands::FailCall(WordReader& words, bool) {
   const std::string text = hal::Join(words.All(), " ");
   // Error names follow the rules of interface names.
   if (!g_dbus_is_interface_name(error.c_str())) {
-    throw CommandError(Quote(error) + " is no error name");
+    throw CommandError(Quote(error) + " is not a valid error name");
   }
   calls_.Faults().Add(call, Refusal{error, text});
 }
@@ -251,7 +251,7 @@ void Commands::Drop(WordReader& words, bool) {
     calls_.DropDelayed();
     service_.Leave();
   } else {
-    throw CommandError("drop knows answer and name, not " + Quote(how));
+    throw CommandError("drop takes answer or name, not " + Quote(how));
   }
 }
 

@@ -22,8 +22,8 @@ class Commands {
            SimMounter& mounter, hal::HalService& service, SimCalls& calls, LineOutput& output,
            std::function<void()> quit);
 
-  /// Carries out one line and answers it. Whatever the line is, nothing is thrown. `complete` is
-  /// false for a line that was too long to be read.
+  /// Executes one line, which may be anything, and answers it. Never throws. `complete` is false
+  /// for a line that was too long to be read.
   void Run(std::string_view line, bool complete);
 
  private:
@@ -53,7 +53,7 @@ class Commands {
   void Help(WordReader& words, bool quiet);
   void Quit(WordReader& words, bool quiet);
 
-  /// The object path of the device that the next word means.
+  /// The object path of the device that the next word names.
   std::string TargetPath(WordReader& words);
 
   hal::DeviceTree& tree_;

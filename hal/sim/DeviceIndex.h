@@ -7,20 +7,20 @@
 
 namespace halsim {
 
-/// What the simulator knows of a device and no property tells.
+/// What the simulator knows about a device beyond its properties.
 struct DeviceLabel {
   std::string plugged;  // the NAME of the plug command that brought it in
   std::string role;     // "storage", "volume1@2"; see docs/halsim.md
   bool writeProtected = false;
 };
 
-/// The labels of all devices that are in the tree or on their way there, by object path.
+/// The labels of all devices that are in the tree or about to be, by object path.
 class DeviceIndex {
  public:
   void Add(const std::string& udi, DeviceLabel label);
   void Remove(const std::string& udi) { labels_.erase(udi); }
 
-  /// An empty label for a device that was not plugged.
+  /// Returns an empty label for a device that was not plugged.
   const DeviceLabel& Of(const std::string& udi) const;
   bool HasRole(const std::string& plugged, const std::string& role) const;
 
@@ -28,8 +28,8 @@ class DeviceIndex {
   std::map<std::string, DeviceLabel> labels_;
 };
 
-/// Whether the role that a command names means the device with this role: the same text, or
-/// "volume" and "volume@L" for a volume of any number.
+/// Whether the role in a command matches this role of a device: the same text, or "volume" and
+/// "volume@L" for a volume of any number.
 bool RoleMeans(const std::string& named, const std::string& role);
 
 }  // namespace halsim

@@ -4,8 +4,8 @@
 
 namespace halsim {
 
-/// Standard output: answers and events, one line each, flushed at once. A reader that went away is
-/// no reason to end.
+/// Standard output: answers and events, one line each, flushed at once. The program goes on if the
+/// reader has gone.
 class LineOutput {
  public:
   /// Control characters become '?', so that a line stays one line.

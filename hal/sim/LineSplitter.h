@@ -7,7 +7,7 @@
 
 namespace halsim {
 
-/// Cuts a stream of bytes into lines. A line that is too long is reported once, without its text.
+/// Splits a stream of bytes into lines. A line that is too long is reported once, without its text.
 class LineSplitter {
  public:
   static constexpr std::size_t kMaxLineBytes = 65536;
@@ -18,7 +18,7 @@ class LineSplitter {
   explicit LineSplitter(LineHandler handler) : handler_(std::move(handler)) {}
 
   void Feed(std::string_view bytes);
-  /// The stream has ended: a last line without a line feed counts.
+  /// The stream has ended: a last line without a line feed counts as a line.
   void Finish();
 
  private:

@@ -6,9 +6,9 @@
 
 namespace halsim {
 
-/// Reads a message's body in GVariant text form: a tuple, or nothing for a body without arguments
-/// (null). Throws CommandError when the text is bad, and when the bus would hang up on such a
-/// message.
+/// Parses a message's body in GVariant text form: a tuple, or null if the text is empty, for a body
+/// without arguments. Throws CommandError if the text is invalid, or if the bus would close the
+/// connection over such a message.
 glib::VariantPointer ParseMessageBody(const std::string& text);
 
 }  // namespace halsim

@@ -48,8 +48,8 @@ std::optional<int> PlugArguments::Number(const std::string& key, int least, int 
   if (!text) return std::nullopt;
   const std::optional<int> number = hal::ParseNumber<int>(*text);
   if (!number || *number < least || *number > most) {
-    throw CommandError(key + "=" + *text + " is no number from " + std::to_string(least) + " to " +
-                       std::to_string(most));
+    throw CommandError(key + "=" + *text + " is not a number from " + std::to_string(least) +
+                       " to " + std::to_string(most));
   }
   return number;
 }
@@ -58,7 +58,7 @@ std::optional<std::uint64_t> PlugArguments::Size(const std::string& key) {
   const std::optional<std::string> text = Text(key);
   if (!text) return std::nullopt;
   const std::optional<std::uint64_t> size = hal::ParseNumber<std::uint64_t>(*text);
-  if (!size) throw CommandError(key + "=" + *text + " is no size in bytes");
+  if (!size) throw CommandError(key + "=" + *text + " is not a size in bytes");
   return size;
 }
 

@@ -10,17 +10,17 @@
 
 namespace halsim {
 
-/// The words KEY=VALUE, KEY and ROLE/KEY=TYPE:VALUE of a plug command. Everything throws
-/// CommandError on a bad value.
+/// The words KEY=VALUE, KEY and ROLE/KEY=TYPE:VALUE of a plug command. Every operation throws
+/// CommandError on an invalid value.
 class PlugArguments {
  public:
   explicit PlugArguments(const std::vector<std::string>& words);
 
   std::optional<std::string> Text(const std::string& key);
-  /// Within both limits.
+  /// A number within both limits.
   std::optional<int> Number(const std::string& key, int least, int most);
   std::optional<std::uint64_t> Size(const std::string& key);
-  /// A word without "=".
+  /// Whether the word, without "=", was given.
   bool Flag(const std::string& key);
 
   /// Role and edit, in their order.
@@ -28,7 +28,7 @@ class PlugArguments {
     return overrides_;
   }
 
-  /// Throws when a key was given that nobody asked for.
+  /// Throws if a key was given that no operation has asked for.
   void CheckAllUsed() const;
 
  private:

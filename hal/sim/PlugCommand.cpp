@@ -202,7 +202,7 @@ void PlugCommand::Host(const std::string& name, Arguments& arguments, bool quiet
     throw CommandError("there is an SD host " + std::to_string(number) + " already");
   }
   if (cardsOn != "host" && cardsOn != "controller") {
-    throw CommandError("cards-on is host or controller");
+    throw CommandError("cards-on must be host or controller");
   }
   Plugged plugged = Named(name);
   plugged.sdHost = number;
@@ -248,7 +248,8 @@ UsbOptions PlugCommand::ReadUsb(const std::string& name, Arguments& arguments, i
   options.product = arguments.Number("product", 0, 0xffff).value_or(product);
   options.serial = arguments.Text("serial").value_or(name);
   options.port = arguments.Text("port").value_or(FreePort());
-  if (!IsUsbPort(options.port)) throw CommandError(Quote(options.port) + " is no USB port");
+  if (!IsUsbPort(options.port))
+    throw CommandError(Quote(options.port) + " is not a valid USB port");
   for (const auto& [other, plugged] : plugged_.All()) {
     if (plugged.usbPort == options.port) {
       throw CommandError("port " + options.port + " is taken by " + Quote(other));
@@ -325,7 +326,7 @@ VolumeOptions PlugCommand::ReadVolume(const std::string& name, std::optional<int
 void PlugCommand::Override(PluggedChain& chain, const Arguments& arguments) {
   for (const auto& [role, edit] : arguments.Overrides()) {
     hal::Device* device = chain.FindRole(role);
-    if (device == nullptr) throw CommandError("there is no new " + Quote(role));
+    if (device == nullptr) throw CommandError("the new devices have no " + Quote(role));
     if (edit.second) {
       device->properties.insert_or_assign(edit.first, *edit.second);
     } else {

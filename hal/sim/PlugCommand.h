@@ -9,13 +9,13 @@
 
 namespace halsim {
 
-/// The command `plug`: reads its arguments, builds the chain, and hands it to the devices.
+/// The command `plug`: parses its arguments, builds the chain, and passes it to the devices.
 class PlugCommand {
  public:
   PlugCommand(hal::DeviceTree& tree, PluggedDevices& devices, LineOutput& output)
       : tree_(tree), plugged_(devices), output_(output) {}
 
-  /// `words` stands behind "plug". Throws CommandError, with nothing changed.
+  /// `words` are those after "plug". Throws CommandError and then changes nothing.
   void Run(WordReader& words, bool quiet);
 
  private:

@@ -47,19 +47,18 @@ struct Disk {
 };
 
 /// The new devices of one plug command, parents first, with their roles and their places in sysfs.
-/// Object paths are reserved from the moment a device is made until the chain is destroyed or
-/// taken.
+/// Object paths are reserved from the creation of a device until the chain is destroyed or taken.
 class PluggedChain {
  public:
   PluggedChain(hal::DeviceTree& tree, std::string plugged)
       : chain_(tree, hal::HardwareTexts::AsGiven), plugged_(std::move(plugged)) {}
 
-  /// USB device, interface and SCSI host; the host is where SCSI devices go.
+  /// Adds USB device, interface and SCSI host; returns the host, the parent of SCSI devices.
   hal::Place AddUsbHost(const UsbOptions& options);
-  /// Controller and SCSI host of no bus that the names tell.
+  /// Adds a controller and SCSI host whose names contain no bus.
   hal::Place AddPlainScsiHost(int scsiHost);
   hal::Place AddScsiDevice(const hal::Place& host, int scsiHost, std::optional<int> lun);
-  /// Controller and host of SD cards; gives the object that cards have as parent.
+  /// Adds controller and host of SD cards; returns the parent of the cards.
   hal::Place AddSdHost(int number, bool cardsOnController);
   hal::Place AddCard(const hal::Place& parent, int hostNumber, int relativeAddress,
                      const std::string& cid);
@@ -68,15 +67,15 @@ class PluggedChain {
 
   const std::list<hal::Device>& Devices() const { return chain_.Devices(); }
   const DeviceLabel& LabelOf(const std::string& udi) const { return labels_.at(udi); }
-  /// The device with this role; "volume" and "volume@L" stand for the first volume there. Null
-  /// when there is none.
+  /// The device with this role; "volume" and "volume@L" mean the first volume there. Null if there
+  /// is none.
   hal::Device* FindRole(const std::string& role);
 
-  /// Hands over all devices and enters their labels into the index.
+  /// Returns all devices and adds their labels to the index.
   std::list<hal::Device> TakeInto(DeviceIndex& index);
 
  private:
-  /// Gives the device at this place its role; hands the place through.
+  /// Sets the role of the device at this place; returns the place.
   hal::Place Label(const std::string& role, const hal::Place& place, bool writeProtected = false);
 
   hal::DeviceChain chain_;

@@ -57,7 +57,7 @@ PluggedDevices::~PluggedDevices() {
 
 void PluggedDevices::CheckNewName(const std::string& name) const {
   if (name.empty() || !std::all_of(name.begin(), name.end(), IsNameCharacter)) {
-    throw CommandError(Quote(name) + " is no name: letters, digits, _ and -");
+    throw CommandError(Quote(name) + " is not a valid name: use letters, digits, _ and -");
   }
   if (all_.contains(name)) throw CommandError("there is a " + Quote(name) + " already");
 }
@@ -179,8 +179,7 @@ void PluggedDevices::Remove(const std::string& name) {
 
 void PluggedDevices::PullVolumes(const hal::Device& device) {
   if (device.kind != hal::DeviceKind::Volume && device.kind != hal::DeviceKind::Storage) {
-    throw CommandError(
-        "only a whole plugged, a volume or what is on a storage object can be pulled");
+    throw CommandError("only a NAME, a volume or the volumes of a storage object can be pulled");
   }
   std::vector<std::string> volumes;
   for (const hal::Device& candidate : tree_.Devices()) {

@@ -19,13 +19,13 @@ struct Gaps {
   unsigned removalMs = 0;
 };
 
-/// How a volume is mounted by somebody else before it is announced.
+/// A mount by somebody else, made before the volume is announced.
 struct Premount {
   std::string place;
 };
 
-/// What one plug command brought in: the hardware facts that later commands need. Its devices are
-/// in the tree or in `coming`, and in the index under its name.
+/// What one plug command added: the hardware facts that later commands need. Its devices are in the
+/// tree or in `coming`, and in the index under its name.
 struct Plugged {
   std::string name;
   std::string usbPort;   // empty: none
@@ -35,14 +35,14 @@ struct Plugged {
   hal::Place cardPlace;  // where cards go, for an SD host
   std::vector<Disk> disks;
 
-  std::list<hal::Device> coming;            // not announced yet, in their order
+  std::list<hal::Device> coming;            // not announced yet, in order
   std::map<std::string, Premount> mounted;  // of those coming, by object path
   unsigned timer = 0;
   bool leaving = false;
 };
 
-/// All that is plugged. Brings devices into the tree and takes them out, in the order and with the
-/// pauses of the reference service. Failures are thrown as CommandError.
+/// Everything that is plugged. Adds devices to the tree and removes them, in the order and with the
+/// pauses of the reference service. Throws CommandError on failure.
 class PluggedDevices {
  public:
   PluggedDevices(hal::DeviceTree& tree, DeviceIndex& index, SimMounter& mounter)
@@ -53,7 +53,7 @@ class PluggedDevices {
 
   Gaps& CurrentGaps() { return gaps_; }
 
-  /// Throws when the name is taken or cannot be one.
+  /// Throws if the name is in use or invalid.
   void CheckNewName(const std::string& name) const;
   Plugged& Need(const std::string& name);
   const std::map<std::string, Plugged>& All() const { return all_; }
@@ -61,18 +61,18 @@ class PluggedDevices {
     return index_.HasRole(name, role);
   }
 
-  /// Takes over the devices of the chain; those that are to be mounted stand in `plugged`.
+  /// Takes ownership of the chain's devices; those to be mounted are listed in `plugged`.
   void Plug(Plugged plugged, PluggedChain& chain, bool atOnce);
-  /// More devices for what is plugged already.
+  /// Adds devices to what is already plugged.
   void Extend(Plugged& plugged, PluggedChain& chain, const std::map<std::string, Premount>& mounted,
               bool atOnce);
 
-  /// All that one plug command brought in.
+  /// Everything that one plug command added.
   void Pull(const std::string& name, bool atOnce);
   /// One volume, or all volumes of a storage object.
   void PullVolumes(const hal::Device& device);
 
-  /// The device that a command means; throws when there is none. See docs/halsim.md for TARGET.
+  /// The device that a command names; throws if there is none. See docs/halsim.md for TARGET.
   const hal::Device& Target(const std::string& text) const;
 
  private:

@@ -7,10 +7,11 @@
 
 namespace halsim {
 
-/// Reads TYPE:VALUE as docs/halsim.md says. Throws CommandError on an unknown type or a bad value.
+/// Parses TYPE:VALUE as in docs/halsim.md. Throws CommandError on an unknown type or an invalid
+/// value.
 hal::PropertyValue ParsePropertyValue(std::string_view text);
 
-/// TYPE:VALUE, quoted where needed so that it can be read back as one word.
+/// TYPE:VALUE, quoted where necessary so that it can be parsed again as one word.
 std::string FormatPropertyValue(const hal::PropertyValue& value);
 
 }  // namespace halsim

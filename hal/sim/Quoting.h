@@ -10,24 +10,24 @@ namespace halsim {
 
 /// The text in double quotes, with the escapes that WordReader knows.
 std::string Quote(std::string_view text);
-/// The text as it is when it is one plain word, else quoted.
+/// The text unchanged if it is one plain word, else quoted.
 std::string QuoteIfNeeded(std::string_view text);
 
-/// Reads a command line word by word; docs/halsim.md has the quoting rules.
+/// Parses a command line word by word; docs/halsim.md has the quoting rules.
 class WordReader {
  public:
   explicit WordReader(std::string_view line) : line_(line) {}
 
-  /// The next word, or nothing at the end. Throws CommandError on unfinished quotes or a bad
+  /// The next word; nullopt at the end. Throws CommandError on an unterminated quote or an invalid
   /// escape.
   std::optional<std::string> Next();
-  /// Like Next; throws CommandError naming what is missing at the end.
+  /// Like Next, but at the end throws a CommandError that names what is missing.
   std::string Need(std::string_view what);
-  /// All words that are left.
+  /// All remaining words.
   std::vector<std::string> All();
-  /// Everything that is left, as it stands, without the blanks around it.
+  /// The rest of the line, unparsed, without the blanks around it.
   std::string_view Rest();
-  /// Throws CommandError when anything is left.
+  /// Throws CommandError if anything remains.
   void End();
 
  private:

@@ -10,7 +10,7 @@
 
 namespace halsim {
 
-/// Prints what goes over the bus, and does to calls what the waiting faults say.
+/// Prints the traffic on the bus, and applies the waiting faults to calls.
 class SimCalls : public hal::ICallObserver {
  public:
   explicit SimCalls(LineOutput& output) : output_(output) {}
@@ -18,13 +18,14 @@ class SimCalls : public hal::ICallObserver {
   SimCalls(const SimCalls&) = delete;
   SimCalls& operator=(const SimCalls&) = delete;
 
-  /// Who serves and answers the calls that are taken over. Not owned; before the first call.
+  /// Sets who serves and answers the calls that are taken over. Not owned. To be called before the
+  /// first call.
   void SetService(hal::HalService* service) { service_ = service; }
 
   CallFaults& Faults() { return faults_; }
-  /// Serves what is delayed.
+  /// Serves the delayed calls.
   void ServeDelayed();
-  /// What is delayed is never answered.
+  /// Leaves the delayed calls without an answer for good.
   void DropDelayed();
 
   // ICallObserver

@@ -91,7 +91,7 @@ SimMounter::Outcome SimMounter::CarryOut(const Device& volume, const Plan& plan)
   const bool made = mkdir(directory.c_str(), 0755) == 0;
   if (!made && (plan.byService || errno != EEXIST)) {
     return VolumeError{VolumeFault::UnknownFailure,
-                       "Cannot make " + directory + ": " + std::strerror(errno)};
+                       "Cannot create " + directory + ": " + std::strerror(errno)};
   }
   if (!RunFor(volume, settings_.mountCommand, directory, plan.fstype,
               hal::Join(plan.options, ","))) {
@@ -154,7 +154,8 @@ SimMounter::Outcome SimMounter::MountOutside(const std::string& udi, const std::
   const std::string name = place.empty() ? hal::BaseName(volume->Text("block.device")) : place;
   const bool absolute = name.starts_with('/');
   if (!absolute && !hal::IsDirectoryName(name)) {
-    return VolumeError{VolumeFault::InvalidMountpoint, Quote(name) + " is no name for a directory"};
+    return VolumeError{VolumeFault::InvalidMountpoint,
+                       Quote(name) + " is not a valid directory name"};
   }
   const bool protectedOrAsked = readOnly || IsWriteProtected(*volume);
   return CarryOut(*volume, {absolute ? name : kMedia + name,

@@ -19,30 +19,30 @@ struct MountSettings {
 };
 
 /// Mounts and unmounts the volumes of a tree: directory, command, and the three properties of the
-/// mount state. Commands are waited for, so that everything is answered at once.
+/// mount state. Waits for its commands, so that every call is answered at once.
 class SimMounter : public hal::IVolumeActions {
  public:
   using Outcome = std::optional<hal::VolumeError>;
 
   SimMounter(hal::DeviceTree& tree, DeviceIndex& index, LineOutput& output, MountSettings settings);
 
-  // IVolumeActions: what clients of the service ask for.
+  // IVolumeActions: requests of the service's clients.
   void Mount(const std::string& udi, const hal::MountRequest& request, Done done) override;
   void Unmount(const std::string& udi, bool lazy, Done done) override;
-  /// Unmounts all volumes of the volume's disk and takes their objects away.
+  /// Unmounts all volumes of the volume's disk and removes their objects.
   void Eject(const std::string& udi, Done done) override;
 
-  // What somebody else on the machine does.
+  // Actions of somebody else on the machine.
   /// `place` is an absolute path or a name under /media; empty: the device node's last part.
   Outcome MountOutside(const std::string& udi, const std::string& place, bool readOnly);
   Outcome UnmountOutside(const std::string& udi);
   Outcome RemountOutside(const std::string& udi, bool readOnly);
-  /// For a device that is gone: whatever is mounted is taken off, nothing is refused. True when
+  /// For a device that is gone: unmounts whatever is mounted and refuses nothing. Returns true if
   /// something was mounted.
   bool UnmountLazily(const std::string& udi);
 
  private:
-  /// What was really done for a volume, as opposed to what its properties say.
+  /// What has actually been done for a volume, as opposed to what its properties say.
   struct Record {
     std::string directory;  // root included
     bool madeDirectory;

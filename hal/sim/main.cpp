@@ -31,7 +31,7 @@ namespace {
 using namespace halsim;
 
 constexpr const char* kSummary =
-    "Serves org.freedesktop.Hal with devices that are plugged by commands on standard input.\n"
+    "Serves org.freedesktop.Hal with simulated devices that commands on standard input control.\n"
     "The command \"help\" lists them.";
 
 struct Options {
@@ -61,15 +61,15 @@ bool ReadSimOptions(int argc, char* argv[], Options& options) {
       {"address", 0, 0, G_OPTION_ARG_STRING, &address,
        "D-Bus address to connect to (default: the system bus)", "BUS"},
       {"root", 0, 0, G_OPTION_ARG_FILENAME, &root,
-       "Directory that stands for / where mount points are made", "DIR"},
+       "Directory that stands for / when mount points are created", "DIR"},
       {"mount-command", 0, 0, G_OPTION_ARG_FILENAME, &mountCommand,
        "Shell command that mounts something at a new mount point", "CMD"},
       {"unmount-command", 0, 0, G_OPTION_ARG_FILENAME, &unmountCommand,
-       "Shell command that undoes it", "CMD"},
+       "Shell command that undoes the mount", "CMD"},
       {"file", 0, 0, G_OPTION_ARG_FILENAME_ARRAY, &scripts,
        "Commands to run before the name is taken; may be repeated", "SCRIPT"},
       {"absent", 0, 0, G_OPTION_ARG_NONE, &absent,
-       "Do not take the name before the command \"return\"", nullptr},
+       "Do not take the name until the command \"return\"", nullptr},
       GOptionEntry{}};
   const bool isRead = program::ReadOptions(argc, argv, kSummary, entries);
   const glib::CharPointer ownedAddress(address);

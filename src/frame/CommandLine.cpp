@@ -62,7 +62,7 @@ int32_t NumberOrWarning(CommandLine& line, const char* name, const char* text) {
   char* end = nullptr;
   const int32_t value = Number(text, &end);
   if (end == text || *end != '\0') {
-    Warn(line, name, text, "is not a number, " + std::to_string(value) + " is taken");
+    Warn(line, name, text, "is not a number, using " + std::to_string(value));
   }
   return value;
 }
@@ -147,7 +147,7 @@ const char kHelpText[] =
     "Storage-volume daemon of a display unit.\n"
     "\n"
     "  --port=NUMBER               TCP port of the display application on 127.0.0.1; 8080\n"
-    "  --debuglevel=0..4           how much is logged; 3\n"
+    "  --debuglevel=0..4           how much to log; 3\n"
     "  --log=FILE                  log file instead of syslog\n"
     "  --vfat-mount-opts=OPTIONS   more mount options for vfat volumes\n"
     "  --internal-share-path=DIRECTORY\n"
@@ -158,11 +158,11 @@ const char kHelpText[] =
     "  --file-timeout=SECONDS      how long to wait for these files at start-up; 0\n"
     "  --nfs-root=DIRECTORY        where other units' shares are mounted; /mnt/\n"
     "  --daemon                    detach into the background\n"
-    "  --help                      show this and end\n"
-    "  --version                   show the version and end\n"
+    "  --help                      show this and exit\n"
+    "  --version                   show the version and exit\n"
     "\n"
-    "SIGTERM ends it, SIGHUP marks the head of a new log file, SIGUSR1 has every volume told\n"
-    "again. More in voldrake(8).\n";
+    "SIGTERM stops it, SIGHUP marks the head of a new log file, SIGUSR1 reports every volume\n"
+    "again. See voldrake(8).\n";
 
 std::optional<CommandLine> ParseCommandLine(int argc, char* argv[], std::string& error) {
   CommandLine line;

@@ -79,23 +79,28 @@ time_t GetFileModifiedTime(const std::string& path) {
   return status.st_mtime;
 }
 
-std::optional<std::string> ReadFile(const std::string& path, size_t maxBytes) {
+std::optional<std::string> ReadFile(const std::string& path, size_t maxBytes, int* error) {
+  if (error != nullptr) *error = 0;
   const tFileDescriptor file(RetryInterrupted(
       [&] { return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY); }));
-  if (!file.IsOpen()) return std::nullopt;
+  if (!file.IsOpen()) {
+    if (error != nullptr) *error = errno;
+    return std::nullopt;
+  }
   std::string text;
   char block[4096];
   while (text.size() < maxBytes) {
     const size_t wanted = std::min(sizeof block, maxBytes - text.size());
     const ssize_t count = RetryInterrupted([&] { return read(file.Get(), block, wanted); });
+    if (count < 0 && error != nullptr) *error = errno;
     if (count <= 0) break;
     text.append(block, static_cast<size_t>(count));
   }
   return text;
 }
 
-std::string ReadFirstLine(const std::string& path) {
-  std::string line = ReadFile(path, kFirstLineBytes).value_or("");
+std::string ReadFirstLine(const std::string& path, int* error) {
+  std::string line = ReadFile(path, kFirstLineBytes, error).value_or("");
   line.resize(std::min(line.find('\n'), line.size()));
   line.resize(strlen(line.c_str()));
   const size_t first = line.find_first_not_of(kWhiteSpace);

@@ -41,8 +41,11 @@ int RemoveDirectory(const std::string& path, bool recursive,
 
 /// The first `maxBytes` bytes of a file. Nothing when it cannot be opened; what could be read when
 /// reading fails later, so a directory gives an empty text. Never waits for a writer of a FIFO.
-[[nodiscard]] std::optional<std::string> ReadFile(const std::string& path, size_t maxBytes);
+/// `error`, where one is given, becomes the number of the error, 0 without one.
+[[nodiscard]] std::optional<std::string> ReadFile(const std::string& path, size_t maxBytes,
+                                                  int* error = nullptr);
 
 /// The first line of an identity file: at most 511 characters of it (cut at a zero byte), without
-/// the white space around them. Empty when the file is missing, unreadable or empty.
-[[nodiscard]] std::string ReadFirstLine(const std::string& path);
+/// the white space around them. Empty when the file is missing, unreadable or empty. `error` as
+/// that of `ReadFile`.
+[[nodiscard]] std::string ReadFirstLine(const std::string& path, int* error = nullptr);

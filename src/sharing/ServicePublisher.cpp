@@ -1,6 +1,7 @@
 #include "sharing/ServicePublisher.h"
 
 #include <arpa/inet.h>
+#include <sys/wait.h>
 
 #include <thread>
 #include <utility>
@@ -22,6 +23,13 @@ constexpr const char* kEverybody = "*";
 
 bool CommandFailed(int waitStatus) {
   return (waitStatus & 0xFF00) != 0;
+}
+
+/// True also when there was no process for the shell: the C library then makes up the status that a
+/// shell gives which does not find the command.
+bool WasNotRun(int waitStatus) {
+  constexpr int kNotFound = 127;
+  return waitStatus == -1 || (WIFEXITED(waitStatus) && WEXITSTATUS(waitStatus) == kNotFound);
 }
 
 }  // namespace
@@ -222,7 +230,12 @@ void CServicePublisher::_Export(const std::string& options, const std::string& c
 }
 
 void CServicePublisher::_Unexport(const std::string& client, const std::string& path) {
-  m_Run("exportfs -u " + ShellExportTarget(client, path));
+  const int status = m_Run("exportfs -u " + ShellExportTarget(client, path));
+  // A status of the command's own tells nothing: what was added without a network is not exported.
+  if (m_NetworkReady && WasNotRun(status)) {
+    Log("_Unexport: exportfs cannot be run, still exported: " + Printable(client + ":" + path),
+        kLogError);
+  }
 }
 
 void CServicePublisher::_ExportFlush() {

@@ -78,7 +78,7 @@ class CServicePublisher : public tThread {
   /// Exports one volume to those who may have it, if the network is ready.
   void _ExportService(const NFS_DATA_T& service) REQUIRES(m_Exports.mutex);
   void _Export(const std::string& options, const std::string& client, const std::string& path);
-  void _Unexport(const std::string& client, const std::string& path);
+  void _Unexport(const std::string& client, const std::string& path) REQUIRES(m_Exports.mutex);
   void _ExportFlush();
 
   tExportTable& m_Exports;

@@ -1,8 +1,5 @@
 #include "volumes/IdentityText.h"
 
-#include <unistd.h>
-
-#include <cerrno>
 #include <cstring>
 
 #include "frame/FileSystem.h"
@@ -12,10 +9,11 @@
 void tIdentityText::Refresh() {
   const time_t stamp = GetFileModifiedTime(m_File);
   if (stamp == m_Stamp) return;
-  m_Text = ReadFirstLine(m_File);
+  int error = 0;
+  m_Text = ReadFirstLine(m_File, &error);
   m_Stamp = stamp;
-  if (stamp != 0 && access(m_File.c_str(), R_OK) != 0) {
-    const std::string reason = strerror(errno);
+  if (stamp != 0 && error != 0) {
+    const std::string reason = strerror(error);
     Log("Identity file " + Printable(m_File) + " cannot be read: " + reason, kLogWarning);
   }
 }

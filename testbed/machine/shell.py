@@ -25,7 +25,7 @@ class _Shell(cmd.Cmd):
         self._images: set[Path] = set()
 
     def do_plug(self, line: str) -> None:
-        """plug UNIT NAME [vfat|exfat|ntfs|ext4|card]: plugs a stick, or a card into slot 0."""
+        """plug UNIT NAME [vfat|exfat|ntfs|ext4|card]: plug in a stick, or a card in slot 0."""
         where, name, *rest = line.split()
         unit = self._units[where]
         kind = rest[0] if rest else "vfat"
@@ -36,7 +36,7 @@ class _Shell(cmd.Cmd):
             self._pair.plug(unit, name, image)
 
     def do_pull(self, line: str) -> None:
-        """pull NAME: tears a stick out; pull UNIT card: takes the card out of slot 0."""
+        """pull NAME: pull out a stick; pull UNIT card: remove the card from slot 0."""
         words = line.split()
         if words[1:] == ["card"]:
             self._units[words[0]].emulator.eject(0)
@@ -44,30 +44,30 @@ class _Shell(cmd.Cmd):
             self._pair.pull(words[0])
 
     def do_cable(self, line: str) -> None:
-        """cable out, cable in: the network cable between the units."""
+        """cable out, cable in: unplug or plug the network cable between the units."""
         if line == "out":
             self._pair.pull_cable()
         else:
             self._pair.plug_cable()
 
     def do_power(self, line: str) -> None:
-        """power UNIT cut, power UNIT on: there is no goodbye."""
+        """power UNIT cut, power UNIT on: cut the power without a shutdown, or turn it on."""
         name, what = line.split()
         unit = self._units[name]
         if what == "cut":
             self._pair.cut_power(unit)
         elif unit.emulator.running():
-            print(f"{name} is on")
+            print(f"{name} is already on")
         else:
             unit.start()
 
     def do_on(self, line: str) -> None:
-        """on UNIT COMMAND...: runs a shell command on a unit."""
+        """on UNIT COMMAND...: run a shell command on a unit."""
         name, _, command = line.partition(" ")
         print(self._units[name].run(command, check=False), end="")
 
     def do_surface(self, line: str) -> None:
-        """surface UNIT: what is mounted, linked and exported there."""
+        """surface UNIT: show the unit's mounts, links and exports."""
         seen = self._units[line].surface()
         for title, entries in (("mount", seen.mounts), ("link", seen.links),
                                ("export", seen.exports)):
@@ -75,7 +75,7 @@ class _Shell(cmd.Cmd):
                 print(f"  {title:6} {name}: {value}")
 
     def do_quit(self, _: str) -> bool:
-        """quit: switches both off."""
+        """quit: switch both units off."""
         return True
 
     do_EOF = do_quit
@@ -88,7 +88,7 @@ class _Shell(cmd.Cmd):
             return bool(super().onecmd(line))
         except (AssertionError, LookupError, OSError, RuntimeError, StopIteration,
                 ValueError) as error:
-            print(f"{type(error).__name__}: {error}; \"help\" shows how commands are written")
+            print(f"{type(error).__name__}: {error}; \"help\" shows the syntax of commands")
             return False
 
     def _medium(self, name: str, kind: str) -> Path:
@@ -107,7 +107,7 @@ class _Shell(cmd.Cmd):
             told = unit.told()
             for text in told[shown:]:
                 typed = self.prompt + readline.get_line_buffer()
-                print(f"\r  {unit.name} was told: {text}\n{typed}", end="", flush=True)
+                print(f"\r  {unit.name} received: {text}\n{typed}", end="", flush=True)
             shown = len(told)
             with unit.tape.added:
                 unit.tape.added.wait(deadlines.POLL)

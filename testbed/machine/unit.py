@@ -141,9 +141,9 @@ class Unit(Lifespan):
                 break
             with self.tape.added:
                 self.tape.added.wait(1)
-        assert seen == wanted, (f"the application of {self.name} was told\n  "
+        assert seen == wanted, (f"the application of {self.name} received\n  "
                                 + "\n  ".join(seen or ["nothing"])
-                                + "\nand should have been told\n  "
+                                + "\nand should have received\n  "
                                 + "\n  ".join(wanted or ["nothing"]))
         self._heard += len(seen)
 

@@ -1,15 +1,15 @@
-"""Random stories against the real daemon until a number of events, or a time, is reached.
+"""Plays random stories on the real daemon, up to a number of events or for a time.
 
     scripts/soak                     10,000 events, some minutes
-    scripts/soak --events N          so many
-    scripts/soak --minutes M         so long
-    scripts/soak --seed S            the same run again; without it a new seed, which is printed
+    scripts/soak --events N          N events
+    scripts/soak --minutes M         M minutes
+    scripts/soak --seed S            repeat a run; by default a new seed, which is printed
     scripts/soak --story FILE        play the lines of a file instead; "-" is standard input
-    scripts/soak --real-mounts       a mount is one, which takes a process
-    scripts/soak --hald              the hardware service over the kernel's devices instead
-    scripts/soak --json FILE         FILE gets the figures
+    scripts/soak --real-mounts       run a process for each mount
+    scripts/soak --hald              test the hardware service for the kernel's devices instead
+    scripts/soak --json FILE         also write the figures to FILE
 
-A story that fails is shortened and printed as a test of tests/system/test_soak.py, with --hald of
+A story that fails is shortened and printed as a test for tests/system/test_soak.py, with --hald for
 test_soak_hald.py.
 """
 
@@ -132,10 +132,10 @@ def main(arguments: Sequence[str]) -> int:
     if options.story:
         lines = _read(options.story)
         failure = _failure(make, lines)
-        print(failure or f"{len(lines)} lines: as it must be")
+        print(failure or f"{len(lines)} lines: no failure")
         return 1 if failure else 0
     seed = options.seed or secrets.token_hex(4)
-    print(f"Seed {seed}; the same again: scripts/soak --seed {seed}"
+    print(f"Seed {seed}; repeat with: scripts/soak --seed {seed}"
           + (" --hald" if options.hald else ""), flush=True)
     run = Run(seed)
     failed = _run(run, make, options)
@@ -209,7 +209,7 @@ def _report(make: "Maker", lines: list[str], said: str) -> None:
     bare = [line for line in story if line not in make.checks or line == "settle"]
     story = next((some for some in (bare, story) if fails(some)), [])
     if not story:
-        print("The story alone does not fail; the whole run is needed.")
+        print("The story alone does not fail; only the whole run does.")
         return
     short = [*shrink.shortened(story, fails, _MOST_TRIALS), last]
     print(f"{_failure(make, short)}\n\ndef test_found_by_soak(player):\n    play(player, \"\"\"")

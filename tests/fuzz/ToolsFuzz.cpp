@@ -5,9 +5,9 @@
 #include <algorithm>
 
 #include "Source.h"
-#include "tools/Announcement.h"
-#include "tools/MessageFormat.h"
-#include "tools/Received.h"
+#include "tools/monitor/MessageFormat.h"
+#include "tools/monitor/Received.h"
+#include "tools/shares/Announcement.h"
 
 namespace {
 

@@ -47,7 +47,7 @@ def test_serves_when_the_start_returns(machine: HaldMachine) -> None:
     assert call(machine, "start") == (0, "", "")
     assert machine.objects() == []
     assert call(machine, "status") == (0, "voldrake-hald is running\n", "")
-    assert call(machine, "start") == (0, "voldrake-hald is running already\n", "")
+    assert call(machine, "start") == (0, "voldrake-hald is already running\n", "")
     assert len(services(machine)) == 1
     assert call(machine, "stop") == (0, "", "")
     assert services(machine) == []
@@ -71,7 +71,7 @@ def test_tells_when_the_service_ends_at_once(machine: HaldMachine) -> None:
     machine.start_service()
     status, out, err = call(machine, "start")
     assert (status, out) == (1, "")
-    assert re.fullmatch(r"voldrake-hald has ended at once; started by hand it tells why: \S+\n",
+    assert re.fullmatch(r"voldrake-hald exited at once; run it by hand to see the reason: \S+\n",
                         err)
     assert call(machine, "status") == (3, "voldrake-hald is not running\n", "")
 

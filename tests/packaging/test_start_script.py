@@ -56,7 +56,7 @@ def test_starts_once_tells_and_stops(image: Sandbox) -> None:
     assert call(image, "start") == (0, "")
     expect_line(image, LOG, "Version - 1.10 Client port - 8080")
     assert call(image, "status") == (0, "voldrake is running\n")
-    assert call(image, "start") == (0, "voldrake is running already\n")
+    assert call(image, "start") == (0, "voldrake is already running\n")
     assert len(daemons(image)) == 1
     expect_handler(image, signal.SIGTERM)
     assert call(image, "stop") == (0, "")
@@ -93,7 +93,7 @@ def complaint(image: Sandbox, action: str) -> str:
 @pytest.mark.parametrize("word", ["--daemon", "--da"])
 def test_refuses_a_daemon_that_would_detach_itself(image: Sandbox, word: str) -> None:
     set_options(image, f"--log {LOG} {word}")
-    told = ("/etc/default/voldrake: VOLDRAKE_OPTIONS must not hold --daemon,"
+    told = ("/etc/default/voldrake: VOLDRAKE_OPTIONS must not contain --daemon;"
             " this script detaches voldrake\n")
     assert complaint(image, "start") == told
     assert daemons(image) == []
@@ -113,11 +113,12 @@ def test_tells_of_a_daemon_that_somebody_else_has_started(image: Sandbox, tree) 
     program = str(Path(tree.prefix, "sbin/voldrake"))
     other = image.spawn([program, "--log", LOG], "other")
     expect_handler(image, signal.SIGTERM)
-    assert call(image, "status") == (0, "voldrake is running, but not by this script\n")
-    assert complaint(image, "start") == "voldrake is running already, but not by this script\n"
+    assert call(image, "status") == (0, "voldrake is running, but was not started by this script\n")
+    assert complaint(image, "start") == (
+        "voldrake is already running, but was not started by this script\n")
     for action in ("stop", "restart"):
         assert complaint(image, action) == (
-            "voldrake is running, but not by this script; SIGTERM ends it\n")
+            "voldrake is running, but was not started by this script; stop it with SIGTERM\n")
     assert len(daemons(image)) == 1
     assert other.terminate() == 0
 
@@ -153,7 +154,7 @@ while kill -0 "$(cat {PID_FILE})" 2>&-; do /usr/bin/sleep 0.05; done
     done = image.run(["busybox", "sh", SCRIPT, "start"], timeout=4 * timeouts.RUN)
     assert done.returncode == 1
     assert done.stdout == ""
-    assert re.fullmatch(r"voldrake has ended at once; .* \S+/voldrake --no-such-option\n",
+    assert re.fullmatch(r"voldrake exited at once; .* \S+/voldrake --no-such-option\n",
                         done.stderr)
     assert call(image, "status") == (3, "voldrake is not running\n")
     assert not image.path(PID_FILE).exists()
@@ -181,7 +182,7 @@ def test_waits_for_an_end_as_long_as_systemd_does(image: Sandbox, tree) -> None:
     image.write(f"{TOOLS}/sleep", "#!/bin/sh\necho $1 >> /run/seconds\n")
     image.path(f"{TOOLS}/sleep").chmod(0o755)
     done = image.run(["busybox", "sh", SCRIPT, "stop"], timeout=4 * timeouts.RUN)
-    assert (done.returncode, done.stderr) == (1, "voldrake does not end\n")
+    assert (done.returncode, done.stderr) == (1, "voldrake does not stop\n")
     waited = sum(map(int, image.path("/run/seconds").read_text().split()))
     unit = tree.path("lib/systemd/system/voldrake.service").read_text()
     assert f"\nTimeoutStopSec={waited}\n" in unit

@@ -35,6 +35,10 @@ def arrival(path: str, *, card: bool = False, key: str = "", content_id: str = "
             f' fixed="false" /></content></message>')
 
 
+#: The message that reports CARD.
+CARD_ARRIVAL = arrival("/media/mmcblk0p1", card=True, key=CID, name="Memory Card - 0")
+
+
 def removal(path: str) -> str:
     """The message that takes a volume back."""
     return f'{_HEAD}<dataremoval path="{path}"/></content></message>'
@@ -123,3 +127,38 @@ def card_record(mount_point: str | None, cid: str = CID) -> list[Line]:
 def correction(cid: str, corrected: str) -> list[Line]:
     """What the correction of a card's last byte logs."""
     return [(DEBUG, cid), (DEBUG, corrected[30:]), (DEBUG, corrected)]
+
+
+def card_arrival() -> list[Line]:
+    """What the registration of CARD logs, once it is mounted."""
+    return [
+        (INFO, f"_DeviceMounted: {CARD_VOLUME}"),
+        (DEBUG, "AddServiceNFS: /media/mmcblk0p1"),
+        (INFO, "symlink: /media/Memory Card -> mmcblk0p1"),
+        *correction(CID, CID),
+        (INFO, CARD_ARRIVAL),
+        *card_record("/media/mmcblk0p1")]
+
+
+def scan_of(volume: str, described: list[Line]) -> list[Line]:
+    """What a scan logs that finds one volume, until it has described it."""
+    return [
+        (INFO, "_ManualScan()"),
+        (DEBUG, "_ManualScan:"),
+        (DEBUG, volume),  # as found
+        (DEBUG, volume),  # as taken up
+        (INFO, "_ManualScan: found Volume"),
+        *described]
+
+
+def mounted_unseen(unit: Unit, plugged: str, mounted: str) -> Mark:
+    """Plug and mount a volume without a signal, with what the commands get, and mark the end."""
+    unit.hal.command(f"quiet plug {plugged}")
+    unit.hal.command(f"quiet mount {mounted}")
+    return mark(unit)
+
+
+def read_only_remount(volume: str) -> list[Line]:
+    """What is logged for every volume that turns read-only, before it is looked at."""
+    return [(DEBUG, "HalManagerPropertyChangedCb MountedRo 1 1"),
+            (INFO, f"_DeviceReMountedRo: {volume}")]

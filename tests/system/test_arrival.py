@@ -4,9 +4,8 @@ import re
 
 import pytest
 
-from local_volumes import (CARD, CARD_VOLUME, CID, DEVICES, STICK, STICK_VOLUME, arrival,
-                           card_record, correction, mark, registered, said, said_from, stick_record,
-                           told)
+from local_volumes import (CARD, CARD_ARRIVAL, CARD_VOLUME, DEVICES, STICK, STICK_VOLUME, arrival,
+                           card_arrival, mark, registered, said, said_from, stick_record, told)
 from testbed.daemon import DEBUG, ERROR, INFO
 from testbed.unit import Unit
 
@@ -66,19 +65,13 @@ def test_a_stick_takes_every_step_in_order(running_unit: Unit) -> None:
 def test_a_card_takes_every_step_in_order_and_never_asks_the_usb_map(running_unit: Unit) -> None:
     unit, since = running_unit, mark(running_unit)
     unit.hal.plug(CARD)
-    message = arrival("/media/mmcblk0p1", card=True, key=CID, name="Memory Card - 0")
-    assert unit.application.next_text() == message
+    assert unit.application.next_text() == CARD_ARRIVAL
     unit.settle()
     assert said_from(unit, since, f"_DeviceAdded: {CARD_VOLUME}") == [
         (DEBUG, f"_DeviceAdded: {CARD_VOLUME}"),
         (INFO, "_DeviceAdded: Volume Found"),
         (INFO, f"_DeviceAdded: MountVolume success: {CARD_VOLUME} mmcblk0p1 vfat"),
-        (INFO, f"_DeviceMounted: {CARD_VOLUME}"),
-        (DEBUG, "AddServiceNFS: /media/mmcblk0p1"),
-        (INFO, "symlink: /media/Memory Card -> mmcblk0p1"),
-        *correction(CID, CID),
-        (INFO, message),
-        *card_record("/media/mmcblk0p1")]
+        *card_arrival()]
 
 
 @pytest.mark.unit_options(configuration="name=Everything\nname=x\n")
@@ -210,37 +203,17 @@ def test_the_volume_id_is_compared_with_case(running_unit: Unit) -> None:
     assert told(unit, 2) == [arrival("/media/sda1"), arrival("/media/sdb1")]
 
 
-@pytest.mark.parametrize("device", ["sda1", "", "dev/sda1", "/DEV/sda1"])
-def test_a_block_device_without_name_ends_the_daemon(running_unit: Unit, device: str) -> None:
+def test_a_block_device_without_name_ends_the_daemon(running_unit: Unit) -> None:
     unit, since = running_unit, mark(running_unit)
-    unit.hal.plug(f'{STICK} volume-block="{device}"')
+    unit.hal.plug(f'{STICK} volume-block="dev/sda1"')
     assert unit.daemon.wait() == -6
+    assert all(part in unit.daemon.stderr() for part in ("_DeviceAdded", "RetVal == true"))
     failure = unit.daemon.failed_assertion()
     assert re.search(r"\btVoldrake\b.*\bRetVal == true\b", failure)
     assert said(unit, since)[-3:] == [(INFO, "_DeviceAdded: Volume Found"),
                                       (ERROR, "_DeviceAdded: GetNextMountPointName failed"),
                                       (ERROR, failure)]
     assert mounts(unit, since) == []
-
-
-@pytest.mark.parametrize("device, name", [
-    ("/dev/sdb", "sdb"), ("/dev/a b", "a b"), ("/dev/", ""), ("/dev/.", "."), ("/dev/..", ".."),
-    ("/dev/../etc", "../etc"), ("/tmp/dev/sda1", "dev/sda1"), ("x/dev/sda1", "/sda1"),
-    ("/dev/" + 250 * "n", 250 * "n"), ("/dev/" + 4091 * "n", 4091 * "n")],
-    ids=lambda text: text if len(text) < 20 else f"{len(text)} characters")
-def test_the_name_is_what_follows_the_first_five_characters(
-        running_unit: Unit, device: str, name: str) -> None:
-    """Names that lead out of /media are asked for like others, and nothing is deleted for them."""
-    unit, since = running_unit, mark(running_unit)
-    unit.sandbox.write("/media/kept/charts", "charts")
-    unit.hal.command("fail Mount org.freedesktop.Hal.Device.Volume.InvalidMountpoint no")
-    unit.hal.plug(f'{STICK} volume-block="{device}"')
-    unit.settle()
-    assert mounts(unit, since) == [f"'{name}', 'vfat', []"]
-    assert said(unit, since)[-1] == (
-        ERROR, f"_DeviceAdded: MountVolume failed: {STICK_VOLUME} {name} vfat")
-    assert unit.content("/media/kept/charts") == "charts"
-    assert unit.exists("/etc/passwd")
 
 
 def test_a_disk_without_name_is_mounted_under_the_name_that_the_service_chooses(

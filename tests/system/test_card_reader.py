@@ -159,17 +159,11 @@ def test_a_reader_that_does_not_answer_gives_zeros(reader_unit: Unit, behaviour:
 
 
 @_with_map
-@pytest.mark.parametrize("device", [
-    "/dev/sda1", "", "etc/passwd", "sda1", "/", "/srv", "/srv/fifo", "/srv/file", "/dev/null",
-    "/srv/loop", "/srv/socket", "/" + 4090 * "x", 200 * "/dev", 4096 * "x", 20000 * "y"],
-    ids=["no such device", "nothing", "a relative path", "a bare name", "the root", "a directory",
-         "a FIFO", "a file", "a device of another kind", "a loop of links", "a socket",
-         "a name too long", "a deep path", "a relative name too long", "20,000 characters"])
+@pytest.mark.parametrize("device", ["/srv/fifo", 20000 * "y"],
+                         ids=["a FIFO", "a name that is too long"])
 def test_a_device_that_is_no_reader_gives_zeros(unit: Unit, device: str) -> None:
     """A FIFO without writer must not hold the daemon up."""
-    unit.sandbox.run(["sh", "-c", "mkfifo /srv/fifo; ln -s loop /srv/loop; echo x > /srv/file;"
-                                  " python3 -c 'import socket;"
-                                  " socket.socket(socket.AF_UNIX).bind(\"/srv/socket\")'"])
+    unit.sandbox.run(["mkfifo", "/srv/fifo"])
     start_daemon(unit)
     unit.hal.plug(_READER)
     before, since = descriptors(unit), mark(unit)
@@ -183,17 +177,9 @@ def test_a_device_that_is_no_reader_gives_zeros(unit: Unit, device: str) -> None
 
 @pytest.mark.parametrize("reader, name", [
     pytest.param(_READER, "USB Mass Storage"),
-    pytest.param(_OTHER_READER, "USB Mass Storage"),
-    pytest.param("reader rd vendor=0x0424 product=0x4041", "USB Mass Storage", marks=_with_map),
-    pytest.param("reader rd vendor=0x0425 product=0x4040", "USB Mass Storage", marks=_with_map),
-    pytest.param("reader rd vendor=0x0425 product=0x2240", "USB Mass Storage", marks=_with_map),
-    pytest.param(_READER, "KR20 - 1", marks=pytest.mark.unit_options(
-        configuration="name=Chart Port\nusbid=1-1_3\n")),
     pytest.param(_OTHER_READER, " - Chart Port", marks=pytest.mark.unit_options(
         configuration="name=Chart Port\nusbid=1-1_3\n"))],
-    ids=["no USB map", "no USB map, second product", "another product", "another vendor",
-         "another vendor, second product", "a map entry for its port",
-         "a map entry for its port, second product"])
+    ids=["no USB map", "a map entry for its port, second product"])
 def test_the_reader_is_not_asked(reader_unit: Unit, reader: str, name: str) -> None:
     """Without a map, for other devices, and when the port decides, nothing is known of the card."""
     unit = reader_unit

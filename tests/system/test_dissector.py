@@ -143,7 +143,7 @@ def test_a_withdrawal_and_empty_texts_are_sound(dissect) -> None:
         (changed(14, b"\xff\xff"), "The path is cut off"),
         (changed(18, b"\x06"), "The friendly name is cut off"),
         (announcement() + b"x", "Bytes follow the friendly name"),
-        (announcement(b"/" * 1480), "Units read 1500 bytes only"),
+        (announcement(b"/" * 1480), "Units read only 1500 bytes"),
     ],
     ids=lambda value: value if isinstance(value, str) else "",
 )
@@ -308,8 +308,8 @@ def test_several_messages_of_one_segment_are_all_shown(dissect_stream) -> None:
         (bytes.fromhex("0008 0000 0006 0061 0062"), "4 bytes follow"),
         (bytes.fromhex("0007 0000 0003 006100"), "3 bytes follow"),
         (bytes.fromhex("0008 0000 0004 0061 0162"), "Code unit 1 is above 00ff"),
-        (frame.encode("text"), "The text is no message"),
-        (frame.encode(REMOVAL.replace("removal", "other")), "The text is no message"),
+        (frame.encode("text"), "The text is not a valid message"),
+        (frame.encode(REMOVAL.replace("removal", "other")), "The text is not a valid message"),
     ],
     ids=lambda value: value if isinstance(value, str) else "",
 )

@@ -56,10 +56,10 @@ def test_volumes_come_and_go(running_unit: Unit) -> None:
     example = start_example(unit)
     example.expect_stdout("shown:\n")
     unit.hal.plug(STICK)
-    example.expect_stdout("told: dataarrival /media/sda1\n"
+    example.expect_stdout("received: dataarrival /media/sda1\n"
                           "shown: /media/sda1 (USB Mass Storage)\n", timeouts.RETRY)
     unit.hal.pull("stick")
-    example.expect_stdout("told: dataremoval /media/sda1\n", timeouts.RETRY)
+    example.expect_stdout("received: dataremoval /media/sda1\n", timeouts.RETRY)
     example.kill()
     assert said(example, "shown") == ["", "/media/sda1 (USB Mass Storage)", ""]
 
@@ -69,7 +69,7 @@ def test_after_a_restart_it_shows_what_was_told_to_its_predecessor(running_unit:
     unit.application.leave()
     example = start_example(unit)
     unit.hal.plug(STICK)
-    example.expect_stdout("told: dataarrival /media/sda1\n", timeouts.RETRY)
+    example.expect_stdout("received: dataarrival /media/sda1\n", timeouts.RETRY)
     example.kill()
     unit.hal.plug(OTHER)
     unit.settle()
@@ -108,13 +108,13 @@ def test_a_stick_pulled_while_it_was_away_is_not_shown(running_unit: Unit) -> No
             unit.daemon.expect_log(DEBUG, re.compile("data size: .*"), timeouts.RETRY)
         ask(unit)
         unit.sandbox.write("/tmp/asked", "")
-    again = "told: dataarrival /media/sdb1\n"
+    again = "received: dataarrival /media/sdb1\n"
     example.expect_stdout(re.compile(f"{again}(shown: .*\n)?{again}"), timeouts.RETRY)
     unit.hal.pull("other")
-    example.expect_stdout("told: dataremoval /media/sdb1\n", timeouts.RETRY)
+    example.expect_stdout("received: dataremoval /media/sdb1\n", timeouts.RETRY)
     example.kill()
 
-    assert listed_by_messages(said(example, "told")) == {"/media/sda1"}
+    assert listed_by_messages(said(example, "received")) == {"/media/sda1"}
     assert said(example, "shown") == ["", "/media/sdb1 (USB Mass Storage)", ""]
 
 
@@ -135,9 +135,9 @@ def test_a_daemon_that_is_started_after_it_listens_has_nothing_that_waits(unit: 
     example = start_example(unit)
     unit.start_daemon()
     unit.hal.pull("other")
-    example.expect_stdout("told: dataremoval /media/sdb1\n", timeouts.RETRY)
+    example.expect_stdout("received: dataremoval /media/sdb1\n", timeouts.RETRY)
     example.kill()
-    assert said(example, "told") == ["dataarrival /media/sdb1", "dataremoval /media/sdb1"]
+    assert said(example, "received") == ["dataarrival /media/sdb1", "dataremoval /media/sdb1"]
 
 
 def test_a_volume_is_found_behind_a_link(running_unit: Unit) -> None:
@@ -148,7 +148,7 @@ def test_a_volume_is_found_behind_a_link(running_unit: Unit) -> None:
     example = start_example(unit)
     with connect(unit) as other:
         other.sendall(encode(arrival("/tmp/link/sda1")))
-    example.expect_stdout("told: dataarrival /tmp/link/sda1\n")
+    example.expect_stdout("received: dataarrival /tmp/link/sda1\n")
     unit.hal.plug(STICK)
     example.expect_stdout("shown: /tmp/link/sda1 (USB Mass Storage)", timeouts.RETRY)
     example.kill()
@@ -171,7 +171,7 @@ def test_what_the_daemon_does_not_send_is_ignored(running_unit: Unit, sent: byte
     example.expect_stdout("shown: /media/sda1 (USB Mass Storage)\n", timeouts.RETRY)
     example.kill()
     assert len(said(example, "ignored")) == 1
-    assert said(example, "told") == ["dataarrival /media/sda1"]
+    assert said(example, "received") == ["dataarrival /media/sda1"]
 
 
 def test_a_connection_that_says_nothing_is_given_up(running_unit: Unit) -> None:
@@ -180,6 +180,6 @@ def test_a_connection_that_says_nothing_is_given_up(running_unit: Unit) -> None:
     example = start_example(unit)
     with connect(unit):
         unit.hal.plug(STICK)
-        example.expect_stdout("told: dataarrival /media/sda1\n", timeouts.RETRY)
+        example.expect_stdout("received: dataarrival /media/sda1\n", timeouts.RETRY)
     example.kill()
     assert said(example, "ignored") == ["timed out"]

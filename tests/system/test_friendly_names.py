@@ -20,14 +20,8 @@ def told_name(unit: Unit) -> str:
     pytest.param(usbid, port, name, marks=pytest.mark.unit_options(
         configuration=f"name=Chart Port\nusbid={usbid}\n"))
     for usbid, port, name in [
-        ("1-1_3", "1-1.3", " - Chart Port"),
-        ("1-1_3--1_0", "1-1.3", " - Chart Port"),
-        ("1_3", "1-1.3", " - Chart Port"),
-        ("--", "1-1.3", " - Chart Port"),
-        ("2-1_4_2", "2-1.4.2", " - Chart Port"),
-        ("1-1_3", "1-1.4", "USB Mass Storage"),
-        ("1-1.3", "1-1.3", "USB Mass Storage"),
-        ("1-1_3--1_0 ", "1-1.3", "USB Mass Storage")]])
+        ("1_4_2", "2-1.4.2", " - Chart Port"),
+        ("1-1_3", "1-1.4", "USB Mass Storage")]])
 def test_a_stick_has_the_name_of_its_port(running_unit: Unit, usbid: str, port: str,
                                           name: str) -> None:
     """The configured id is looked for anywhere in the port's text."""
@@ -51,32 +45,19 @@ def test_the_first_entry_by_usb_id_counts(running_unit: Unit) -> None:
     assert told_name(running_unit) == " - Third"
 
 
-@pytest.mark.unit_options(configuration="name=Old\nusbid=1-1_3\nname=New\nusbid=1-1_3\n")
-def test_the_later_of_two_entries_of_one_id_counts(running_unit: Unit) -> None:
-    running_unit.hal.plug("usb stick port=1-1.3")
-    assert told_name(running_unit) == " - New"
-
-
 @_CHARTS
 @pytest.mark.parametrize("properties, name", [
-    ("scsi_host/linux.sysfs_path=string:/sys/1-1.3/x", "USB Mass Storage"),
-    ("scsi_host/linux.sysfs_path=string:/sys/1-1.3/host2", " - Chart Port"),
     ("scsi_host/linux.sysfs_path=unset", "USB Mass Storage"),
-    ("scsi_host/linux.sysfs_path=string:", "USB Mass Storage"),
-    ("usb_device/usb_device.vendor_id=unset", " - Chart Port"),
-    ("usb_device/usb_device.product_id=unset", " - Chart Port"),
-    ("scsi_device/linux.subsystem=unset", " - Chart Port"),
-    ("scsi_device/scsi.lun=unset", " - Chart Port")])
+    ("usb_device/usb_device.vendor_id=unset", " - Chart Port")])
 def test_a_stick_that_is_described_in_part_is_told_all_the_same(
         running_unit: Unit, properties: str, name: str) -> None:
     running_unit.hal.plug(f"usb stick port=1-1.3 {properties}")
     assert told_name(running_unit) == name
 
 
-@pytest.mark.parametrize("number", [0, 1, 7])
-def test_a_card_has_the_number_of_its_host(running_unit: Unit, number: int) -> None:
-    running_unit.hal.plug(f"sd card host={number} cid={CID}")
-    assert told_name(running_unit) == f"Memory Card - {number}"
+def test_a_card_has_the_number_of_its_host(running_unit: Unit) -> None:
+    running_unit.hal.plug(f"sd card host=7 cid={CID}")
+    assert told_name(running_unit) == "Memory Card - 7"
 
 
 def test_the_record_of_a_stick(running_unit: Unit) -> None:

@@ -87,57 +87,13 @@ def test_the_name_can_go_while_the_connection_stays(sim: Hal, client: Client) ->
 # Commands
 
 @pytest.mark.parametrize("line, error", [
-    ("nonsense", 'unknown command "nonsense"'),
-    ("plug", "what to plug is missing"),
-    ("plug moon m", 'cannot plug "moon"'),
-    ("plug usb a/b", '"a/b" is no name: letters, digits, _ and -'),
-    ("plug usb a color=red", 'unknown key "color"'),
-    ("plug usb a serial=1 serial=2", '"serial" is given twice'),
-    ("plug usb a vendor=65536", "vendor=65536 is no number from 0 to 65535"),
-    ("plug usb a vendor=99999999999999999999", "vendor=99999999999999999999 is no number"),
-    ("plug usb a vendor=0x-1", "vendor=0x-1 is no number"),
-    ("plug usb a port=1-", '"1-" is no USB port'),
-    ("plug usb a card/x=int:1", 'there is no new "card"'),
-    ("plug usb a volume/x=float:1", 'unknown type "float"'),
-    ("plug usb a volume/x=bool:maybe", '"maybe" is not a bool'),
-    ("plug usb a label=\"x", "quotes are not closed"),
-    ("plug usb a label=\"\\q\"", "unknown escape in quotes"),
-    ("plug volume a", 'nothing plugged is called "a"'),
-    ("pull a", 'nothing plugged is called "a"'),
-    ("set /nowhere x=int:1", 'there is no device "/nowhere"'),
-    (f"set {ROOT} x=int:2147483648", '"2147483648" is not of type int'),
-    ("emit /a/ a.b M", '"/a/" is no object path'),
-    ("emit /a a M", '"a" is no interface name'),
-    ("emit /a a.b M 5", "the value is not a tuple: a tuple of one is written (VALUE,)"),
     (f"emit /a a.b M {'(' * 33}1{',)' * 33}", "the value is nested too deeply"),
-    ("fail Mount Busy", '"Busy" is no error name'),
-    ("delay Mount soon", '"soon" is no number of milliseconds'),
-    ("quiet list", '"list" cannot be quiet'),
-    ("list all", 'unexpected "all"'),
-    ("a\0b", "the line has a NUL byte"),
-    ("plug usb \udcff\udcfe", "the line is not UTF-8"),
     ("x" * 65537, "the line is too long"),
-], ids=lambda text: ascii(text)[:40])
+], ids=["a value", "a line"])
 def test_a_bad_command_is_answered_and_changes_nothing(sim: Hal, line: str, error: str) -> None:
     with pytest.raises(CommandFailed, match=re.escape(f"error: {error}")):
         sim.command(line)
     assert sim.command("list") == [f"device - {ROOT}"]
-
-
-def test_two_devices_cannot_be_in_one_place(sim: Hal) -> None:
-    sim.plug("usb stick port=1-1 scsi-host=3")
-    sim.plug("sd card host=1")
-    for command, error in (
-            ("usb stick", 'there is a "stick" already'),
-            ("usb b port=1-1", 'port 1-1 is taken by "stick"'),
-            ("usb b scsi-host=3", "SCSI host 3 is taken"),
-            ("sd b host=1", 'there is a card in this host: "card"'),
-            ("host b number=1", "there is an SD host 1 already"),
-            ("volume stick partition=1", 'there is a "volume1" already')):
-        with pytest.raises(CommandFailed, match=error):
-            sim.plug(command)
-    with pytest.raises(CommandFailed, match="there is a card in it"):
-        sim.pull("host1")
 
 
 def test_what_show_prints_can_be_given_back_to_set(sim: Hal) -> None:

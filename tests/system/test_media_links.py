@@ -15,19 +15,8 @@ def link_lines(unit: Unit, since: int) -> list[tuple[int, str]]:
 
 
 @pytest.mark.parametrize("mount_point, name, target", [
-    ("/media/sda1", "USB Memory Card A1", "sda1"),
-    ("/media/sdb", "USB Memory Card B", "sdb"),
-    ("/media/sdab12", "USB Memory Card AB12", "sdab12"),
-    ("/media/sd", "USB Memory Card ", "sd"),
     ("/media/sda-charts_é", "USB Memory Card A-CHARTS_é", "sda-charts_é"),
-    ("/media/sdx/sdc3", "USB Memory Card C3", "sdx/sdc3"),
-    ("/media/SDA1", "USB Memory Card", "SDA1"),
-    ("/media/CHARTS", "USB Memory Card", "CHARTS"),
-    ("/media/mysda1", "USB Memory Card", "mysda1"),
-    ("/mnt/sda1", "USB Memory Card A1", "a1"),
-    ("/sdq", "USB Memory Card Q", ""),
-    ("/mnt/hd", "USB Memory Card", ""),
-    ("/mnt/hd5", "USB Memory Card", "5")])
+    ("/mnt/sdab1", "USB Memory Card AB1", "ab1")])
 def test_a_stick_is_linked_by_its_device_letters(
         running_unit: Unit, mount_point: str, name: str, target: str) -> None:
     """Seven characters are cut off the mount point, whatever they are."""
@@ -38,19 +27,11 @@ def test_a_stick_is_linked_by_its_device_letters(
     unit.hal.plug(f"{STICK} mounted={mount_point}")
     assert unit.application.next_text() == arrival(mount_point.encode().decode("latin-1"))
     unit.settle()
-    if target:
-        assert link_lines(unit, since) == [(INFO, f"symlink: /media/{name} -> {target}")]
-        assert unit.links() == {name: target}
-    else:
-        assert link_lines(unit, since) == [
-            (ERROR, f"symlink failed: /media/{name} -> "),
-            (ERROR, "symlink error: No such file or directory")]
-        assert unit.links() == {}
+    assert link_lines(unit, since) == [(INFO, f"symlink: /media/{name} -> {target}")]
+    assert unit.links() == {name: target}
 
 
-@pytest.mark.parametrize("mount_point", ["/", "/m", "/mnt", "/media", "/media/"],
-                         ids=["1 character", "2 characters", "4 characters", "6 characters",
-                              "7 characters"])
+@pytest.mark.parametrize("mount_point", ["/m", "/media/"], ids=["2 characters", "7 characters"])
 def test_a_short_mount_point_gives_no_link_and_no_harm(running_unit: Unit,
                                                        mount_point: str) -> None:
     """Nothing is there to link to; the volume is told all the same."""
@@ -66,17 +47,12 @@ def test_a_short_mount_point_gives_no_link_and_no_harm(running_unit: Unit,
     assert unit.media() == []
 
 
-@pytest.mark.parametrize("hosts, number, name", [
-    pytest.param(2, 0, "Memory Card", marks=pytest.mark.unit_options(mmc_hosts=2)),
-    pytest.param(2, 1, "Memory Card", marks=pytest.mark.unit_options(mmc_hosts=2)),
-    pytest.param(3, 0, "Memory Card - 0", marks=pytest.mark.unit_options(mmc_hosts=3)),
-    pytest.param(3, 2, "Memory Card - 2", marks=pytest.mark.unit_options(mmc_hosts=3)),
-    pytest.param(3, -1, "Memory Card - -1", marks=pytest.mark.unit_options(mmc_hosts=3)),
-    pytest.param(0, 0, "", marks=pytest.mark.unit_options(mmc_hosts=0)),
-    pytest.param(1, 0, "", marks=pytest.mark.unit_options(mmc_hosts=1)),
-    pytest.param(4, 0, "", marks=pytest.mark.unit_options(mmc_hosts=4))])
-def test_a_card_is_linked_by_the_units_number_of_hosts(
-        running_unit: Unit, hosts: int, number: int, name: str) -> None:
+@pytest.mark.parametrize("number, name", [
+    pytest.param(-1, "Memory Card - -1", marks=pytest.mark.unit_options(mmc_hosts=3)),
+    pytest.param(0, "", marks=pytest.mark.unit_options(mmc_hosts=4))],
+    ids=["of three", "of four"])
+def test_a_card_is_linked_by_the_units_number_of_hosts(running_unit: Unit, number: int,
+                                                       name: str) -> None:
     unit, since = running_unit, mark(running_unit)
     unit.hal.command("plug host socket number=7")
     unit.hal.command(f"set socket:host mmc_host.host=int:{number}")
@@ -94,16 +70,14 @@ def test_a_card_is_linked_by_the_units_number_of_hosts(
         assert unit.links() == {}
 
 
-@pytest.mark.parametrize("obstacle", ["file", "directory", "link", "dangling link"])
+@pytest.mark.parametrize("obstacle", ["directory", "dangling link"])
 def test_nothing_that_exists_is_replaced_by_a_link(running_unit: Unit, obstacle: str) -> None:
     unit = running_unit
     path = unit.sandbox.path("/media/USB Memory Card A1")
-    if obstacle == "file":
-        path.write_text("kept")
-    elif obstacle == "directory":
+    if obstacle == "directory":
         path.mkdir()
     else:
-        path.symlink_to("." if obstacle == "link" else "nowhere")
+        path.symlink_to("nowhere")
     before = os.lstat(path)
     since = mark(unit)
     registered(unit)
@@ -118,7 +92,6 @@ def test_nothing_that_exists_is_replaced_by_a_link(running_unit: Unit, obstacle:
 
 @pytest.mark.parametrize("prepare, reason", [
     ("mount -o remount,ro /media", "Read-only file system"),
-    ("umount /media && rmdir /media", "No such file or directory"),
     ("umount /media && rmdir /media && touch /media", "Not a directory")])
 def test_a_volume_is_told_even_when_no_link_can_be_made(running_unit: Unit, prepare: str,
                                                         reason: str) -> None:

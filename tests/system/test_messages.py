@@ -41,12 +41,9 @@ def test_the_bytes_of_an_arrival_and_of_a_removal(running_unit: Unit) -> None:
 
 
 @pytest.mark.parametrize("options, expected", [
-    (f"plug {STICK}", arrival("/media/sda1")),
     (f"plug {STICK} readonly", arrival("/media/sda1", read_only=True)),
-    (f"plug {CARD}", arrival("/media/mmcblk0p1", card=True, key=CID, name="Memory Card - 0")),
-    (f"plug {CARD} readonly", arrival("/media/mmcblk0p1", card=True, key=CID,
-                                      name="Memory Card - 0", read_only=True))],
-    ids=["a writable stick", "a read-only stick", "a writable card", "a read-only card"])
+    (f"plug {CARD}", arrival("/media/mmcblk0p1", card=True, key=CID, name="Memory Card - 0"))],
+    ids=["a read-only stick", "a writable card"])
 def test_what_a_volume_is_stands_in_its_flags(running_unit: Unit, options: str,
                                               expected: str) -> None:
     running_unit.hal.command(options)
@@ -54,24 +51,10 @@ def test_what_a_volume_is_stands_in_its_flags(running_unit: Unit, options: str,
 
 
 @pytest.mark.parametrize("cid, key", [
-    (32 * "0", 30 * "0" + "01"),
-    (20 * "0" + "400000000000", 20 * "0" + "400000000095"),
-    (20 * "0" + "510000000000", 20 * "0" + "510000000055"),
-    (20 * "0" + "1100000900FF", 20 * "0" + "110000090067"),
-    (CID, CID),
-    (CID[:30] + "00", CID),
-    (CID.upper(), CID[:30].upper() + CID[30:]),
     ("0353445355303847802A5B1C4A00F3D1", "0353445355303847802A5B1C4A00F3b1"),
-    (32 * "f", checked(32 * "f")),
     # A pair of digits counts as far as it is one.
-    ("zz" + 30 * "0", "zz" + 28 * "0" + "01"),
-    ("5z" + 30 * "0", "5z" + checked("05" + 30 * "0")[2:]),
-    ("z5" + 30 * "0", "z5" + 28 * "0" + "01"),
-    (30 * "0" + "zz", 30 * "0" + "01")],
-    ids=["zeros", "the standard's first example", "the standard's second example",
-         "the standard's third example", "a right one", "one with zeros there", "in capitals",
-         "in mixed letters", "all ones", "no digits", "half a pair", "the other half of a pair",
-         "no digits in the last byte"])
+    ("5z" + 30 * "0", "5z" + checked("05" + 30 * "0")[2:])],
+    ids=["mixed letters", "half a pair"])
 def test_a_cards_last_byte_is_computed(running_unit: Unit, cid: str, key: str) -> None:
     unit, since = running_unit, mark(running_unit)
     unit.hal.plug(f"sd card uuid=1769-6A29 cid={cid}")
@@ -86,8 +69,7 @@ def test_a_cards_last_byte_is_computed(running_unit: Unit, cid: str, key: str) -
     assert unit.application.next_text() == message
 
 
-@pytest.mark.parametrize("cid", [CID[:31], CID + "0", "x", 300 * "0", "0x" + CID, "Ä" + CID[:31]],
-                         ids=["31", "33", "1", "300", "34", "33 in 32 characters"])
+@pytest.mark.parametrize("cid", [CID[:31], "Ä" + CID[:31]], ids=["31", "33 in 32 characters"])
 def test_a_card_number_of_another_length_is_sent_as_it_is(running_unit: Unit, cid: str) -> None:
     """Lengths are in bytes."""
     unit, since = running_unit, mark(running_unit)
@@ -100,10 +82,8 @@ def test_a_card_number_of_another_length_is_sent_as_it_is(running_unit: Unit, ci
 
 
 @pytest.mark.parametrize("text, escaped", [
-    ('a & b', "a &amp; b"), ("a<b>c", "a&lt;b&gt;c"), ('say "yes"', "say &quot;yes&quot;"),
-    ("it's", "it's"), ("&amp;", "&amp;amp;"), ("]]>", "]]&gt;"), ("%s%n", "%s%n"),
-    ("a\x01b\x1fc", "a?b?c"), ("\x7f~", "\x7f~"),
-    ("Ångström ß", "Ångström ß".encode().decode("latin-1")), ("\u20ac", "\xe2\x82\xac")])
+    ('<say "yes" & %s>', "&lt;say &quot;yes&quot; &amp; %s&gt;"),
+    ("\x01\x1fÅ", "??" + "Å".encode().decode("latin-1"))])
 def test_what_xml_cannot_carry_as_it_is_is_escaped(unit: Unit, text: str, escaped: str) -> None:
     """In every value; each byte of a text is a character of its own."""
     unit.sandbox.write("/etc/voldrake.conf", f"name={text}\nusbid=1-1_1\n")
@@ -129,16 +109,7 @@ def test_what_xml_cannot_carry_as_it_is_is_escaped(unit: Unit, text: str, escape
     assert unit.application.next_text() == removal(f"/media/{escaped}" if path else "/media/sda1")
 
 
-def test_a_key_is_escaped_after_its_correction(running_unit: Unit) -> None:
-    cid = '&<>"' + 28 * "0"
-    running_unit.hal.plug(f"""sd card cid='{cid}'""")
-    assert running_unit.application.next_text() == arrival(
-        "/media/mmcblk0p1", card=True, key="&amp;&lt;&gt;&quot;" + 26 * "0" + "01",
-        name="Memory Card - 0")
-
-
-@pytest.mark.parametrize("place", ["path", "contentid", "friendlyname"])
-def test_white_space_keeps_its_kind(unit: Unit, place: str) -> None:
+def test_white_space_keeps_its_kind(unit: Unit) -> None:
     """A reader of XML would turn line breaks and tabs in values into blanks."""
     unit.sandbox.write("/etc/voldrake.conf", "name=a\tb\rc\nusbid=1-1_1\n")
     unit.sandbox.write(_CONTENT, "a\tb\rc\n")
@@ -146,7 +117,8 @@ def test_white_space_keeps_its_kind(unit: Unit, place: str) -> None:
     unit.hal.command(f'quiet plug {STICK} volume/volume.mount_point=string:"a\\tb\\rc"')
     unit.hal.command("set stick volume.is_mounted=bool:true")
     message = unit.application.next_frame().message()
-    assert message[place] == (" - a\tb\rc" if place == "friendlyname" else "a\tb\rc")
+    assert (message["path"], message["contentid"]) == ("a\tb\rc", "a\tb\rc")
+    assert message["friendlyname"] == " - a\tb\rc"
 
 
 @pytest.mark.unit_options(configuration=named(_LONG_NAME))
@@ -161,19 +133,16 @@ def test_the_longest_text_is_sent_whole(running_unit: Unit) -> None:
     unit.daemon.expect_log(DEBUG, "data size: 16380")
 
 
-@pytest.mark.parametrize("length", [
-    pytest.param(length, marks=pytest.mark.unit_options(configuration=named(length)))
-    for length in (_LONG_NAME + 1, 40_000, 2_000_000)])
-def test_a_longer_text_is_refused_and_the_volume_kept(running_unit: Unit, length: int) -> None:
+@pytest.mark.unit_options(configuration=named(_LONG_NAME + 1))
+def test_a_longer_text_is_refused_and_the_volume_kept(running_unit: Unit) -> None:
     unit, since = running_unit, mark(running_unit)
     unit.hal.plug(STICK)
     unit.hal.plug("usb other")
     assert unit.application.next_text() == arrival("/media/sdb1")
     unit.settle()
-    size = len(arrival("/media/sda1", name=" - ")) + length
-    assert [line for line in said(unit, since) if line[0] == ERROR and str(size) in line[1]] == [
-        (ERROR, f"PublishDataSource: message of {size} bytes refused,"
-                " at most 8190 can be sent")]
+    refusals = [line for line in said(unit, since) if "refused" in line[1]]
+    assert refusals == [(ERROR, f"PublishDataSource: message of {_MAX_BYTES + 1} bytes refused,"
+                                " at most 8190 can be sent")]
     assert len(unit.application.frames()) == 1
     unit.hal.pull("stick")
     assert unit.application.next_text() == removal("/media/sda1")

@@ -210,11 +210,12 @@ FAULTY = {
     "odd length": (bytes.fromhex("0005 0000 0001 00"), "the payload length 1 is odd"),
     "high byte": (bytes.fromhex("0008 0000 0004 0061 20ac"),
                   "code unit 1 is 20ac, above 00ff"),
-    "no XML": (frame.encode("ab"), "the text is no message: "),
-    "other XML": (frame.encode("<message/>"), "the text is no message: element \"message\" has no"
+    "no XML": (frame.encode("ab"), "the text is not a valid message: "),
+    "other XML": (frame.encode("<message/>"),
+                  "the text is not a valid message: element \"message\" has no"
                   " attribute \"version\""),
     "control character": (frame.encode(REMOVAL.replace("sda1", "\x1b[2J")),
-                          "the text is no message: a control character (0x1b) stands in it"),
+                          "the text is not a valid message: it contains a control character (0x1b)"),
 }
 
 

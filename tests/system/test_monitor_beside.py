@@ -231,11 +231,11 @@ def test_without_the_capability_it_says_what_it_takes(unit: Unit) -> None:
                              target.program("voldrake-monitor"), "--beside"])
     assert (done.returncode, done.stdout) == (1, "")
     assert re.fullmatch(
-        r"voldrake-monitor: cannot capture on lo: .*; it takes root, or the capability"
+        r"voldrake-monitor: cannot capture on lo: .*; it requires root, or the capability"
         r" CAP_NET_RAW\n", done.stderr)
 
 
 def test_it_takes_a_port(unit: Unit) -> None:
     done = unit.sandbox.run([target.program("voldrake-monitor"), "--beside", "--port=0"])
     assert (done.returncode, done.stdout, done.stderr) == (
-        1, "", "voldrake-monitor: --beside takes the application's port\n")
+        1, "", "voldrake-monitor: --beside needs the application's port\n")

@@ -2,9 +2,9 @@
 
 import pytest
 
-from local_volumes import (CARD, CARD_VOLUME, CID, DEVICES, OTHER, OTHER_VOLUME, STICK,
-                           STICK_VOLUME, arrival, card_record, correction, mark, registered,
-                           removal, said, stick_record, told)
+from local_volumes import (CARD, CARD_ARRIVAL, DEVICES, OTHER, OTHER_VOLUME, STICK, STICK_VOLUME,
+                           arrival, card_arrival, mark, mounted_unseen, read_only_remount,
+                           registered, removal, said, stick_record, told)
 from testbed.daemon import DEBUG, ERROR, INFO
 from testbed.unit import Unit
 
@@ -135,8 +135,7 @@ def test_an_unmounted_volume_comes_back_when_it_is_mounted_again(running_unit: U
     unit = running_unit
     unit.hal.plug(CARD)
     for _ in range(3):
-        assert unit.application.next_text() == arrival("/media/mmcblk0p1", card=True, key=CID,
-                                                       name="Memory Card - 0")
+        assert unit.application.next_text() == CARD_ARRIVAL
         unit.settle()
         assert unit.links() == {"Memory Card": "mmcblk0p1"}
         unit.hal.command("unmount card")
@@ -146,20 +145,14 @@ def test_an_unmounted_volume_comes_back_when_it_is_mounted_again(running_unit: U
         since = mark(unit)
         unit.hal.command("mount card")
         unit.settle()
-        assert said(unit, since) == [
-            (INFO, f"_DeviceMounted: {CARD_VOLUME}"),
-            (DEBUG, "AddServiceNFS: /media/mmcblk0p1"),
-            (INFO, "symlink: /media/Memory Card -> mmcblk0p1"),
-            *correction(CID, CID),
-            (INFO, arrival("/media/mmcblk0p1", card=True, key=CID, name="Memory Card - 0")),
-            *card_record("/media/mmcblk0p1")]
+        assert said(unit, since) == card_arrival()
 
 
-@pytest.mark.parametrize("order, expected", [
-    ("fail GetPropertyBoolean org.freedesktop.Hal.Error no answer",
+@pytest.mark.parametrize("key, order, expected", [
+    ("volume.is_mounted", "fail GetPropertyBoolean org.freedesktop.Hal.Error no answer",
      "org.freedesktop.Hal.Error: no answer"),
-    ("answer GetPropertyBoolean ('true',)", None)], ids=["an error", "a wrong type"])
-@pytest.mark.parametrize("key", ["volume.is_mounted", "volume.is_mounted_read_only"])
+    ("volume.is_mounted_read_only", "answer GetPropertyBoolean ('true',)", None)],
+    ids=["an error", "a wrong type"])
 def test_a_change_whose_value_cannot_be_read_is_dropped(
         running_unit: Unit, key: str, order: str, expected: str | None) -> None:
     unit = running_unit
@@ -185,8 +178,7 @@ def test_a_remount_keeps_a_registered_volume_as_it_is(running_unit: Unit) -> Non
     unit.hal.command("remount stick ro")
     unit.settle()
     assert said(unit, since) == [
-        (DEBUG, "HalManagerPropertyChangedCb MountedRo 1 1"),
-        (INFO, f"_DeviceReMountedRo: {STICK_VOLUME}"),
+        *read_only_remount(STICK_VOLUME),
         (DEBUG, f"_AddMountPoint: Volume already in list: {STICK_VOLUME}")]
     since = mark(unit)
     unit.hal.command("remount stick rw")
@@ -206,15 +198,12 @@ def test_a_remount_keeps_a_registered_volume_as_it_is(running_unit: Unit) -> Non
 def test_a_read_only_remount_registers_a_volume_without_its_configured_name(
         running_unit: Unit) -> None:
     unit = running_unit
-    unit.hal.command(f"quiet plug {STICK}")
-    unit.hal.command("quiet mount stick")
-    since = mark(unit)
+    since = mounted_unseen(unit, STICK, "stick")
     unit.hal.command("remount stick ro")
     assert unit.application.next_text() == arrival("/media/sda1", read_only=True)
     unit.settle()
     assert said(unit, since) == [
-        (DEBUG, "HalManagerPropertyChangedCb MountedRo 1 1"),
-        (INFO, f"_DeviceReMountedRo: {STICK_VOLUME}"),
+        *read_only_remount(STICK_VOLUME),
         (INFO, "_DeviceMounted: HalVolumeInfo.USBHub 1-1_1--1_0 matches 1-1_1"),
         (DEBUG, "AddServiceNFS: /media/sda1"),
         (INFO, "symlink: /media/USB Memory Card A1 -> sda1"),
@@ -224,9 +213,7 @@ def test_a_read_only_remount_registers_a_volume_without_its_configured_name(
 
 def test_a_writable_remount_registers_nothing(running_unit: Unit) -> None:
     unit = running_unit
-    unit.hal.command(f"quiet plug {STICK}")
-    unit.hal.command("quiet mount stick ro")
-    since = mark(unit)
+    since = mounted_unseen(unit, STICK, "stick ro")
     unit.hal.command("remount stick rw")
     unit.settle()
     assert said(unit, since) == [
@@ -237,16 +224,12 @@ def test_a_writable_remount_registers_nothing(running_unit: Unit) -> None:
 
 def test_a_read_only_remount_that_cannot_be_described_is_silent(running_unit: Unit) -> None:
     unit = running_unit
-    unit.hal.command(f"quiet plug {STICK}")
-    unit.hal.command("quiet mount stick")
-    since = mark(unit)
+    since = mounted_unseen(unit, STICK, "stick")
     unit.hal.command("fail GetPropertyString:info.parent org.freedesktop.Hal.NoSuchDevice gone")
     unit.hal.command("remount stick ro")
     unit.settle()
-    assert said(unit, since) == [
-        (DEBUG, "HalManagerPropertyChangedCb MountedRo 1 1"),
-        (INFO, f"_DeviceReMountedRo: {STICK_VOLUME}"),
-        (ERROR, "org.freedesktop.Hal.NoSuchDevice: gone")]
+    assert said(unit, since) == [*read_only_remount(STICK_VOLUME),
+                                 (ERROR, "org.freedesktop.Hal.NoSuchDevice: gone")]
     assert unit.links() == {}
 
 
@@ -276,8 +259,7 @@ def test_other_properties_concern_nobody(running_unit: Unit) -> None:
     assert unit.hal.calls(since) == []
 
 
-@pytest.mark.parametrize("count, gone, kept", [
-    (0, "", ""), (1, "a", ""), (2, "a", "b"), (3, "ac", "b"), (4, "ac", "bd"), (5, "ace", "bd")])
+@pytest.mark.parametrize("count, gone, kept", [(2, "a", "b"), (5, "ace", "bd")])
 def test_one_sweep_removes_every_other_volume(running_unit: Unit, count: int, gone: str,
                                               kept: str) -> None:
     """The scan that follows finds nothing mounted, so what the sweep took stays away."""
@@ -316,9 +298,7 @@ def test_two_sticks_of_one_identity_go_one_by_one(running_unit: Unit) -> None:
 
 
 @pytest.mark.parametrize("nfs_root, mount_point, path", [
-    ("/srv/nfs", "/srv/nfs/usb1", "/mnt/usb1"), ("/srv/nfs/", "/srv/nfs/a/b", "/mnt/a/b"),
-    ("/media", "/media/sda1", "/mnt/sda1"), ("/srv/nfs", "/srv/nfsx", "/srv/nfsx"),
-    ("/srv/nfs", "/media/srv/nfs/x", "/media/srv/nfs/x"), ("", "/media/sda1", "/media/sda1")])
+    ("/srv/nfs", "/srv/nfs/usb1", "/mnt/usb1"), ("/srv/nfs", "/srv/nfsx", "/srv/nfsx")])
 def test_paths_are_told_as_the_application_sees_them(
         unit: Unit, nfs_root: str, mount_point: str, path: str) -> None:
     unit.start_daemon("--nfs-root", nfs_root)

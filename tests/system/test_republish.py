@@ -4,9 +4,9 @@ import signal
 
 import pytest
 
-from local_volumes import (CARD, CARD_VOLUME, CID, OTHER, OTHER_VOLUME, STICK, STICK_VOLUME,
-                           arrival, card_record, correction, mark, registered, removal, said,
-                           stick_record, told)
+from local_volumes import (CARD, CARD_ARRIVAL, CARD_VOLUME, CID, OTHER, OTHER_VOLUME, STICK,
+                           STICK_VOLUME, arrival, card_arrival, card_record, correction, mark,
+                           registered, removal, said, scan_of, stick_record, told)
 from testbed.application import Mode
 from testbed.daemon import DEBUG, ERROR, INFO
 from testbed.unit import Unit
@@ -15,7 +15,6 @@ _AGAIN = (INFO, "SIGUSR1: Republishing all mounted FS to VessaApp")
 _REINSERT = (INFO, "SIGUSR2: Simulating removing/inserting SD card")
 _STICK = arrival("/media/sda1")
 _OTHER = arrival("/media/sdb1")
-_CARD = arrival("/media/mmcblk0p1", card=True, key=CID, name="Memory Card - 0")
 _SWEEP = [_REINSERT, (INFO, "_UnmountAll()")]
 
 
@@ -55,7 +54,7 @@ def test_each_volume_is_told_again_in_the_lists_order(running_unit: Unit) -> Non
     unit.hal.plug(STICK)
     unit.hal.plug(f"{CARD} readonly")
     unit.hal.plug(OTHER)
-    card = _CARD.replace('readonly="false"', 'readonly="true"')
+    card = CARD_ARRIVAL.replace('readonly="false"', 'readonly="true"')
     assert told(unit, 3) == [_STICK, card, _OTHER]
     unit.settle()
     for link in list(unit.links()):
@@ -137,24 +136,14 @@ def test_a_reinsertion_without_hardware_service_only_removes(running_unit: Unit)
 def test_a_card_is_taken_back_and_told_again(running_unit: Unit) -> None:
     unit = running_unit
     unit.hal.plug(CARD)
-    assert unit.application.next_text() == _CARD
+    assert unit.application.next_text() == CARD_ARRIVAL
     unit.settle()
     assert reinsert(unit) == [
         *_SWEEP,
         *removed("/media/mmcblk0p1"),
-        (INFO, "_ManualScan()"),
-        (DEBUG, "_ManualScan:"),
-        (DEBUG, CARD_VOLUME),
-        (DEBUG, CARD_VOLUME),
-        (INFO, "_ManualScan: found Volume"),
-        *card_record("/media/mmcblk0p1"),
-        (INFO, f"_DeviceMounted: {CARD_VOLUME}"),
-        (DEBUG, "AddServiceNFS: /media/mmcblk0p1"),
-        (INFO, "symlink: /media/Memory Card -> mmcblk0p1"),
-        *correction(CID, CID),
-        (INFO, _CARD),
-        *card_record("/media/mmcblk0p1")]
-    assert told(unit, 2) == [removal("/media/mmcblk0p1"), _CARD]
+        *scan_of(CARD_VOLUME, card_record("/media/mmcblk0p1")),
+        *card_arrival()]
+    assert told(unit, 2) == [removal("/media/mmcblk0p1"), CARD_ARRIVAL]
     assert unit.links() == {"Memory Card": "mmcblk0p1"}
     assert [call.member for call in unit.hal.calls()].count("Mount") == 1
 
@@ -237,7 +226,7 @@ def test_many_signals_in_a_burst_do_no_harm(running_unit: Unit) -> None:
     lines = said(unit, since)
     rounds = lines.count(_AGAIN)
     assert 1 <= rounds <= 100
-    assert lines.count((INFO, _STICK)) == lines.count((INFO, _CARD)) == rounds
+    assert lines.count((INFO, _STICK)) == lines.count((INFO, CARD_ARRIVAL)) == rounds
 
 
 def test_both_signals_at_once_are_both_dealt_with(running_unit: Unit) -> None:
@@ -263,7 +252,7 @@ def test_a_blocked_application_does_not_hold_the_signals_up(running_unit: Unit) 
     republish(unit)
     since = mark(unit)
     unit.application.listen()
-    assert told(unit, 2) == [_CARD, _STICK]
+    assert told(unit, 2) == [CARD_ARRIVAL, _STICK]
     unit.hal.pull("stick")
     assert unit.application.next_text() == removal("/media/sda1")
     assert len(unit.application.frames(since)) == 3

@@ -313,7 +313,7 @@ def test_what_is_no_build_directory_is_refused_and_stays_as_it_is(tmp_path: Path
         build.mkdir()
     done = run_testbed(build, "true")
     assert (done.returncode, done.stdout, done.stderr) == (
-        1, "", f"testbed: VOLDRAKE_BUILD_DIR is {build}, which is no build directory\n")
+        1, "", f"testbed: VOLDRAKE_BUILD_DIR is {build}, which is not a build directory\n")
     assert list(tmp_path.rglob("*")) == ([build] if exists else [])
 
 

@@ -246,7 +246,7 @@ def test_a_flood_of_shares_is_bounded(here: Sandbox, there: Sandbox) -> None:
     (["announce"], "--path is missing"),
     (["announce", "--path", "/x", "--media-type", "65536"], "a type must be 0 to 65535"),
     (["announce", "--path", "/" + "x" * 1480], "the texts do not fit into 1500 bytes"),
-    (["announce", "--path", "/x", "--to", "unit"], "unit is no dotted address"),
+    (["announce", "--path", "/x", "--to", "unit"], "unit is not a valid IPv4 address"),
     (["announce", "--path", "/x", "--interface", "eth9"], "there is no interface eth9"),
     (["--interface", "eth9"], "there is no interface eth9"),
     (["--once", "-1"], "the seconds must be 0 to 86400"),

@@ -167,7 +167,7 @@ function voldrake.dissector(buffer, pinfo, tree)
   local message_type, lengths = add_header(subtree, buffer)
   local path, name = add_texts(subtree, buffer, lengths)
   if length > MAX_BYTES then
-    subtree:add_proto_expert_info(experts.malformed, "Units read 1500 bytes only")
+    subtree:add_proto_expert_info(experts.malformed, "Units read only 1500 bytes")
   end
   pinfo.cols.info = string.format('%s %s "%s"', TYPE_NAMES[message_type] or "Unknown", path, name)
   return length
@@ -238,7 +238,7 @@ end
 local function add_meaning(tree, text)
   local kind, path = text:match('^<message [^>]*><content><data(%a+) path="([^"]*)"')
   if kind ~= "arrival" and kind ~= "removal" then
-    tree:add_proto_expert_info(message_experts.malformed, "The text is no message")
+    tree:add_proto_expert_info(message_experts.malformed, "The text is not a valid message")
     return "No message"
   end
   tree:add(message_fields.kind, kind):set_generated()

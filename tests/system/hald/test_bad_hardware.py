@@ -211,12 +211,26 @@ def test_lost_events_are_made_up_for_by_looking_anew(running: HaldMachine, stick
         told = running.told(since)
     assert told[0] == "DeviceRemoved volume_uuid_B"
     assert told[-1] == "DeviceAdded volume_uuid_N"
-    assert "events of udev were lost: looking at all disks anew" in [
+    assert "udev events were lost: checking all disks again" in [
         record.text for record in running.records(since)]
+
+
+@pytest.mark.undelayed("its calls are counted")
+def test_what_cannot_be_read_is_named_in_the_log(running: HaldMachine, stick: Disk):
+    since = running.mark()
+    with Strace(running.process, running.sandbox.logs / "strace", "-e",
+                "inject=access,faccessat,faccessat2:error=ENOMEM", thread=running.process.pid):
+        running.udev.plug(stick)
+        assert running.told(since) == []
+    texts = [record.text for record in running.records(since)]
+    assert "sda is not served: a device above it cannot be read" in texts
+    assert "sda1 cannot be read, and stays unknown until its next udev event" in texts
+    running.udev.announce(*stick.blocks())
+    assert running.told(since)[-1] == "DeviceAdded volume_uuid_B"
 
 
 def test_without_udev_there_is_a_clear_line_and_status_1(machine: HaldMachine):
     machine.sandbox.path("/run/udev/control").unlink()
     process = machine.launch()
     assert process.wait(timeouts.START) == 1
-    assert "udev does not run" in process.stderr()
+    assert "udev is not running" in process.stderr()

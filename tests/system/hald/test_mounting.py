@@ -269,7 +269,7 @@ def test_a_device_that_vanishes_while_it_is_mounted_leaves_nothing(plugged: Hald
         plugged.settle()
         assert plugged.objects() == []
     assert call.wait() == 1
-    assert f"{VOLUME}.UnknownFailure: Volume {PREFIX}volume_uuid_A has gone" in call.stderr()
+    assert f"{VOLUME}.UnknownFailure: Volume {PREFIX}volume_uuid_A is gone" in call.stderr()
     assert plugged.mounts() == {}
     assert entries(plugged) == []
     # The next stick finds everything in order.
@@ -285,7 +285,7 @@ def test_a_mount_that_takes_too_long_is_answered_and_told_when_it_comes(
     call = start_mount(plugged, "volume_uuid_A", "sda1")
     with held.under_way():
         assert call.wait((LIMIT + 60) * timeouts.SCALE) == 1
-        assert f"{VOLUME}.UnknownFailure: mount has not ended after {LIMIT} s" in call.stderr()
+        assert f"{VOLUME}.UnknownFailure: mount has not finished after {LIMIT} s" in call.stderr()
         assert plugged.told(since) == []
         assert entries(plugged) == ["sda1"]
     plugged.hal.events.seek(since)

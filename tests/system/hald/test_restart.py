@@ -1,8 +1,11 @@
 """The service ends at any time and comes back: clients hear of the difference, and of nothing else."""
 
+from pathlib import Path
+
 import pytest
 
 from testbed.hald import STATE_FILE, HaldMachine
+from testbed.strace import Strace
 from testbed.udev import Disk, FileSystem, usb_disk
 
 MOUNTED = " volume.mount_point volume.is_mounted"
@@ -56,6 +59,26 @@ def test_what_came_and_was_unmounted_meanwhile(plugged: HaldMachine, stick: Disk
     assert told[-1] == "DeviceAdded volume_uuid_N"
     assert not any(line.startswith("DeviceRemoved") for line in told)
     assert not plugged.sandbox.path("/media/sda1").exists()
+
+
+@pytest.mark.undelayed("its calls are counted")
+def test_a_removal_that_cannot_be_sent_is_told_by_the_next_start(plugged: HaldMachine,
+                                                                 stick: Disk):
+    gone = {f"DeviceRemoved {name}" for name in plugged.objects()}
+    assert plugged.process
+    since = plugged.mark()
+    writer = next(int(task.name) for task in Path(f"/proc/{plugged.process.pid}/task").iterdir()
+                  if (task / "comm").read_text() == "gdbus\n")
+    # The connection breaks over the third of the signals.
+    with Strace(plugged.process, plugged.sandbox.logs / "strace", "-e", "trace=sendmsg",
+                "-e", "inject=sendmsg:error=ENOBUFS:when=3", thread=writer):
+        plugged.udev.pull(stick)
+        assert plugged.process.wait() == 1
+    told = {event.text for event in plugged.hal.events.up_to(plugged.mark(), since)}
+    assert not gone <= told
+    plugged.start_service()
+    assert gone <= set(plugged.told(since))
+    assert plugged.objects() == []
 
 
 def test_a_file_system_made_anew_meanwhile(plugged: HaldMachine, stick: Disk):

@@ -57,7 +57,7 @@ def test_without_udev_it_says_so(machine: HaldMachine) -> None:
     for arguments in ([], ["--list"]):
         result = run(machine, *arguments)
         assert result.returncode == 1
-        assert result.stderr.startswith("voldrake-hald: udev does not run: /run/udev/control")
+        assert result.stderr.startswith("voldrake-hald: udev is not running: /run/udev/control")
         assert result.stderr.count("\n") == 1
 
 

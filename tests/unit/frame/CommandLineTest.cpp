@@ -97,6 +97,40 @@ TEST(CommandLine, EveryOptionReachesItsField) {
   EXPECT_TRUE(line->daemonise);
 }
 
+TEST(CommandLine, AnOptionChangesItsOwnFieldAlone) {
+  const struct {
+    const char* word;
+    const char* fields;  // port, level, log, vfat options, share, peer, identity files, ...
+  } cases[] = {
+      {"--port=2", "2|-|||||||0||0"},
+      {"--debuglevel=2", "8080|2|||||||0||0"},
+      {"--log=2", "8080|-|2||||||0||0"},
+      {"--vfat-mount-opts=2", "8080|-||2|||||0||0"},
+      {"--internal-share-path=2", "8080|-|||2||||0||0"},
+      {"--peer-mac=2", "8080|-||||2|||0||0"},
+      {"--content-id-file=2", "8080|-|||||2||0||0"},
+      {"--serial-number-file=2", "8080|-||||||2|0||0"},
+      {"--file-timeout=2", "8080|-|||||||2||0"},
+      {"--nfs-root=2", "8080|-|||||||0|2/|0"},
+      {"--daemon", "8080|-|||||||0||1"},
+  };
+  for (const auto& [word, fields] : cases) {
+    tWords words{word};
+    const std::optional<CommandLine> line = words.Parse();
+    ASSERT_TRUE(line) << words.error;
+    const std::string level = line->logLevel ? std::to_string(*line->logLevel) : "-";
+    const std::string options = line->vfatMountOpts != nullptr ? line->vfatMountOpts : "";
+    const std::string shown = std::to_string(line->clientPort) + "|" + level + "|" + line->logFile +
+                              "|" + options + "|" + line->internalSharePath + "|" + line->peerMac +
+                              "|" + line->contentIdFile + "|" + line->serialNumberFile + "|" +
+                              std::to_string(line->fileTimeoutSeconds) + "|" + line->nfsRoot + "|" +
+                              (line->daemonise ? "1" : "0");
+    EXPECT_EQ(shown, fields) << word;
+    const bool isFile = !line->contentIdFile.empty() || !line->serialNumberFile.empty();
+    EXPECT_EQ(line->filesToWaitFor.size(), isFile ? 1U : 0U) << word;
+  }
+}
+
 TEST(CommandLine, AnArgumentMayBeJoinedByAnEqualsSign) {
   tWords words{"--port=9001", "--log=a=b", "--vfat-mount-opts=", "--peer-mac=x y"};
   const std::optional<CommandLine> line = words.Parse();
@@ -179,6 +213,12 @@ TEST(CommandLine, TheNfsRootEndsInASlashUnlessItIsEmpty) {
   }
 }
 
+TEST(CommandLine, ARepeatedNumberKeepsTheLastValue) {
+  EXPECT_EQ(Parsed({"--port", "1", "--port", "9002"}).clientPort, 9002);
+  EXPECT_EQ(Parsed({"--debuglevel", "1", "--debuglevel", "2"}).logLevel, 2);
+  EXPECT_EQ(Parsed({"--file-timeout=7", "--file-timeout=1"}).fileTimeoutSeconds, 1);
+}
+
 TEST(CommandLine, ARepeatedTextOptionKeepsTheLastValue) {
   const CommandLine line = Parsed({"--log", "a", "--nfs-root", "x", "--log", "b", "--nfs-root=y"});
   EXPECT_EQ(line.logFile, "b");
@@ -221,10 +261,12 @@ TEST(CommandLine, ThereAreNoShortOptions) {
 
 TEST(CommandLine, TheFirstFaultOfALineIsTheOneReported) {
   EXPECT_EQ(ErrorOf({"stray", "--verbose", "--log"}), "Unknown option: --verbose");
+  EXPECT_EQ(ErrorOf({"--bogus", "--port"}), "Unknown option: --bogus");
 }
 
 TEST(CommandLine, WordsBesideTheOptionsAreListed) {
   EXPECT_EQ(ErrorOf({"extra"}), "The following were ignored: extra");
+  EXPECT_EQ(ErrorOf({"--daemon", "extra"}), "The following were ignored: extra");
   EXPECT_EQ(ErrorOf({"a", "--daemon", "b c"}), "The following were ignored: a b c");
   EXPECT_EQ(ErrorOf({"--", "--daemon"}), "The following were ignored: --daemon");
   EXPECT_EQ(ErrorOf({"-"}), "The following were ignored: -");
@@ -295,14 +337,15 @@ TEST(CommandLine, AValueThatCanHardlyBeMeantIsWarnedOf) {
       {"--port=0", R"(Option --port: "0" is not a port, which is 1 to 65535)"},
       {"--port=-1", R"(Option --port: "-1" is not a port, which is 1 to 65535)"},
       {"--port=65536", R"(Option --port: "65536" is not a port, which is 1 to 65535)"},
-      {"--port=abc", R"(Option --port: "abc" is not a number, 0 is taken)"},
-      {"--port=", R"(Option --port: "" is not a number, 0 is taken)"},
-      {"--port=80 ", R"(Option --port: "80 " is not a number, 80 is taken)"},
-      {"--port=8\n0", R"(Option --port: "8?0" is not a number, 8 is taken)"},
+      {"--port=80800", R"(Option --port: "80800" is not a port, which is 1 to 65535)"},
+      {"--port=abc", R"(Option --port: "abc" is not a number, using 0)"},
+      {"--port=", R"(Option --port: "" is not a number, using 0)"},
+      {"--port=80 ", R"(Option --port: "80 " is not a number, using 80)"},
+      {"--port=8\n0", R"(Option --port: "8?0" is not a number, using 8)"},
       {"--file-timeout=0", nullptr},
       {"--file-timeout=-1", nullptr},
-      {"--file-timeout=5s", R"(Option --file-timeout: "5s" is not a number, 5 is taken)"},
-      {"--file-t=soon", R"(Option --file-timeout: "soon" is not a number, 0 is taken)"},
+      {"--file-timeout=5s", R"(Option --file-timeout: "5s" is not a number, using 5)"},
+      {"--file-t=soon", R"(Option --file-timeout: "soon" is not a number, using 0)"},
       {"--peer-mac=", nullptr},
       {"--peer-mac=0:1:2:a:B:ff", nullptr},
       {"--peer-mac=xyz",

@@ -114,6 +114,22 @@ const tCase kCases[] = {
     {"NoEqualsSignAtAll", "name\nusbid\nmmc\n", {}},
     {"OnlyEqualsSigns", "====\n==\n=", {}},
     {"OnlyLineEnds", "\n\n\n", {}},
+    {"OnlyAComment", "# nothing here\n\n", {}},
+    {"ANameAtTheVeryEndIsDropped", "name=a\nusbid=1\nname=b", {"a/1///"}},
+    {"TrueWithABlankBehindIsNotTrue", "name=a\nusbid=1\nmmc=true \nignore=true \n", {"a/1///"}},
+    {"EachFlagCanBeTakenBack",
+     "name=a\nusbid=1\nmmc=true\nignore=true\nmmc=no\nignore=false\n",
+     {"a/1///"}},
+    {"AnEmptyKeyAtTheEndIsSkipped", "name=a\nusbid=1\n=y\n", {"a/1///"}},
+    {"AnUnknownKeyInAnEntryIsSkipped", "name=a\nusbid=1\ncolour=red\n", {"a/1///"}},
+    {"EveryKeyIsCaseSensitive",
+     "name=a\nusbid=1\nUsbId=2\nMMC=true\nIgnore=true\nignoredevice=x\n",
+     {"a/1///"}},
+    {"ABlankBehindAKeyStays", "name=a\nusbid=1\nusbid =2\n", {"a/1///"}},
+    {"ACommentInAnEntrySpoilsTheNextKey",
+     "name=a\n# the port in front\nusbid=1\nmmc=true\nusbid=2\n",
+     {"a/2/mmc//"}},
+    {"BytesThatAreNoCharactersStay", "name=\xFF\xFE\nusbid=1\n", {"\xFF\xFE/1///"}},
     {"ATrailingCommentChangesNothing", "name=a\nusbid=1\n# end", {"a/1///"}},
     {"AZeroByteIsAnOrdinaryByte",
      std::string("name=a\0b\nusbid=1\n", 17),
@@ -187,6 +203,17 @@ TEST(ConfigManager, OfTwoEntriesWithOneKeyTheLaterStandsInFull) {
   EXPECT_EQ(Shown(named.at("1")), "b/1///");
 }
 
+TEST(ConfigManager, OfTwoEntriesThatIgnoreADeviceTheLaterStandsInFull) {
+  const tTemporaryDirectory directory;
+  const ConfigManager config(directory.Write("c",
+                                             "name=a\nusbid=1\nignore=true\nignoreDevice=sdb\n"
+                                             "name=b\nusbid=2\nignore=true\nignoreDevice=sdb\n"));
+  EXPECT_THAT(config.GetUsbMap(), IsEmpty());
+  const tUsbMap ignored = config.GetIgnoreMap();
+  ASSERT_EQ(ignored.size(), 1U);
+  EXPECT_EQ(Shown(ignored.at("sdb")), "b/2//ignore/sdb");
+}
+
 TEST(ConfigManager, TheNamingTableIsOrderedByTheBytesOfTheUsbid) {
   const tTemporaryDirectory directory;
   const ConfigManager config(directory.Write(
@@ -202,13 +229,15 @@ TEST(ConfigManager, AnEntryWithoutUsbidStandsUnderTheEmptyKey) {
   EXPECT_EQ(Shown(config.GetUsbMap().at("")), "a//mmc//");
 }
 
-TEST(ConfigManager, ADirectoryAFifoAndAnUnreadableFileCountAsEmpty) {
+TEST(ConfigManager, WhatIsNoFileCountsAsEmpty) {
   const tCapturedLog log;
   const tTemporaryDirectory directory;
   const std::string fifo = directory.Path("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   // The memory of this process opens, but cannot be read at its start.
-  for (const std::string& path : {directory.Path(), fifo, std::string("/proc/self/mem")}) {
+  for (const std::string& path :
+       {directory.Path(), fifo, std::string("/proc/self/mem"), std::string("/dev/null"),
+        directory.Link("dangling", "nowhere"), directory.Link("to-itself", "to-itself")}) {
     const ConfigManager config(path);
     EXPECT_THAT(config.GetUsbMap(), IsEmpty()) << path;
     EXPECT_THAT(config.GetIgnoreMap(), IsEmpty()) << path;
@@ -253,6 +282,26 @@ TEST(ConfigManager, ALineOfTenMegabytesIsAnItemLikeAnyOther) {
   EXPECT_EQ(named.at("1").name, longName);
   EXPECT_EQ(named.at("2").name, "b");
   EXPECT_EQ(log.Lines().size(), 2U);
+}
+
+TEST(ConfigManager, WhatStandsBehindSixteenMegabytesCountsAsNotThere) {
+  // The limit lies in the usbid of the second entry.
+  constexpr size_t kLimit = size_t{16} * 1024 * 1024;
+  const std::string beginning = "name=a\nusbid=1\n=";
+  const std::string end = "\nname=b\nusbid=2";
+  const std::string filler(kLimit - beginning.size() - end.size(), 'x');
+  const tTemporaryDirectory directory;
+  const ConfigManager config(directory.Write("c", beginning + filler + end + "2\nmmc=true\n"));
+  const tUsbMap named = config.GetUsbMap();
+  ASSERT_EQ(named.size(), 2U);
+  EXPECT_EQ(Shown(named.at("2")), "b/2///");
+}
+
+TEST(ConfigManager, ALongKeyOrValueOfNoConcernChangesNothing) {
+  const std::string longText(10'000'000, 'x');
+  const std::vector<std::string> entries{"a/1///", "b/2///"};
+  EXPECT_EQ(Parsed("name=a\nusbid=1\n" + longText + "=y\nname=b\nusbid=2\n"), entries);
+  EXPECT_EQ(Parsed("name=a\nusbid=1\nnote=" + longText + "\nname=b\nusbid=2\n"), entries);
 }
 
 TEST(ConfigManager, ALineOfTenMegabytesWithoutEqualsSignIsTheFrontOfTheNextKey) {

@@ -199,6 +199,7 @@ TEST(IsSameDevice, ComparesTheDevicesOfTwoPaths) {
       {directory.Path("missing"), directory.Path(), false},
       {directory.Path("missing"), directory.Path("missing"), false},
       {directory.Path(), dangling, false},
+      {directory.Path(), "/" + std::string(5000, 'n'), false},
       {"", "", false},
   };
   for (const auto& [left, right, same] : cases) {
@@ -258,6 +259,8 @@ TEST(ReadFile, GivesNothingForAFileThatCannotBeOpened) {
   const tTemporaryDirectory directory;
   EXPECT_EQ(ReadFile(directory.Path("missing"), 10), std::nullopt);
   EXPECT_EQ(ReadFile("", 10), std::nullopt);
+  EXPECT_EQ(ReadFile(directory.Link("dangling", "nowhere"), 10), std::nullopt);
+  EXPECT_EQ(ReadFile(directory.Link("to-itself", "to-itself"), 10), std::nullopt);
 }
 
 TEST(ReadFile, GivesAnEmptyTextForWhatOpensButHoldsNothing) {
@@ -321,9 +324,28 @@ TEST(ReadFirstLine, IsEmptyForAFileThatCannotBeRead) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   EXPECT_EQ(ReadFirstLine(directory.Path("missing")), "");
   EXPECT_EQ(ReadFirstLine(""), "");
+  EXPECT_EQ(ReadFirstLine(directory.Link("dangling", "nowhere")), "");
+  EXPECT_EQ(ReadFirstLine(directory.Link("to-itself", "to-itself")), "");
+  EXPECT_EQ(ReadFirstLine("/dev/null"), "");
   EXPECT_EQ(ReadFirstLine(directory.Path()), "") << "a directory";
   EXPECT_EQ(ReadFirstLine(fifo), "") << "a FIFO that nobody writes";
   EXPECT_EQ(ReadFirstLine("/proc/self/mem"), "") << "opens, but reading fails";
+}
+
+TEST(ReadFirstLine, TellsWhyAFileCannotBeRead) {
+  const tTemporaryDirectory directory;
+  const struct {
+    std::string path;
+    int error;
+  } cases[] = {{directory.Path("missing"), ENOENT},
+               {directory.Path(), EISDIR},
+               {directory.Write("empty", ""), 0},
+               {directory.Write("file", "text"), 0}};
+  for (const auto& [path, expected] : cases) {
+    int error = EINVAL;
+    static_cast<void>(ReadFirstLine(path, &error));
+    EXPECT_EQ(error, expected) << path;
+  }
 }
 
 TEST(ReadFirstLine, IsEmptyForAFileWithoutReadPermission) {

@@ -34,6 +34,12 @@ TEST(MapNfsRootPath, PutsPathsUnderTheRootUnderMnt) {
   for (const auto& [path, mapped] : cases) EXPECT_EQ(MapNfsRootPath(path), mapped) << path;
 }
 
+TEST(MapNfsRootPath, MapsWhatIsMountedInMediaWhenThatIsTheRoot) {
+  const tNfsRootSetting root("/media/");
+  EXPECT_EQ(MapNfsRootPath("/media/sda1"), "/mnt/sda1");
+  EXPECT_EQ(MapNfsRootPath("/mnt/sda1"), "/mnt/sda1");
+}
+
 TEST(MapNfsRootPath, MapsEveryAbsolutePathWhenTheRootIsTheRootDirectory) {
   const tNfsRootSetting root("/");
   EXPECT_EQ(MapNfsRootPath("/media/sda1"), "/mnt/media/sda1");

@@ -36,6 +36,7 @@ TEST(CidCrc, ReplacesTheLastByteByTheOneThatBelongsThere) {
   for (const auto& [digits, last] : kVectors) {
     EXPECT_EQ(CidCrcCorrect(digits + "00"), digits + last);
     EXPECT_EQ(CidCrcCorrect(digits + "FF"), digits + last);
+    EXPECT_EQ(CidCrcCorrect(digits + "zz"), digits + last);
     EXPECT_EQ(CidCrcCorrect(digits + last), digits + last) << "a right one stays";
   }
 }
@@ -55,22 +56,35 @@ TEST(CidCrc, DigitsCountAlikeInUpperAndLowerCaseAndAreKept) {
 }
 
 TEST(CidCrc, APairThatIsNotHexadecimalCountsAsFarAsItIs) {
-  const std::string rest(28, '0');
   const struct {
-    const char* pair;
-    const char* counted;
-  } cases[] = {{"zz", "00"}, {"1z", "01"}, {"z1", "00"}, {"fg", "0f"}, {" 1", "00"}, {"-1", "00"}};
+    std::string pair;
+    std::string counted;
+  } cases[] = {{"zz", "00"}, {"1z", "01"}, {"z1", "00"}, {"fg", "0f"}, {"Gf", "00"},
+               {"/9", "00"}, {"9:", "09"}, {"@A", "00"}, {"a`", "0a"}, {" 1", "00"},
+               {"-1", "00"}, {"&<", "00"}, {"A0", "a0"}, {"F9", "f9"}};
   for (const auto& [pair, counted] : cases) {
-    const std::string corrected = CidCrcCorrect(rest + pair + "00");
-    const std::string reference = CidCrcCorrect(rest + counted + "00");
-    EXPECT_EQ(corrected, rest + pair + reference.substr(30)) << pair;
+    for (const size_t position : {0U, 14U, 28U}) {
+      const std::string before(position, '0');
+      const std::string behind(28 - position, '0');
+      const std::string corrected = CidCrcCorrect(before + pair + behind + "00");
+      const std::string reference = CidCrcCorrect(before + counted + behind + "00");
+      EXPECT_EQ(corrected, before + pair + behind + reference.substr(30)) << pair;
+    }
   }
 }
 
 TEST(CidCrc, ARegisterOfAnotherLengthIsWarnedOfAndKept) {
-  for (const size_t length : {0U, 1U, 31U, 33U, 64U}) {
+  const std::string cids[] = {
+      "",
+      "a",
+      std::string(31, 'a'),
+      std::string(33, 'a'),
+      std::string(300, '0'),
+      "0x" + std::string(32, '0'),
+      "\xC3\x84" + std::string(31, '0'),  // 32 characters
+  };
+  for (const std::string& cid : cids) {
     const tCapturedLog log;
-    const std::string cid(length, 'a');
     EXPECT_EQ(CidCrcCorrect(cid), cid);
     EXPECT_THAT(log.Lines(),
                 ElementsAre(tLogLine{kLogWarning, "Error computing CID CRC - Invalid CID length"}));

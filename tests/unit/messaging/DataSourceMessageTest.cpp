@@ -109,6 +109,29 @@ TEST(DataSourceMessage, EscapesWhatXmlDemandsAndNothingElse) {
   }
 }
 
+TEST(DataSourceMessage, EscapesEachByteForItself) {
+  const struct {
+    const char* given;
+    const char* escaped;
+  } cases[] = {
+      {"it's", "it's"},  {"&amp;", "&amp;amp;"}, {"&#10;", "&amp;#10;"},
+      {"]]>", "]]&gt;"}, {"%s%n", "%s%n"},       {"\xE2\x82\xAC", "\xE2\x82\xAC"},
+  };
+  for (const auto& [given, escaped] : cases) {
+    EXPECT_EQ(Built({.path = given}),
+              R"(<message version="1" type="datasource"><content><dataremoval path=")" +
+                  std::string(escaped) + R"("/></content></message>)");
+  }
+}
+
+TEST(DataSourceMessage, EscapesAKeyAfterItsCorrection) {
+  const std::string zeros(26, '0');
+  DataSourceInfo card{.arrival = true, .memoryCard = true, .key = R"(&<>")" + zeros + "00"};
+  EXPECT_NE(BuildDataSourceMessage(card).find(" key=\"&amp;&lt;&gt;&quot;" + zeros + "01\" "),
+            std::string::npos);
+  EXPECT_EQ(card.key, R"(&<>")" + zeros + "01");
+}
+
 TEST(DataSourceMessage, EscapesEveryField) {
   const std::string given = R"(<"&">)";
   const std::string escaped = "&lt;&quot;&amp;&quot;&gt;";

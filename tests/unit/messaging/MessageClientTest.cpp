@@ -99,12 +99,18 @@ TEST_F(MessageClient, SendsTheLongestTextWhole) {
 TEST_F(MessageClient, RefusesATextThatIsTooLongWithAnErrorLine) {
   m_Listener.Listen();
   m_Client.Start();
-  Publish(std::string(kMaxMessageBytes - RemovalText("").size() + 1, 'p'));
+  const std::vector<size_t> sizes{kMaxMessageBytes + 1, 40'000, 2'000'000};
+  for (const size_t size : sizes) Publish(std::string(size - RemovalText("").size(), 'p'));
   Publish("/media/a");
   EXPECT_EQ(m_Listener.ReceiveAll(), RemovalFrame("/media/a"));
   m_Client.Stop();
   EXPECT_FALSE(m_Listener.HasConnection());
-  EXPECT_THAT(m_Log.Lines(), Contains(testing::Field(&tLogLine::level, kLogError)).Times(1));
+  EXPECT_THAT(m_Log.Lines(),
+              Contains(testing::Field(&tLogLine::level, kLogError)).Times(sizes.size()));
+  for (const size_t size : sizes) {
+    EXPECT_TRUE(m_Log.Holds(kLogError, "PublishDataSource: message of " + std::to_string(size) +
+                                           " bytes refused, at most 8190 can be sent"));
+  }
 }
 
 TEST_F(MessageClient, LogsTheWholeTextWhenItIsPublishedAndItsSizeWhenItIsSent) {

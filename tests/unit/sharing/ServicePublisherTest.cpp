@@ -215,6 +215,27 @@ TEST_F(ServicePublisher, JudgesACommandByItsExitStatusAlone) {
   }
 }
 
+TEST_F(ServicePublisher, TellsWhatStaysExportedForWantOfAProcess) {
+  const std::string line = "_Unexport: exportfs cannot be run, still exported: *:/media/sda1";
+  const struct {
+    int status;
+    bool told;
+  } cases[] = {{0, false}, {256, false}, {9, false}, {127 * 256, true}, {-1, true}};
+  for (const auto& [status, told] : cases) {
+    m_Publisher.Add("/media/sda1");
+    m_Record.End("exportfs -u", status);
+    const tCapturedLog log;
+    m_Publisher.RemoveServiceNFS("/media/sda1");
+    EXPECT_EQ(log.Holds(kLogError, line), told) << status;
+  }
+  tExportTable exports;
+  tPublisher offline(exports, m_Record, kNone);
+  offline.Add("/media/sda1");
+  const tCapturedLog log;
+  offline.RemoveServiceNFS("/media/sda1");
+  EXPECT_FALSE(log.Holds(kLogError, line)) << "it was not exported";
+}
+
 TEST_F(ServicePublisher, NoticesEachChangeOfTheAddressOnce) {
   tExportTable exports;
   tPublisher publisher(exports, m_Record);

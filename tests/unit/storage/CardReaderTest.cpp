@@ -1,6 +1,7 @@
 #include "storage/CardReader.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include "support/CapturedLog.h"
 #include "support/TemporaryDirectory.h"
@@ -29,9 +30,15 @@ TEST(CardReader, IsKnownByItsVendorAndProduct) {
 
 TEST(CardReader, ThatDoesNotAnswerGivesZerosAndOneLine) {
   const tTemporaryDirectory directory;
+  const std::string fifo = directory.Path("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::string deep;
+  for (int level = 0; level < 200; ++level) deep += "/dev";
   for (const std::string& device :
-       {directory.Path("missing"), directory.Path(), directory.Write("file", "x"),
-        std::string("/dev/null"), std::string()}) {
+       {directory.Path("missing"), directory.Path(), directory.Write("file", "x"), fifo,
+        directory.Link("to-itself", "to-itself"), std::string("/dev/null"), std::string(),
+        std::string("sda1"), std::string("etc/passwd"), std::string("/"), deep,
+        "/" + std::string(4090, 'x'), std::string(20'000, 'y')}) {
     const tCapturedLog log;
     std::string cid = "before";
     EXPECT_FALSE(ReadCardSerial(device.c_str(), cid)) << device;

@@ -18,6 +18,11 @@ TEST(UsbHub, IsThePathSegmentBeforeTheHost) {
       {"/sys//host2", ""},
       {"/sys/usbhost1/1-1:1.0/host2", "usbhost1"},
       {"/sys/1-1:1.0/ghost", "ghost"},
+      {"/sys/my.ghost:1/b/host3", "my_ghost--1"},
+      {"/sys/a/host1/b/host2", "a"},
+      {"/sys/a.b:c/host2/target2:0:0", "a_b--c"},
+      {"x/ahost", "ahost"},
+      {"/sys/plain/host1", "plain"},
       {"/sys/1-1:1.0/host", "1-1--1_0"},
   };
   for (const auto& [path, expected] : cases) {
@@ -29,7 +34,7 @@ TEST(UsbHub, IsThePathSegmentBeforeTheHost) {
 
 TEST(UsbHub, IsLeftAsItIsByAPathOfAnotherForm) {
   for (const char* path :
-       {"", "/", "host", "host2", "/host2", "a/host2", "//host2", "ab/host2", "abchost2",
+       {"", "/", "host", "host2", "/host2", "a/host2", "//host2", "ab/host2", "abchost2", "/ahost2",
         "/sys/devices/usb1/1-1", "/sys/1-1:1.0/HOST2", "/sys/1-1:1.0/hos"}) {
     std::string hub = "before";
     EXPECT_FALSE(UsbHubFromSysfsPath(path, hub)) << path;

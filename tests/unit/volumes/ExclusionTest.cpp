@@ -36,4 +36,16 @@ TEST(Exclusion, LeavesAloneWhatIsIgnoredOrOnAnotherBus) {
   }
 }
 
+TEST(Exclusion, ADeviceIsIgnoredByItsExactPathOnly) {
+  HalVolumeInfo info;
+  info.BlockDevice = "/dev/sda1";
+  info.BusType = "usb";
+  for (const char* device : {"", "/dev/sda", "sda1", "/dev/SDA1", "/dev/sda1 ", " /dev/sda1",
+                             "/dev/sda1\r", "/dev/sda11", "/dev/sda*", "//dev/sda1"}) {
+    EXPECT_EQ(ExclusionOf(info, {{device, {}}}), tExclusion::kNone) << device;
+  }
+  const tUsbMap several{{"/dev/sd", {}}, {"/dev/sda1", {}}, {"/dev/sdb1", {}}};
+  EXPECT_EQ(ExclusionOf(info, several), tExclusion::kIgnoredDevice);
+}
+
 }  // namespace

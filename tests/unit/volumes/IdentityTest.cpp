@@ -27,10 +27,20 @@ TEST(UsbMap, HasADeviceByItsPortAndAReaderUnderItsFirstEntry) {
   } cases[] = {
       {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1-1_2", "1-1_3"}, "1-1_3", false},
       {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1-1", "1-1_3"}, "1-1", false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1-1_3--1_0"}, "1-1_3--1_0", false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1_3"}, "1_3", false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"--"}, "--", false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1_0", "1-1"}, "1-1", false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"", "1-1_3"}, "", false},
+      {"usb", "", 0x0781, 0x5567, {""}, "", false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1-1_3--1_0 "}, nullptr, false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1-1_3\r"}, nullptr, false},
+      {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1-1.3"}, nullptr, false},
       {"usb", "1-1_3--1_0", 0x0781, 0x5567, {"1-1_2"}, nullptr, false},
       {"usb", "1-1_3--1_0", 0x0781, 0x5567, {}, nullptr, false},
       {"usb", "", 0x0781, 0x5567, {"1-1_3"}, nullptr, false},
       {"mmc", "1-1_3--1_0", 0x0781, 0x5567, {"1-1_3"}, nullptr, false},
+      {"usbmmc", "1-1_3--1_0", 0x0781, 0x5567, {"1-1_3"}, "1-1_3", false},
       {"", "1-1_3--1_0", kSmsc, 0x4040, {"1-1_3"}, nullptr, false},
       {"usb", "1-1_9--1_0", kSmsc, 0x4040, {"1-1_2", "1-1_3"}, "1-1_2", true},
       {"usb", "1-1_9--1_0", kSmsc, 0x2240, {"1-1_2", "1-1_3"}, "1-1_2", true},
@@ -38,6 +48,8 @@ TEST(UsbMap, HasADeviceByItsPortAndAReaderUnderItsFirstEntry) {
       {"usb", "1-1_2--1_0", kSmsc, 0x2240, {"1-1_2", "1-1_3"}, "1-1_2", false},
       {"usb", "1-1_9--1_0", kSmsc, 0x4040, {}, nullptr, false},
       {"usb", "1-1_9--1_0", kSmsc, 0x4041, {"1-1_2"}, nullptr, false},
+      {"usb", "1-1_9--1_0", kSmsc + 1, 0x4040, {"1-1_2"}, nullptr, false},
+      {"usb", "1-1_9--1_0", kSmsc + 1, 0x2240, {"1-1_2"}, nullptr, false},
   };
   for (const auto& [bus, hub, vendor, product, usbids, found, byReader] : cases) {
     HalVolumeInfo info;

@@ -4,6 +4,7 @@
 #include <unistd.h>
 #include <utime.h>
 
+#include "support/CapturedLog.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -60,6 +61,27 @@ TEST_F(IdentityText, IsEmptyWhileTheFileIsMissing) {
   EXPECT_EQ(Refreshed(), "");
   Write("ID-2\n", 1000);
   EXPECT_EQ(Refreshed(), "ID-2");
+}
+
+TEST_F(IdentityText, OnceTellsOfAFileWhoseReadingFails) {
+  const tCapturedLog log;
+  tIdentityText directory(m_Directory.Path());
+  directory.Refresh();
+  directory.Refresh();
+  EXPECT_EQ(directory.Text(), "");
+  EXPECT_EQ(log.Lines(),
+            std::vector<tLogLine>({{kLogWarning, "Identity file " + m_Directory.Path() +
+                                                     " cannot be read: Is a directory"}}));
+}
+
+TEST_F(IdentityText, SaysNothingOfAFileThatIsReadOrMissing) {
+  const tCapturedLog log;
+  EXPECT_EQ(Refreshed(), "");
+  Write("", 1000);
+  EXPECT_EQ(Refreshed(), "");
+  Write("ID-1\n", 1001);
+  EXPECT_EQ(Refreshed(), "ID-1");
+  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(IdentityText, OfTheEmptyPathIsEmpty) {

@@ -25,6 +25,14 @@ TEST(MediaLinkName, OfAStickComesFromItsMountPoint) {
       {"/media/sda1/x", "USB Memory Card A1/X"},
       {"/sda1", "USB Memory Card A1"},
       {"/media/sd\xC3\xA4", "USB Memory Card \xC3\xA4"},
+      {"/media/sda-charts_\xC3\xA9", "USB Memory Card A-CHARTS_\xC3\xA9"},
+      {"/media/sdab12", "USB Memory Card AB12"},
+      {"/media/sdx/sdc3", "USB Memory Card C3"},
+      {"/mnt/sda1", "USB Memory Card A1"},
+      {"/sdq", "USB Memory Card Q"},
+      {"/mnt/hd5", "USB Memory Card"},
+      {"/media/mysda1", "USB Memory Card"},
+      {"/media/CHARTS", "USB Memory Card"},
       {"/media/disk", "USB Memory Card"},
       {"/media/SDA1", "USB Memory Card"},
       {"sda1", "USB Memory Card"},
@@ -45,7 +53,7 @@ TEST(MediaLinkName, OfACardDependsOnTheNumberOfHosts) {
     const char* name;
   } cases[] = {
       {0, 0, ""}, {1, 0, "Memory Card"},     {1, 7, "Memory Card"},       {2, 0, "Memory Card - 0"},
-      {3, 0, ""}, {2, 1, "Memory Card - 1"}, {2, -1, "Memory Card - -1"}, {-1, 0, ""},
+      {3, 0, ""}, {2, 2, "Memory Card - 2"}, {2, -1, "Memory Card - -1"}, {-1, 0, ""},
   };
   for (const auto& [mmcHostIndex, mmcHost, name] : cases) {
     EXPECT_EQ(MediaLinkName("mmc", "/media/sda1", mmcHost, mmcHostIndex), name)
@@ -72,6 +80,12 @@ TEST(MediaLinkTarget, IsTheMountPointWithoutItsFirstSevenCharacters) {
       {"1234567", ""},
       {"12345678", "8"},
       {"/mnt/usb/x", "b/x"},
+      {"/mnt/sda1", "a1"},
+      {"/mnt/hd5", "5"},
+      {"/mnt/hd", ""},
+      {"/sdq", ""},
+      {"/", ""},
+      {"/media/sdx/sdc3", "sdx/sdc3"},
       {"/media//x", "/x"},
   };
   for (const auto& [mountPoint, target] : cases) {

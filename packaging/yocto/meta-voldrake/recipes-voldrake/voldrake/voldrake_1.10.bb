@@ -1,10 +1,10 @@
 SUMMARY = "Storage-volume daemon for embedded display units"
-DESCRIPTION = "Has storage volumes mounted that the hardware service reports, tells the display \
-application about them, and shares them with other units over NFS."
+DESCRIPTION = "Mounts the storage volumes that the hardware service announces, reports them to the \
+display application, and shares them with other units over NFS."
 SECTION = "base"
 LICENSE = "CLOSED"
 
-# The repository that this layer is part of. An image that has it elsewhere sets VOLDRAKE_SOURCE.
+# The repository that contains this layer. An image that has it elsewhere sets VOLDRAKE_SOURCE.
 VOLDRAKE_SOURCE ?= "${@os.path.normpath(d.getVar('FILE_DIRNAME') + '/../../../../..')}"
 inherit externalsrc
 EXTERNALSRC = "${VOLDRAKE_SOURCE}"
@@ -78,7 +78,7 @@ RRECOMMENDS:${PN} = "\
     ${@bb.utils.contains('PACKAGECONFIG', 'hald', '${PN}-hald', '', d)} \
 "
 
-# nfs-utils has no list of its own; without one its server does not start and exportfs fails.
+# nfs-utils does not provide this file; without it the server does not start and exportfs fails.
 pkg_postinst:${PN}() {
     [ -e "$D${sysconfdir}/exports" ] || : > "$D${sysconfdir}/exports"
 }

@@ -1,0 +1,76 @@
+"""What may be lost without a word, or for longer: each is part of the daemon's contract.
+
+An agreement holds for a result only when all that is not as without the fault is named by it.
+"""
+
+import re
+from dataclasses import dataclass
+from typing import TYPE_CHECKING, Iterable, Mapping
+
+if TYPE_CHECKING:
+    from testbed.faults.trial import Fault
+
+
+@dataclass(frozen=True)
+class Agreement:
+    """`calls` is searched in the text of the call, `said` in the log's new lines."""
+
+    words: str
+    what: frozenset[str]
+    calls: str = ""
+    threads: str = ""
+    said: str = ""
+    stories: str = ""
+    kills: bool = False
+
+    def holds(self, fault: "Fault", text: str, deviations: Iterable[str],
+              lines: Iterable[str]) -> bool:
+        """True when it covers all of these deviations."""
+        return (self.kills == (fault.action == "signal=KILL") and set(deviations) <= self.what
+                and re.search(self.calls, text) is not None
+                and re.fullmatch(self.threads or ".*", fault.thread) is not None
+                and re.fullmatch(self.stories or ".*", fault.story) is not None
+                and (not self.said or any(re.search(self.said, line) for line in lines)))
+
+
+def _agreement(words: str, *what: str, calls: str = "", threads: str = "", said: str = "",
+               stories: str = "", kills: bool = False) -> Agreement:
+    return Agreement(words, frozenset(what), calls, threads, said, stories, kills)
+
+
+_NO_PROCESS = r"^(clone3?|vfork|mmap|wait4)\("
+
+AGREEMENTS = (
+    _agreement("a message whose sending fails is lost without a line", "messages",
+               calls=r"^(sendto|poll)\(", threads="messages"),
+    _agreement("a link that cannot be taken away stays without a line",
+               "links", "afterwards links", calls=r"^unlink(at)?\(.*/media/", threads="main"),
+    _agreement("a volume stays exported when there is no process to withdraw it, and the log says"
+               " so",
+               "exports", "afterwards exports", calls=_NO_PROCESS, said=r"_Unexport: "),
+    _agreement("a share stays mounted when there is no process to unmount it, and the log says so",
+               "mounted in /mnt", "in /mnt", "afterwards mounted in /mnt", "afterwards in /mnt",
+               calls=_NO_PROCESS, said=r"Umount command: .* FAIL"),
+    _agreement("a share's directory that cannot be removed stays, and the log says so",
+               "in /mnt", "afterwards in /mnt", calls=r"^rmdir\(", said=r"Failed to remove "),
+    _agreement("a connection to the bus that breaks is not made again",
+               "bus", said=r"HAL: Connection - lost"),
+    _agreement("what goes while no daemon runs is never told, nor what was still to be told",
+               "removal untold", stories="removal", kills=True),
+    _agreement("a share that goes while no daemon runs stays mounted until it is announced again,"
+               " and its end is never told",
+               "removal untold", "mounted in /mnt", "in /mnt", "afterwards mounted in /mnt",
+               "afterwards in /mnt", stories="sharing|silence", kills=True),
+    _agreement("a mount or unmount that is under way when the hardware service is killed is done or"
+               " not, and its client gets no answer",
+               "mounts", "said to be mounted", "in /media", stories="mount|unmount", kills=True),
+)
+
+
+def agreed(fault: "Fault", hit: str, deviations: Mapping[str, str],
+           lines: Iterable[str]) -> str:
+    """The words of the agreement that covers all of it; empty when there is none."""
+    for agreement in AGREEMENTS:
+        if agreement.holds(fault, hit or fault.text, deviations, list(lines)):
+            return agreement.words
+    return ""

@@ -1,0 +1,33 @@
+"""The trials of scripts/faults --hald: some of them, and that their checks can fail."""
+
+from pathlib import Path
+from typing import Iterator
+
+import pytest
+
+from testbed.faults.haldunit import HaldBench
+from testbed.faults.trial import AGREED, FINDING, KILL, LOGGED, UNHARMED, Fault
+
+pytestmark = pytest.mark.undelayed("its calls are counted")
+
+
+@pytest.fixture(name="bench")
+def fixture_bench(log_directory: Path) -> Iterator[HaldBench]:
+    """What plays stories; a service that does nothing for five seconds counts as hung."""
+    with HaldBench(log_directory / "faults", patience=5.0) as made:
+        yield made
+
+
+def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(bench: HaldBench) -> None:
+    calls = bench.calls("mount")
+    directory = next(one for one in calls if one.call == "mkdir" and "/media/sda1" in one.text)
+    sent = [one for one in calls if (one.thread, one.call) == ("gdbus", "sendmsg")]
+    for call, action, kind, words in (
+            (directory, "error=ENOSPC", LOGGED, "refused "),
+            (directory, KILL, AGREED, "mounts: missing"),
+            (sent[0], "error=EINTR", UNHARMED, ""),
+            (sent[0], "error=ENOBUFS", LOGGED, "the bus has closed the connection"),
+            (directory, "signal=SEGV", FINDING, "end: ['ended with status -11']")):
+        result = bench.run(Fault("mount", call.thread, call.call, call.number, action, call.text))
+        said = f"{result.kind}: {' | '.join(result.words)}"
+        assert result.kind == kind and words in said, said
