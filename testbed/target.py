@@ -46,6 +46,12 @@ def check_build_directory() -> None:
             f"VOLDRAKE_BUILD_DIR is {build_directory()}, which is not a build directory")
 
 
+def built_with(option: str) -> bool:
+    """True if this option of the build is on in the build directory."""
+    cache = build_directory() / "CMakeCache.txt"
+    return cache.exists() and f"\n{option}:BOOL=ON\n" in cache.read_text()
+
+
 def log_directory() -> Path:
     """Where logs are kept: VOLDRAKE_LOG_DIR, or `logs` in the build directory."""
     chosen = os.environ.get("VOLDRAKE_LOG_DIR")

@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from testbed import timeouts
+from testbed import target, timeouts
 from testbed.daemon import ERROR
 from testbed.unit import Unit
 
@@ -18,6 +18,8 @@ SLACK = 64 * 1024
 STICKS = 300
 
 
+@pytest.mark.skipif(not target.built_with("VOLDRAKE_STATIC_RUNTIME"),
+                    reason="a shared C++ runtime has last words of its own")
 @pytest.mark.native("the memory would run out first")
 def test_without_memory_it_ends_with_a_line_instead_of_living_half(running_unit: Unit) -> None:
     unit = running_unit

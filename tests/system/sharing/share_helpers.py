@@ -63,8 +63,7 @@ def nothing_waits(unit) -> bool:
 
 def ignores_unknown_types() -> bool:
     """Whether the daemon was built to drop them."""
-    cache = target.build_directory() / "CMakeCache.txt"
-    return "VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS:BOOL=ON" in cache.read_text()
+    return target.built_with("VOLDRAKE_IGNORE_UNKNOWN_ANNOUNCEMENTS")
 
 
 def skip_where_senders_are_not_looked_up() -> None:
