@@ -26,6 +26,13 @@ class HalCalls : public testing::Test {
   static tHalManager& Manager() { return *tHalManager::getInstance(); }
 };
 
+TEST_F(HalCalls, AConnectionThatIsOpenIsNotMadeAgain) {
+  const tCapturedLog log;
+  EXPECT_FALSE(Manager().initHal());
+  EXPECT_THAT(log.Lines(), ElementsAre(tLogLine{kLogDebug, "initHal()"},
+                                       tLogLine{kLogWarning, "HAL: Connection - already open"}));
+}
+
 TEST_F(HalCalls, AMountIsAskedWithNameTypeAndOptions) {
   const struct {
     const char* type;
