@@ -147,7 +147,7 @@ class HaldMachine(Lifespan):
         reader = Channel(self.tape, "syslog")
         reader.seek(since)
         reader.expect(re.compile(f"udev: change {path}$"), timeouts.RUN)
-        self._fence_bus()
+        self.fence_bus()
 
     def told(self, since: Mark = Mark(0)) -> list[str]:
         """What the service has sent after the mark, everything until now being dealt with."""
@@ -188,7 +188,7 @@ class HaldMachine(Lifespan):
         """Ask for a mount; what the service sends of it is on the tape on return."""
         answer = self.call(PREFIX + name, "org.freedesktop.Hal.Device.Volume.Mount", directory,
                            fstype, options)
-        self._fence_bus()
+        self.fence_bus()
         return answer
 
     def objects(self) -> list[str]:
@@ -224,7 +224,8 @@ class HaldMachine(Lifespan):
         """The tape and what the service wrote, for a failed test."""
         return "\n".join([str(self.tape), *self.sandbox.errors().values()])
 
-    def _fence_bus(self) -> None:
+    def fence_bus(self) -> None:
+        """The service has dealt with all that the bus brought until now."""
         text = f"fence {next(self._fences)}"
         self.call(MANAGER, "org.freedesktop.Hal.Manager.DeviceExists", text)
         self.hal.events.expect(f"answered {text}")

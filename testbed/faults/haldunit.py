@@ -1,36 +1,24 @@
-"""The same for `voldrake-hald`, on a machine whose kernel and udev are mocked.
-
-Its calls are those of the mocking library, too. A service that ends with status 1 and a reason in
-the log is started again, as its supervisor does; what it then shows and has announced is compared.
-"""
+"""A machine for the hardware service while a fault is put in, and what happens there."""
 
 import os
 import re
 import time
 from collections import Counter
-from contextlib import ExitStack
 from pathlib import Path
 from typing import Callable
 
 from testbed import timeouts
-from testbed.faults.recording import Recorded, record
-from testbed.faults.trial import (
-    KILL, REFERENCES, STEADY, UNMET, Fault, Result, Seen, differences, judged)
 from testbed.faults.unit import State
 from testbed.hald import PREFIX, HaldMachine
 from testbed.lifespan import Lifespan
 from testbed.process import Process
-from testbed.strace import Strace, Trace
 from testbed.tape import Mark
 from testbed.udev import FileSystem, usb_disk
 from testbed.waiting import wait_until
 
 _VOLUME = "org.freedesktop.Hal.Device.Volume"
 _ANNOUNCED = re.compile(r"Device(Added|Removed) (\S+)")
-_TRACE = "/var/log/trial.strace"
 _PAUSE = 1.0
-#: The first says that it has logged why; the second is the tool's own.
-_GOOD_ENDS = ("ended with status 1", "killed")
 
 
 class HaldUnit(Lifespan):
@@ -74,7 +62,7 @@ class HaldUnit(Lifespan):
         return True
 
     def threads(self) -> dict[str, int]:
-        """Its threads by their names; those that come and go are not told apart."""
+        """Its threads by their names; one name stands for all that come and go."""
         assert self.machine.process
         names = {}
         for task in Path(f"/proc/{self.machine.process.pid}/task").iterdir():
@@ -107,7 +95,7 @@ class HaldUnit(Lifespan):
             wait_until(answered, "it deals with an event", patience)
             if process.ended():
                 return "ended"
-            self.machine._fence_bus()
+            self.machine.fence_bus()
         except AssertionError as failure:
             return "ended" if process.ended() else str(failure)
         return ""
@@ -159,11 +147,11 @@ class HaldUnit(Lifespan):
         return [event.data.text for event in events if event.data and event.data.priority < 7]
 
     def _announced(self) -> Counter[str]:
-        told: Counter[str] = Counter()
+        announced: Counter[str] = Counter()
         for event in self.machine.hal.events.up_to(self.machine.mark()):
             if match := _ANNOUNCED.fullmatch(event.text):
-                told[match[2]] += 1 if match[1] == "Added" else -1
-        return told
+                announced[match[2]] += 1 if match[1] == "Added" else -1
+        return announced
 
     def _serves(self, process: Process) -> bool:
         if "serving " in process.err.read_text(errors="replace"):
@@ -206,193 +194,3 @@ HALD_STORIES = {story.name: story for story in (
     HaldStory("mount", HaldUnit.plug, lambda unit: unit.mount("volume_uuid_A", "sda1")),
     HaldStory("unmount", _plug_and_mount, lambda unit: unit.unmount("volume_uuid_A")),
     HaldStory("removal", _plug_and_mount, HaldUnit.pull))}
-
-
-class HaldBench(Lifespan):
-    """As `Bench`, of the hardware service."""
-
-    def __init__(self, logs: Path, patience: float = 12.0) -> None:
-        self._logs = logs
-        self._patience = patience
-        self._unit: HaldUnit | None = None
-        self._rest: State = {}
-        self._sizes = (0, 0)
-        self._cold = False  # the unit is one of a cold start
-        self._references: dict[tuple[str, bool], list[Seen]] = {}
-
-    def start(self) -> None:
-        """Machines are made when they are needed."""
-
-    def close(self) -> None:
-        """Leaves nothing but logs."""
-        if self._unit:
-            self._unit.close()
-            self._unit = None
-
-    def calls(self, story: str) -> list[Recorded]:
-        """What its threads call in the story; of a cold start the main thread's."""
-        played = HALD_STORIES[story]
-        unit = self._prepared(played)
-        if played.cold:
-            unit.start_service("strace", "-D", "-y", "-r", "-o", _TRACE)
-            calls, counts = [], Counter[str]()
-            own = False  # after what the loader calls before the program begins
-            for made in Trace(unit.machine.sandbox.path(_TRACE)).made():
-                counts[made.name] += 1
-                if own:
-                    calls.append(Recorded("main", made.name, counts[made.name], made.text))
-                own = own or made.name == "prlimit64"
-        else:
-            assert unit.machine.process
-
-            def play() -> None:
-                played.play(unit)
-                unit.settle(self._patience)
-            calls = record(unit.machine.process, unit.threads(), self._logs / "recorded", play)
-        self.close()
-        return calls
-
-    def run(self, fault: Fault) -> Result:
-        """Play the story with the fault."""
-        story, kills = HALD_STORIES[fault.story], fault.action == KILL
-        key = (story.name, kills)
-        if key not in self._references:
-            seen = [self._observe(story, None, kills) for _ in range(REFERENCES)]
-            assert all(one.state == seen[0].state and not one.deviations for one in seen), seen
-            self._references[key] = seen
-        references = self._references[key]
-        found = Seen()
-        try:
-            found = self._observe(story, fault, kills)
-        except (AssertionError, OSError, TimeoutError) as failure:
-            found.deviations["trial"] = str(failure) or type(failure).__name__
-        if found.deviations:
-            self.close()
-        if not found.hit and not found.deviations:
-            return Result(fault, UNMET)
-        if fault.misses(found.hit):
-            self.close()
-            return Result(fault, UNMET, found.hit, ("another call has come at this number",))
-        return judged(fault, found, references[0],
-                      {line for one in references for line in one.lines}, True)
-
-    def _prepared(self, story: HaldStory) -> HaldUnit:
-        if self._unit and (story.cold or self._cold or self._unit.machine.process is None
-                           or self._unit.machine.process.ended()):
-            self.close()
-        if not self._unit:
-            self._unit, self._cold = HaldUnit(self._logs), story.cold
-            self._unit.start()
-            if not story.cold:
-                self._unit.start_service()
-                self._rest, self._sizes = self._unit.state(), self._unit.sizes()
-        unit = self._unit
-        unit.ends.clear()
-        story.prepare(unit)
-        if not story.cold:
-            assert not (trouble := unit.settle(self._patience)), trouble
-        return unit
-
-    def _observe(self, story: HaldStory, fault: Fault | None, kills: bool) -> Seen:
-        unit, seen = self._prepared(story), Seen()
-        since = unit.machine.mark()
-        if story.cold:
-            options = fault.options() if fault else []
-            unit.start_service(*(["strace", "-D", "-r", "-o", _TRACE, *options] if fault else []))
-            seen.hit = self._hit(unit.machine.sandbox.path(_TRACE), unit) if fault else ""
-        else:
-            self._play(story, fault, unit, seen)
-        if unit.note_end() or unit.machine.process is None:
-            unit.start_service()
-        if kills:
-            if not unit.ends:
-                unit.machine.kill_service()
-                unit.note_end()
-                unit.start_service()
-            unit.ends[:] = ["killed"]
-        self._see(unit, story, kills, seen)
-        if bad := [end for end in seen.state.get("ended by itself", ()) if end not in _GOOD_ENDS]:
-            seen.deviations["end"] = str(bad)
-        # That it serves again is no word about why it has ended.
-        seen.lines = [line for line in unit.lines(since) if not line.startswith("serving ")]
-        return seen
-
-    def _play(self, story: HaldStory, fault: Fault | None, unit: HaldUnit, seen: Seen) -> None:
-        assert unit.machine.process
-        output = self._logs / "trial.strace"
-        with ExitStack() as attached:
-            if fault:
-                try:
-                    attached.enter_context(Strace(
-                        unit.machine.process, output, *fault.options(),
-                        thread=unit.threads()[fault.thread]))
-                except (AssertionError, OSError):
-                    if not unit.machine.process.ended():
-                        raise
-            story.play(unit)
-            if trouble := unit.settle(self._patience):
-                if trouble != "ended":
-                    seen.deviations["hang"] = trouble
-        if fault:
-            seen.hit = self._hit(output, unit)
-
-    @staticmethod
-    def _hit(output: Path, unit: HaldUnit) -> str:
-        lines = output.read_text(errors="replace").splitlines() if output.exists() else []
-        killed = any("killed by" in line for line in lines)
-        return next((line.split(None, 1)[1] for line in lines if "(INJECTED)" in line),
-                    "a signal" if killed else "")
-
-    def _see(self, unit: HaldUnit, story: HaldStory, kills: bool, seen: Seen) -> None:
-        if seen.deviations:
-            return
-        trouble = unit.settle(self._patience)
-        if trouble == "ended":  # some time after the fault
-            unit.note_end()
-            unit.start_service()
-            trouble = unit.settle(self._patience)
-        if trouble:
-            seen.deviations["hang"] = trouble
-            return
-        references = self._references.get((story.name, kills))
-        wanted = references[0].state if references else None
-        seen.state = self._steady(unit, wanted)
-        unit.ends.clear()
-        self._see_probe(unit, seen)
-        unit.pull()
-        if trouble := unit.settle(self._patience):
-            seen.deviations["hang"] = f"afterwards: {trouble}"
-            return
-        rest = {what: () for what in seen.state} if story.cold else self._rest
-        left = self._steady(unit, rest)
-        for what, text in differences(rest, left).items():
-            seen.deviations[f"afterwards {what}"] = text
-        if not story.cold and not seen.state["ended by itself"]:
-            self._see_sizes(unit, seen)
-
-    def _see_sizes(self, unit: HaldUnit, seen: Seen) -> None:
-        try:
-            wait_until(lambda: unit.sizes() == self._sizes, "as many as before", STEADY)
-        except AssertionError:
-            seen.deviations["size"] = f"threads and descriptors {unit.sizes()}, were {self._sizes}"
-
-    def _see_probe(self, unit: HaldUnit, seen: Seen) -> None:
-        """The next stick is served, mounted and unmounted."""
-        unit.machine.udev.plug(unit.probe)
-        if trouble := unit.settle(self._patience):
-            seen.deviations["next stick"] = trouble
-            return
-        answers = (unit.mount("volume_uuid_B", "sdb1"), unit.unmount("volume_uuid_B"))
-        if answers != ("(0,)", "(0,)"):
-            seen.deviations["next stick"] = f"mount and unmount: {answers}"
-        unit.machine.udev.pull(unit.probe)
-
-    @staticmethod
-    def _steady(unit: HaldUnit, wanted: State | None) -> State:
-        if wanted is not None:
-            try:
-                wait_until(lambda: unit.state() == wanted, "as wanted", STEADY)
-            except AssertionError:
-                pass  # told by what differs
-        return unit.state()
-

@@ -10,7 +10,7 @@
     scripts/faults --jobs N            so many units at once; most of the time is waiting
     scripts/faults --json FILE         FILE gets every fault with what came of it
 
-After each fault the daemon must run, deal with what it is told, serve the next stick and list what
+After each fault the daemon must run, deal with what happens, serve the next stick and list what
 the hardware service has mounted; nothing may be left behind, and what was lost must be in the log,
 unless the daemon's contract has it otherwise (testbed/faults/agreements.py).
 """
@@ -27,15 +27,17 @@ import time
 from collections import Counter
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Callable, Protocol, Sequence
+from typing import Callable, Sequence
 
 from testbed import namespaces, target
 from testbed.faults import errors
-from testbed.faults.haldunit import HALD_STORIES, HaldBench
+from testbed.faults.daemontrials import DaemonTrials
+from testbed.faults.haldtrials import HaldTrials
+from testbed.faults.haldunit import HALD_STORIES
 from testbed.faults.recording import Recorded
 from testbed.faults.stories import STORIES
 from testbed.faults.trial import (
-    AGREED, FINDING, KILL, LOGGED, UNHARMED, UNMET, Bench, Fault, Result)
+    AGREED, FINDING, KILL, LOGGED, UNHARMED, UNMET, Fault, Result, Trials)
 
 _KINDS = (UNMET, UNHARMED, LOGGED, AGREED, FINDING)
 _EVERY = 30.0  # seconds between two lines of progress that is no terminal's
@@ -43,30 +45,6 @@ _EVERY = 30.0  # seconds between two lines of progress that is no terminal's
 _INWARD = frozenset("""brk mmap munmap mprotect mremap madvise futex restart_syscall rt_sigaction
     rt_sigprocmask rt_sigreturn poll ppoll newfstatat stat lstat fstat access faccessat2 getsockname
     getsockopt clock_nanosleep getpid gettid read recvmsg ioctl wait4 exit""".split())
-
-
-class Trials(Protocol):
-    """Where stories are played, one after the other."""
-
-    def start(self) -> None:
-        """Be ready."""
-
-    def close(self) -> None:
-        """Leave nothing but logs."""
-
-    def calls(self, story: str) -> list[Recorded]:
-        """What is called in the story."""
-
-    def run(self, fault: Fault) -> Result:
-        """Play its story with the fault."""
-
-
-class DaemonTrials(Bench):
-    """Of the daemon."""
-
-    def calls(self, story: str) -> list[Recorded]:
-        """See `Trials`."""
-        return self.record(STORIES[story])
 
 
 @dataclass
@@ -104,7 +82,7 @@ def main(arguments: Sequence[str]) -> int:
     planned = _plan(run, make(logs / "recording"), options)
     _try_all(run, planned, [make(logs / f"unit{number}") for number in range(options.jobs)])
     run.seconds = time.monotonic() - begun
-    _tell(run, options.kill)
+    _print(run, options.kill)
     if options.json:
         _write(run, options.json)
     bad = any(figures.kinds[FINDING] or figures.unknown for figures in run.stories.values())
@@ -144,15 +122,15 @@ def _plan(run: Run, trials: Trials, options: argparse.Namespace) -> list[Fault]:
     return planned
 
 
-def _try_all(run: Run, planned: Sequence[Fault], benches: Sequence[Trials]) -> None:
+def _try_all(run: Run, planned: Sequence[Fault], trials: Sequence[Trials]) -> None:
     waiting: queue.SimpleQueue[Fault] = queue.SimpleQueue()
     done: queue.SimpleQueue[Result | BaseException] = queue.SimpleQueue()
     for fault in planned:
         waiting.put(fault)
     stop = threading.Event()
     # A sandbox ends with the thread that has made it.
-    workers = [threading.Thread(target=_work, args=(bench, waiting, done, stop), daemon=True)
-               for bench in benches]
+    workers = [threading.Thread(target=_work, args=(one, waiting, done, stop), daemon=True)
+               for one in trials]
     for worker in workers:
         worker.start()
     progress = _Progress(len(planned))
@@ -171,7 +149,7 @@ def _try_all(run: Run, planned: Sequence[Fault], benches: Sequence[Trials]) -> N
         progress.end()
 
 
-def _work(bench: Trials, waiting: "queue.SimpleQueue[Fault]",
+def _work(trials: Trials, waiting: "queue.SimpleQueue[Fault]",
           done: "queue.SimpleQueue[Result | BaseException]", stop: threading.Event) -> None:
     try:
         while not stop.is_set():
@@ -179,19 +157,19 @@ def _work(bench: Trials, waiting: "queue.SimpleQueue[Fault]",
                 fault = waiting.get_nowait()
             except queue.Empty:
                 return
-            done.put(bench.run(fault))
-    except BaseException as failure:  # told by the thread that waits for results
+            done.put(trials.run(fault))
+    except BaseException as failure:  # raised by the thread that waits for results
         done.put(failure)
     finally:
-        bench.close()
+        trials.close()
 
 
 class _Progress:
-    """Where it stands, on a terminal in one line; a finding is told as it comes."""
+    """Where it stands, on a terminal in one line; a finding is printed as it comes."""
 
     def __init__(self, total: int) -> None:
         self._total = total
-        self._begun = self._told = time.monotonic()
+        self._begun = self._shown = time.monotonic()
         self._counts = Counter[str]()
         self._terminal = sys.stdout.isatty()
 
@@ -203,9 +181,9 @@ class _Progress:
             print(f"FINDING {result.fault}\n  " + "\n  ".join((result.hit or result.fault.text,
                                                              *result.words)), flush=True)
         now, done = time.monotonic(), self._counts.total()
-        if not self._terminal and now - self._told < _EVERY:
+        if not self._terminal and now - self._shown < _EVERY:
             return
-        self._told = now
+        self._shown = now
         left = (now - self._begun) / done * (self._total - done)
         line = (f"{done:,} of {self._total:,} faults, {self._counts[FINDING]} findings,"
                 f" {left:,.0f} s left: {result.fault}")
@@ -218,7 +196,7 @@ class _Progress:
             print("\r\033[K", end="", flush=True)
 
 
-def _tell(run: Run, kill: bool) -> None:
+def _print(run: Run, kill: bool) -> None:
     titles = ("calls", "ends" if kill else "faults", *_KINDS)
     print(f"{'story':<10}" + "".join(f"{title:>16}" for title in titles))
     for story, figures in run.stories.items():
@@ -244,7 +222,7 @@ def _write(run: Run, file: Path) -> None:
 
 
 def _maker(hald: bool) -> Callable[[Path], Trials]:
-    return HaldBench if hald else DaemonTrials
+    return HaldTrials if hald else DaemonTrials
 
 
 def _options(arguments: Sequence[str]) -> argparse.Namespace:

@@ -1,7 +1,6 @@
 """What happens to a unit while a fault is put in.
 
 Each story is prepared, played and undone; then the unit is as it was before.
-
 """
 
 import signal
@@ -91,11 +90,8 @@ class Removal(_Story):
         pass
 
 
-class Republish(_Story):
-    """SIGUSR1, while a stick and a share of the other unit are there."""
-
-    name = "republish"
-    longest = 2.0
+class _WithStickAndShare(_Story):
+    """A stick and a share of the other unit are there."""
 
     def prepare(self, unit: FaultUnit) -> None:
         unit.unit.hal.plug(STICK)
@@ -104,16 +100,23 @@ class Republish(_Story):
     def prepared(self, unit: FaultUnit, since: Mark) -> bool:
         return _stick_is_there(unit, since) and unit.told("dataarrival", SHARE_PATH, since)
 
+    def undo(self, unit: FaultUnit) -> None:
+        unit.unit.hal.pull("stick")
+        unit.neighbour.withdraw(SHARE.path)
+
+
+class Republish(_WithStickAndShare):
+    """SIGUSR1, while a stick and a share of the other unit are there."""
+
+    name = "republish"
+    longest = 2.0
+
     def play(self, unit: FaultUnit) -> None:
         unit.unit.daemon.signal(signal.SIGUSR1)
 
     def complete(self, unit: FaultUnit, since: Mark) -> bool:
         return (unit.told("dataarrival", STICK_PATH, since)
                 and unit.told("dataarrival", SHARE_PATH, since))
-
-    def undo(self, unit: FaultUnit) -> None:
-        unit.unit.hal.pull("stick")
-        unit.neighbour.withdraw(SHARE.path)
 
 
 class Sharing(_Story):
@@ -166,29 +169,18 @@ class Silence(_Story):
         pass
 
 
-class Shutdown(_Story):
+class Shutdown(_WithStickAndShare):
     """SIGTERM, while a stick and a share of the other unit are there."""
 
     name = "shutdown"
     ends = True
     longest = 8.0
 
-    def prepare(self, unit: FaultUnit) -> None:
-        unit.unit.hal.plug(STICK)
-        unit.neighbour.share(SHARE)
-
-    def prepared(self, unit: FaultUnit, since: Mark) -> bool:
-        return _stick_is_there(unit, since) and unit.told("dataarrival", SHARE_PATH, since)
-
     def play(self, unit: FaultUnit) -> None:
         unit.unit.daemon.signal(signal.SIGTERM)
 
     def complete(self, unit: FaultUnit, since: Mark) -> bool:
         return unit.unit.daemon.ended()
-
-    def undo(self, unit: FaultUnit) -> None:
-        unit.unit.hal.pull("stick")
-        unit.neighbour.withdraw(SHARE.path)
 
 
 STORIES: dict[str, Story] = {story.name: story for story in (

@@ -1,19 +1,14 @@
 """One story with one fault, compared with the same story without."""
 
-import time
 from collections import Counter
 from dataclasses import dataclass, field
 from pathlib import Path
 from typing import Mapping
 
-from testbed import timeouts
 from testbed.faults import agreements, errors
-from testbed.faults.recording import Recorded, record
-from testbed.faults.stories import STORIES, Story
-from testbed.faults.unit import LOST_BUS, PROBE_PATH, FaultUnit, State
+from testbed.faults.recording import Recorded
+from testbed.faults.unit import LOST_BUS, State
 from testbed.lifespan import Lifespan
-from testbed.strace import Strace
-from testbed.tape import Mark
 
 #: What a fault may have come to, from best to worst.
 UNMET, UNHARMED, LOGGED, AGREED, FINDING = ("not met", "unharmed", "lost and logged", "as agreed",
@@ -22,12 +17,7 @@ UNMET, UNHARMED, LOGGED, AGREED, FINDING = ("not met", "unharmed", "lost and log
 REFERENCES = 2
 #: Seconds until what others announce, or announce no more, has come about.
 STEADY = 4.0
-#: So long is a call waited for that a thread makes once a second.
-_PERIOD = 1.5
 KILL = "signal=KILL"
-#: What is not as it was before when a daemon is started again while a stick is there, with or
-#: without a fault: the link that the first one has left is not the second one's to take away.
-AFTER_RESTART = frozenset(("afterwards links",))
 
 
 @dataclass(frozen=True)
@@ -70,7 +60,7 @@ class Seen:
 
     def view(self) -> dict[str, str]:
         """What the application takes for present."""
-        return _view(self.messages)
+        return view(self.messages)
 
 
 @dataclass(frozen=True)
@@ -87,62 +77,36 @@ class Result:
         return {**vars(self.fault), "kind": self.kind, "hit": self.hit, "words": self.words}
 
 
-class Bench(Lifespan):
-    """A unit, made anew when a trial has left something behind, and what stories come to on it."""
+class Trials(Lifespan):
+    """Plays stories with faults, one after the other. What it plays them on is made when it is
+    needed, and anew when a trial has left something behind."""
 
     def __init__(self, logs: Path, patience: float = 12.0, excuses: bool = True) -> None:
-        """`patience`: seconds after which a daemon that does nothing counts as hung. Without
+        """`patience`: seconds after which a program that does nothing counts as hung. Without
         `excuses` no loss counts as agreed."""
         self._logs = logs
         self._patience = patience
         self._excuses = excuses
-        self._unit: FaultUnit | None = None
-        self._rest: State = {}
+        #: By story, and whether the program is killed in it.
         self.references: dict[tuple[str, bool], list[Seen]] = {}
 
     def start(self) -> None:
-        """Units are made when they are needed."""
+        """Nothing runs before it is needed."""
 
     def close(self) -> None:
         """Leaves nothing but logs."""
-        if self._unit:
-            self._unit.close()
-            self._unit = None
+        raise NotImplementedError
 
-    def record(self, story: Story) -> list[Recorded]:
-        """The calls that the daemon makes in the story."""
-        unit, since = self._prepared(story)
-        assert unit.unit.daemon.process
-
-        def play() -> None:
-            story.play(unit)
-            self._follow(unit, story, since)
-        calls = record(unit.unit.daemon.process, unit.threads(), self._logs / "recorded", play)
-        self.close()
-        return calls
-
-    def reference(self, story: Story, kills: bool) -> list[Seen]:
-        """What the story comes to without a fault; always the same."""
-        key = (story.name, kills)
-        if key not in self.references:
-            seen = [self._observe(story, None, kills) for _ in range(REFERENCES)]
-            expected = AFTER_RESTART if kills or story.ends else frozenset[str]()
-            for one in seen:
-                assert one.deviations.keys() <= expected, \
-                    f"{story.name} without a fault: {one.deviations}"
-                assert (one.state, one.messages, one.listed) == (
-                    seen[0].state, seen[0].messages, seen[0].listed), \
-                    f"{story.name} is not steady: {differences_between(seen)}"
-            self.references[key] = seen
-        return self.references[key]
+    def calls(self, story: str) -> list[Recorded]:
+        """The calls that the program makes in the story."""
+        raise NotImplementedError
 
     def run(self, fault: Fault) -> Result:
         """Play the story with the fault."""
-        story, kills = STORIES[fault.story], fault.action == KILL
-        references = self.reference(story, kills)
+        references = self._reference(fault.story, fault.action == KILL)
         seen = Seen()
         try:
-            seen = self._observe(story, fault, kills)
+            seen = self._observe(fault.story, fault, fault.action == KILL)
         except (AssertionError, OSError, TimeoutError) as failure:
             seen.deviations["trial"] = str(failure) or type(failure).__name__
         if seen.deviations != references[0].deviations:
@@ -153,149 +117,31 @@ class Bench(Lifespan):
             self.close()
             return Result(fault, UNMET, seen.hit, ("another call has come at this number",))
         return judged(fault, seen, references[0],
-                       {line for one in references for line in one.lines}, self._excuses)
+                      {line for one in references for line in one.lines}, self._excuses)
 
-    # ---- Playing
+    def _reference(self, story: str, kills: bool) -> list[Seen]:
+        """What the story comes to without a fault; always the same."""
+        if (story, kills) not in self.references:
+            seen = [self._observe(story, None, kills) for _ in range(REFERENCES)]
+            expected = self._expected(story, kills)
+            for one in seen:
+                assert one.deviations.keys() <= expected, \
+                    f"{story} without a fault: {one.deviations}"
+                assert (one.state, one.messages, one.listed) == (
+                    seen[0].state, seen[0].messages, seen[0].listed), \
+                    f"{story} is not steady: {differences_between(seen)}"
+            self.references[story, kills] = seen
+        return self.references[story, kills]
 
-    def _prepared(self, story: Story) -> tuple[FaultUnit, Mark]:
-        unit = self._ready()
-        since = unit.unit.tape.mark()
-        story.prepare(unit)
-        if not unit.until(lambda: story.prepared(unit, since), self._patience):
-            raise AssertionError(f"{story.name} could not be prepared: {unit.state()}")
-        return unit, unit.unit.mark()
+    def _expected(self, story: str, kills: bool) -> frozenset[str]:
+        """What is not as it was before the story, with or without a fault."""
+        del story, kills
+        return frozenset()
 
-    def _ready(self) -> FaultUnit:
-        if self._unit and self._unit.unit.daemon.ended():
-            self.close()
-        if not self._unit:
-            self._unit = FaultUnit(self._logs)
-            self._unit.start()
-            self._unit.start_daemon()
-            self._rest = self._unit.state()
-        return self._unit
-
-    def _follow(self, unit: FaultUnit, story: Story, since: Mark) -> None:
-        """Give the story its time."""
-        longest = self._patience if story.ends else story.longest
-        unit.until(lambda: unit.unit.daemon.ended() or story.complete(unit, since), longest)
-
-    def _observe(self, story: Story, fault: Fault | None, kills: bool) -> Seen:
-        unit, since = self._prepared(story)
-        seen = Seen()
-        if fault:
-            self._play_with(fault, unit, story, since, seen)
-        else:
-            story.play(unit)
-            self._follow(unit, story, since)
-        self._see_end(unit, story, fault, kills, seen)
-        if kills and fault and not seen.hit:
-            return seen  # nothing has happened, and the daemon is not needed any more
-        if not seen.deviations:
-            self._see_rest(unit, story, since, kills, seen)
-        seen.lines = [line.text for line in unit.lines(since)]
-        return seen
-
-    def _play_with(self, fault: Fault, unit: FaultUnit, story: Story, since: Mark,
-                   seen: Seen) -> None:
-        assert unit.unit.daemon.process
-        output = self._logs / "trial.strace"
-        strace = Strace(unit.unit.daemon.process, output, *fault.options(),
-                        thread=unit.threads()[fault.thread])
-
-        def hit() -> str:
-            if fault.action.startswith("signal="):
-                return "a signal" if unit.unit.daemon.ended() else ""
-            return next((line.split(None, 1)[1]
-                         for line in output.read_text(errors="replace").splitlines()
-                         if "(INJECTED)" in line), "")
-        try:
-            with strace:
-                story.play(unit)
-                self._follow(unit, story, since)
-                unit.until(lambda: bool(hit()), _PERIOD)
-        except (AssertionError, OSError):
-            # The very first call may end the daemon, and strace with it.
-            if fault.action != KILL or not unit.until(unit.unit.daemon.ended, _PERIOD):
-                raise
-        seen.hit = hit()
-
-    def _see_end(self, unit: FaultUnit, story: Story, fault: Fault | None, kills: bool,
-                 seen: Seen) -> None:
-        """The daemon has ended, or not, as it had to; it runs afterwards."""
-        ended = unit.ended()
-        if kills:
-            if not ended:
-                unit.unit.daemon.kill()
-            if fault and not seen.hit:
-                return
-        elif story.ends and not ended:
-            seen.deviations["hang"] = f"it has not ended within {self._patience:g} s"
-            return
-        elif ended and (not story.ends or ended != "ended with status 0"):
-            seen.deviations["end"] = ended
-            return
-        if ended or kills:
-            unit.start_daemon()
-
-    def _see_rest(self, unit: FaultUnit, story: Story, since: Mark, kills: bool,
-                  seen: Seen) -> None:
-        if trouble := unit.settle(self._patience):
-            seen.deviations["bus" if "bus" in trouble else "hang"] = trouble
-            return
-        wanted = self.references.get((story.name, kills), [])
-        seen.state = self._steady(unit, wanted[0].state if wanted else None)
-        if wanted and (kills or story.ends):
-            # A share that was mounted before the end is the new daemon's when it is told again.
-            there = {path for path, what in wanted[0].view().items() if what == "there"}
-            unit.until(lambda: there <= _view(unit.messages(unit.unit.daemon.started)).keys(),
-                       STEADY)
-        self._see_probe(unit, since, seen)
-        undone = unit.unit.tape.mark()
-        story.undo(unit)
-        if trouble := unit.settle(self._patience):
-            seen.deviations["hang"] = f"afterwards: {trouble}"
-            return
-        unit.until(lambda: unit.delivered(undone), self._patience)
-        left = self._steady(unit, self._rest)
-        for what, text in differences(self._rest, left).items():
-            seen.deviations[f"afterwards {what}"] = text
-        unit.clear_links()
-        sizes = unit.sizes
-        if not unit.until(lambda: (len(unit.threads()), len(unit.descriptors())) == sizes, STEADY):
-            seen.deviations["size"] = (f"threads and descriptors were {sizes}, are"
-                                       f" {len(unit.threads())} and {unit.descriptors()}")
-
-    def _see_probe(self, unit: FaultUnit, since: Mark, seen: Seen) -> None:
-        """The next stick is served; what waits to be told is told before it."""
-        mark = unit.unit.tape.mark()
-        unit.plug_probe()
-        told = unit.until(lambda: unit.told("dataarrival", PROBE_PATH, mark), self._patience)
-        seen.messages = [text for text in unit.messages(since) if PROBE_PATH not in text]
-        if not told:
-            seen.deviations["next stick"] = "it is not reported"
-        elif not unit.until(unit.probe_is_linked, self._patience):
-            seen.deviations["next stick"] = "it is not linked"
-        seen.listed = unit.republish(self._patience)
-        if not any(PROBE_PATH in entry for entry in seen.listed):
-            seen.deviations["next stick"] = "it is not listed"
-        if stray := seen.listed - unit.mounted():
-            seen.deviations["list"] = f"listed and not mounted: {stray}"
-        unit.pull_probe()
-
-    @staticmethod
-    def _steady(unit: FaultUnit, wanted: State | None) -> State:
-        """What stands outside, as soon as it is as wanted or its time is over; the first time,
-        when it has stayed the same for long enough."""
-        if wanted is not None:
-            unit.until(lambda: unit.state() == wanted, STEADY)
-            return unit.state()
-        state, since = unit.state(), time.monotonic()
-        while time.monotonic() < since + STEADY:
-            time.sleep(timeouts.POLL)
-            if (now := unit.state()) != state:
-                state, since = now, time.monotonic()
-        return state
+    def _observe(self, story: str, fault: Fault | None, kills: bool) -> Seen:
+        """Play the story, with the fault if there is one. With `kills` the program is killed in it,
+        at its end if there is no fault."""
+        raise NotImplementedError
 
 
 def judged(fault: Fault, seen: Seen, wanted: Seen, known: set[str], excuses: bool) -> Result:
@@ -326,8 +172,8 @@ def judged(fault: Fault, seen: Seen, wanted: Seen, known: set[str], excuses: boo
     return Result(fault, FINDING, seen.hit, (*words, "and no line of the log says so"))
 
 
-def _view(messages: list[str]) -> dict[str, str]:
-    """Path -> the last kind of message."""
+def view(messages: list[str]) -> dict[str, str]:
+    """Path -> what its last message says."""
     return {text.partition('path="')[2].partition('"')[0]:
             "there" if "<dataarrival" in text else "gone" for text in messages}
 

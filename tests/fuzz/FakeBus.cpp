@@ -8,9 +8,6 @@ namespace {
 
 Source* gReplies = nullptr;
 
-/// Only its address counts.
-char gConnection;
-
 constexpr std::array kTexts{
     "usb",
     "mmc",
@@ -115,42 +112,9 @@ std::string BusText(Source& source) {
   return text;
 }
 
-// ---- In place of the bus library's connection
+// ---- In place of the bus library's call
 
 extern "C" {
-
-DBusConnection* dbus_bus_get(DBusBusType, DBusError*) {
-  return reinterpret_cast<DBusConnection*>(&gConnection);
-}
-
-void dbus_connection_set_exit_on_disconnect(DBusConnection*, dbus_bool_t) {}
-
-dbus_bool_t dbus_connection_set_watch_functions(DBusConnection*, DBusAddWatchFunction,
-                                                DBusRemoveWatchFunction, DBusWatchToggledFunction,
-                                                void*, DBusFreeFunction) {
-  return TRUE;
-}
-
-dbus_bool_t dbus_connection_set_timeout_functions(DBusConnection*, DBusAddTimeoutFunction,
-                                                  DBusRemoveTimeoutFunction,
-                                                  DBusTimeoutToggledFunction, void*,
-                                                  DBusFreeFunction) {
-  return TRUE;
-}
-
-void dbus_connection_set_wakeup_main_function(DBusConnection*, DBusWakeupMainFunction, void*,
-                                              DBusFreeFunction) {}
-
-dbus_bool_t dbus_bus_name_has_owner(DBusConnection*, const char*, DBusError*) {
-  return TRUE;
-}
-
-dbus_bool_t dbus_connection_add_filter(DBusConnection*, DBusHandleMessageFunction, void*,
-                                       DBusFreeFunction) {
-  return TRUE;
-}
-
-void dbus_bus_add_match(DBusConnection*, const char*, DBusError*) {}
 
 DBusMessage* dbus_connection_send_with_reply_and_block(DBusConnection*, DBusMessage* call, int,
                                                        DBusError* error) {

@@ -5,7 +5,7 @@
 #include "Source.h"
 
 // A bus that is made of bytes: it stands in for the bus library's connection in a program that
-// links FakeBus.cpp, while messages are the library's own.
+// links FakeBus.cpp and IdleConnection.cpp, while messages are the library's own.
 
 /// The bytes that replies are made of until the next call; null: no call is answered.
 void SetReplies(Source* source);

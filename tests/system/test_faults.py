@@ -7,20 +7,19 @@ from typing import Iterator
 import pytest
 
 from testbed.faults import errors
+from testbed.faults.daemontrials import DaemonTrials
 from testbed.faults.program import Figures, plan
 from testbed.faults.recording import Recorded
-from testbed.faults.stories import STORIES
-from testbed.faults.trial import (
-    AGREED, FINDING, KILL, LOGGED, UNHARMED, UNMET, Bench, Fault, Result)
+from testbed.faults.trial import AGREED, FINDING, KILL, LOGGED, UNHARMED, UNMET, Fault, Result
 
 pytestmark = [pytest.mark.undelayed("its calls are counted"),
               pytest.mark.native("other calls would be seen")]
 
 
-@pytest.fixture(name="bench")
-def fixture_bench(log_directory: Path) -> Iterator[Bench]:
+@pytest.fixture(name="trials")
+def fixture_trials(log_directory: Path) -> Iterator[DaemonTrials]:
     """What plays stories; a daemon that does nothing for five seconds counts as hung."""
-    with Bench(log_directory / "faults", patience=5.0) as made:
+    with DaemonTrials(log_directory / "faults", patience=5.0) as made:
         yield made
 
 
@@ -40,8 +39,8 @@ def said(result: Result) -> str:
     return f"{result.kind}: {' | '.join((result.hit, *result.words))}"
 
 
-def test_an_arrival_bears_faults_and_what_it_does_not_bear_is_found(bench: Bench) -> None:
-    calls = bench.record(STORIES["arrival"])
+def test_an_arrival_bears_faults_and_what_it_does_not_bear_is_found(trials: DaemonTrials) -> None:
+    calls = trials.calls("arrival")
     figures = Figures()
     assert len(plan("arrival", calls, False, figures)) > len(calls)
     assert figures.unknown == set()
@@ -57,32 +56,32 @@ def test_an_arrival_bears_faults_and_what_it_does_not_bear_is_found(bench: Bench
             (log, "signal=STOP", FINDING, "hang: it does not answer a change within"),
             (found(calls, "main", "close"), "error=EIO", FINDING, "size: threads and descriptors"),
             (link, "retval=0", FINDING, "and no line of the log says so")):
-        result = bench.run(fault("arrival", call, action))
+        result = trials.run(fault("arrival", call, action))
         assert result.kind == kind and words in said(result), said(result)
     # Something else was expected to come of it.
-    for wanted in bench.references["arrival", False]:
+    for wanted in trials.references["arrival", False]:
         wanted.state = {**wanted.state, "exports": ()}
-    result = bench.run(fault("arrival", connection, "error=ETIMEDOUT"))
+    result = trials.run(fault("arrival", connection, "error=ETIMEDOUT"))
     assert result.kind == FINDING and "exports: in addition" in said(result), said(result)
 
 
-def test_a_loss_is_agreed_or_found(bench: Bench) -> None:
-    link = found(bench.record(STORIES["removal"]), "main", "unlink")
-    result = bench.run(fault("removal", link, "error=EACCES"))
+def test_a_loss_is_agreed_or_found(trials: DaemonTrials) -> None:
+    link = found(trials.calls("removal"), "main", "unlink")
+    result = trials.run(fault("removal", link, "error=EACCES"))
     assert result.kind == AGREED, said(result)
-    bench._excuses = False
-    result = bench.run(fault("removal", link, "error=EACCES"))
+    trials._excuses = False
+    result = trials.run(fault("removal", link, "error=EACCES"))
     assert result.kind == FINDING, said(result)
     assert "links: in addition ['USB Memory Card A1 -> sda1']" in result.words
 
 
-def test_a_daemon_that_is_killed_goes_on_from_there(bench: Bench) -> None:
-    link = found(bench.record(STORIES["arrival"]), "main", "symlink")
-    result = bench.run(fault("arrival", link, KILL))
+def test_a_daemon_that_is_killed_goes_on_from_there(trials: DaemonTrials) -> None:
+    link = found(trials.calls("arrival"), "main", "symlink")
+    result = trials.run(fault("arrival", link, KILL))
     assert result.kind == UNHARMED, said(result)
-    for wanted in bench.references["arrival", True]:
+    for wanted in trials.references["arrival", True]:
         wanted.state = {**wanted.state, "links": ()}
-    result = bench.run(fault("arrival", link, KILL))
+    result = trials.run(fault("arrival", link, KILL))
     assert result.kind == FINDING and "links: in addition" in said(result), said(result)
 
 

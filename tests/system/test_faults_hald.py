@@ -5,21 +5,21 @@ from typing import Iterator
 
 import pytest
 
-from testbed.faults.haldunit import HaldBench
+from testbed.faults.haldtrials import HaldTrials
 from testbed.faults.trial import AGREED, FINDING, KILL, LOGGED, UNHARMED, Fault
 
 pytestmark = pytest.mark.undelayed("its calls are counted")
 
 
-@pytest.fixture(name="bench")
-def fixture_bench(log_directory: Path) -> Iterator[HaldBench]:
+@pytest.fixture(name="trials")
+def fixture_trials(log_directory: Path) -> Iterator[HaldTrials]:
     """What plays stories; a service that does nothing for five seconds counts as hung."""
-    with HaldBench(log_directory / "faults", patience=5.0) as made:
+    with HaldTrials(log_directory / "faults", patience=5.0) as made:
         yield made
 
 
-def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(bench: HaldBench) -> None:
-    calls = bench.calls("mount")
+def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTrials) -> None:
+    calls = trials.calls("mount")
     directory = next(one for one in calls if one.call == "mkdir" and "/media/sda1" in one.text)
     sent = [one for one in calls if (one.thread, one.call) == ("gdbus", "sendmsg")]
     for call, action, kind, words in (
@@ -28,6 +28,6 @@ def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(bench: HaldBenc
             (sent[0], "error=EINTR", UNHARMED, ""),
             (sent[0], "error=ENOBUFS", LOGGED, "the bus has closed the connection"),
             (directory, "signal=SEGV", FINDING, "end: ['ended with status -11']")):
-        result = bench.run(Fault("mount", call.thread, call.call, call.number, action, call.text))
+        result = trials.run(Fault("mount", call.thread, call.call, call.number, action, call.text))
         said = f"{result.kind}: {' | '.join(result.words)}"
         assert result.kind == kind and words in said, said

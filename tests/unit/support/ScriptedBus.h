@@ -10,8 +10,9 @@
 
 #include "storage/DBusHandles.h"
 
-// A hardware service that is made of tables. In a program that links ScriptedBus.cpp it stands in
-// for the bus library's connection, while messages are the library's own.
+// A hardware service that is made of tables. In a program that links ScriptedBus.cpp and
+// IdleConnection.cpp it stands in for the bus library's connection, while messages are the
+// library's own.
 
 /// What a reply carries: one value, or nothing.
 using tScriptedReply = std::variant<std::monostate, std::string, int32_t, bool,

@@ -5,7 +5,7 @@
 
 #include "hal/face/DeviceTree.h"
 
-/// Records what the observer of a tree is told: "+ NAME", "- NAME", "~ NAME KEY KEY".
+/// Records what reaches the observer of a tree: "+ NAME", "- NAME", "~ NAME KEY KEY".
 class TreeTape : public hal::IDeviceTreeObserver {
  public:
   explicit TreeTape(hal::DeviceTree& tree) { tree.SetObserver(this); }
