@@ -18,6 +18,10 @@ _ENDED = re.compile(r"<\.\.\. \w+ resumed>(.*)")
 _TIMED_OUT = re.compile(r"= -1 ETIMEDOUT |^poll\(.*, [1-9]\d*\) = 0 \(Timeout\)")
 
 
+#: Seconds in which strace detaches unless something keeps it.
+_DETACHING = 1.0
+
+
 @dataclass
 class Call:
     """One system call; the end of its text is missing while it has not ended."""
@@ -139,17 +143,35 @@ class Strace(Trace, Lifespan):
                    if self._thread in (None, int(task.name)))
 
     def close(self) -> None:
-        """The program runs on without it; `output` is complete. May be called again.
-
-        Requires: the program is not just starting another one."""
+        """The program runs on without it; `output` is complete. May be called again."""
         if self._strace:
-            self._strace.terminate()
+            strace, self._strace = self._strace, None
+            strace.terminate()
             try:
-                self._strace.communicate(timeout=timeouts.RUN)
+                strace.communicate(timeout=_DETACHING)
             except subprocess.TimeoutExpired:
-                self._strace.kill()
-                self._strace.communicate()
-                raise AssertionError("strace did not detach: is the program starting another"
-                                     " one?") from None
-            finally:
-                self._strace = None
+                wait_until(lambda: strace.poll() is not None or self._blocks(strace.pid),
+                           "strace detaches", timeouts.RUN)
+                strace.kill()
+                strace.communicate()
+
+    def _blocks(self, strace: int) -> bool:
+        """True when strace waits for a thread to stop that is starting a program, while that thread
+        waits for the program to run, and the program, which strace has stopped, for strace. The
+        kernel lets go of both when strace is killed."""
+        tasks = Path(f"/proc/{self._process.pid}/task")
+        threads = [int(task.name) for task in tasks.iterdir()]
+        children = [int(child) for thread in threads
+                    for child in (tasks / f"{thread}/children").read_text().split()]
+        held = {"State": "t (tracing stop)", "TracerPid": str(strace)}
+        return (any(_status(thread).get("State", "").startswith("D") for thread in threads)
+                and any(held.items() <= _status(child).items() for child in children))
+
+
+def _status(task: int) -> dict[str, str]:
+    """What /proc says of a process or thread; empty when it is gone."""
+    try:
+        lines = Path(f"/proc/{task}/status").read_text().splitlines()
+    except OSError:
+        return {}
+    return dict(line.split(":\t", 1) for line in lines if ":\t" in line)

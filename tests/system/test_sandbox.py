@@ -16,6 +16,7 @@ from testbed.daemon import INFO
 from testbed.frame import BadFrame, decode, encode
 from testbed.network import Network
 from testbed.sandbox import Sandbox
+from testbed.strace import Strace
 from testbed.tape import Tape
 from testbed.unit import Unit
 from testbed.waiting import wait_until
@@ -100,6 +101,20 @@ def test_pauses_and_resumes_a_program(sandbox: Sandbox) -> None:
     for action, states in ((process.pause, "T"), (process.resume, "SR")):
         action()
         wait_until(lambda: stat.read_text().split()[2] in states, f"it is {action.__name__}d")
+    assert process.terminate() == -15
+
+
+def test_a_program_that_starts_another_is_traced_no_longer_than_asked(
+        sandbox: Sandbox, log_directory: Path) -> None:
+    process = sandbox.spawn(["/usr/bin/python3", "-uc", "import os\nwhile True:\n"
+                             " os.posix_spawn('/bin/true', ['true'], {}); print(os.wait())"])
+    wait_until(lambda: process.out.read_text(), "it has begun")
+    with Strace(process, log_directory / "strace", "-e", "inject=execve:delay_enter=60000000"):
+        status = Path(f"/proc/{process.pid}/status")
+        wait_until(lambda: "State:\tD" in status.read_text(), "it waits for the one it starts")
+    seen = process.out.stat().st_size
+    wait_until(lambda: process.out.stat().st_size > seen, "it goes on")
+    assert "TracerPid:\t0\n" in status.read_text()
     assert process.terminate() == -15
 
 
