@@ -42,7 +42,7 @@ BusLink::~BusLink() {
 }
 
 std::optional<std::string> BusLink::Connect() {
-  // The bus may have gone without the main loop having been told yet.
+  // The bus may have gone before the main loop has heard of it.
   if (connection_ && g_dbus_connection_is_closed(connection_.get())) Lose();
   if (connection_) return std::nullopt;
   glib::ErrorHolder error;

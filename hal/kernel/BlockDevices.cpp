@@ -83,7 +83,7 @@ void BlockDevices::MountsChanged() {
   }
 }
 
-void BlockDevices::Told(const BlockFacts& facts) {
+void BlockDevices::BlockDeviceReported(const BlockFacts& facts) {
   RefreshMounts();
   Disk& disk = disks_[facts.diskPath];
   const DiskState before = disk.state;
@@ -110,7 +110,7 @@ void BlockDevices::ChangeMedium(const std::string& path, Disk& disk, const DiskS
   DetachAll(disk, before);
   Show(path, disk);
   if (hadVolumes && disk.state.disk) actions_.Reopen(disk.state.disk->facts.node);
-  TellMovedMounts();
+  ReportMovedMounts();
 }
 
 void BlockDevices::Gone(const std::string& sysfsPath, bool written) {
@@ -131,7 +131,7 @@ void BlockDevices::Gone(const std::string& sysfsPath, bool written) {
     disk->second.state.partitions.erase(partition);
   }
   Show(disk->first, disk->second);
-  TellMovedMounts();
+  ReportMovedMounts();
 }
 
 void BlockDevices::DiskGone(std::map<std::string, Disk>::iterator disk, bool written) {
@@ -144,7 +144,7 @@ void BlockDevices::DiskGone(std::map<std::string, Disk>::iterator disk, bool wri
   DetachAll(disk->second, state);
   reconciler_.Show(disk->first, {});
   disks_.erase(disk);
-  TellMovedMounts();
+  ReportMovedMounts();
 }
 
 void BlockDevices::StartOver() {
@@ -154,12 +154,12 @@ void BlockDevices::StartOver() {
   std::vector<std::string> gone;
   for (const auto& [path, disk] : disks_) {
     if (!paths.contains(path)) gone.push_back(path);
-    for (const auto& [partition, told] : disk.state.partitions) {
+    for (const auto& [partition, reported] : disk.state.partitions) {
       if (!paths.contains(partition)) gone.push_back(partition);
     }
   }
   for (const std::string& path : gone) Gone(path, false);
-  for (const BlockFacts& facts : present) Told(facts);
+  for (const BlockFacts& facts : present) BlockDeviceReported(facts);
 }
 
 void BlockDevices::TakeInAll() {
@@ -183,11 +183,11 @@ void BlockDevices::Show(const std::string& path, Disk& disk) {
 
 void BlockDevices::DetachAll(const Disk& disk, const DiskState& state) {
   if (!disk.served) return;
-  for (const auto& [path, told] : state.partitions) Detach(disk, told.facts);
+  for (const auto& [path, reported] : state.partitions) Detach(disk, reported.facts);
   if (state.disk) Detach(disk, state.disk->facts);
 }
 
-/// Clients are told that its volume is unmounted before the volume goes.
+/// Clients hear that its volume is unmounted before the volume goes.
 void BlockDevices::Detach(const Disk& disk, const BlockFacts& facts) {
   const std::vector<MountEntry> places = index_.All(facts.number, facts.node);
   if (places.empty()) return;
@@ -204,8 +204,8 @@ void BlockDevices::Detach(const Disk& disk, const BlockFacts& facts) {
   index_ = MountIndex(mounts_.Current());
 }
 
-/// What else the table told when it was read in between.
-void BlockDevices::TellMovedMounts() {
+/// What else the table showed when it was read in between.
+void BlockDevices::ReportMovedMounts() {
   if (std::exchange(mountsMoved_, false)) MountsChanged();
 }
 
@@ -228,8 +228,9 @@ void BlockDevices::DetachLeftovers() {
 
 void BlockDevices::ReopenDiskOf(const std::string& node) {
   for (const auto& [path, disk] : disks_) {
-    for (const auto& [partition, told] : disk.state.partitions) {
-      if (told.facts.node == node && disk.state.disk) actions_.Reopen(disk.state.disk->facts.node);
+    for (const auto& [partition, reported] : disk.state.partitions) {
+      if (reported.facts.node == node && disk.state.disk)
+        actions_.Reopen(disk.state.disk->facts.node);
     }
   }
 }

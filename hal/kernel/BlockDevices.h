@@ -52,7 +52,7 @@ class BlockDevices : public IUdevListener {
   void MountsChanged();
 
   // IUdevListener
-  void Told(const BlockFacts& facts) override;
+  void BlockDeviceReported(const BlockFacts& facts) override;
   void Gone(const std::string& sysfsPath, bool written) override;
   void StartOver() override;
 
@@ -70,7 +70,7 @@ class BlockDevices : public IUdevListener {
   void DiskGone(std::map<std::string, Disk>::iterator disk, bool written);
   void DetachAll(const Disk& disk, const DiskState& state);
   void Detach(const Disk& disk, const BlockFacts& facts);
-  void TellMovedMounts();
+  void ReportMovedMounts();
   void DetachLeftovers();
   void ReopenDiskOf(const std::string& node);
 

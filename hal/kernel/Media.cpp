@@ -31,7 +31,7 @@ std::string Key(std::string_view kind, const std::string& sysfsPath,
   return key;
 }
 
-/// The objects above a disk, and what they tell of it.
+/// The objects above a disk, and what they say about it.
 struct Above {
   std::vector<WantedObject> objects;
   hal::DiskFacts disk;
@@ -84,9 +84,9 @@ hal::BlockNode NodeOf(const BlockFacts& facts) {
           static_cast<int>(facts.number.minor)};
 }
 
-bool HoldsVolume(const Told& told, std::uint64_t medium) {
-  return told.medium == medium && !told.withdrawn && !told.facts.leftToOthers &&
-         told.facts.filesystem.usage == kFilesystem;
+bool HoldsVolume(const Reported& reported, std::uint64_t medium) {
+  return reported.medium == medium && !reported.withdrawn && !reported.facts.leftToOthers &&
+         reported.facts.filesystem.usage == kFilesystem;
 }
 
 VolumeMount MountOf(const BlockFacts& facts, const MountIndex& mounts) {
@@ -95,8 +95,9 @@ VolumeMount MountOf(const BlockFacts& facts, const MountIndex& mounts) {
   return {CleanText(entry->target), true, entry->readOnly};
 }
 
-WantedObject VolumeOf(const Told& told, const std::string& diskKey, const MountIndex& mounts) {
-  const BlockFacts& facts = told.facts;
+WantedObject VolumeOf(const Reported& reported, const std::string& diskKey,
+                      const MountIndex& mounts) {
+  const BlockFacts& facts = reported.facts;
   const FilesystemFacts& found = facts.filesystem;
   WantedVolume wanted;
   wanted.volume.sysfsPath = facts.sysfsPath;
@@ -107,8 +108,9 @@ WantedObject VolumeOf(const Told& told, const std::string& diskKey, const MountI
   wanted.volume.uuid = CleanText(found.uuid);
   wanted.volume.sizeBytes = facts.sizeBytes;
   wanted.mount = MountOf(facts, mounts);
-  // Without a number of the kernel's, media are told apart by removal at the moment of the change.
-  const std::string medium = facts.diskSequence ? std::to_string(told.medium) : "-";
+  // Without a number of the kernel's, media are distinguished by removal at the moment of the
+  // change.
+  const std::string medium = facts.diskSequence ? std::to_string(reported.medium) : "-";
   return {Key("volume", facts.sysfsPath, {medium, found.type, found.uuid}), diskKey,
           std::move(wanted)};
 }
@@ -116,11 +118,11 @@ WantedObject VolumeOf(const Told& told, const std::string& diskKey, const MountI
 void AppendVolumes(const DiskState& state, const std::string& diskKey, const MountIndex& mounts,
                    std::vector<WantedObject>& objects) {
   bool partitioned = state.disk->facts.hasPartitions;
-  for (const auto& [path, told] : state.partitions) {
-    partitioned = partitioned || (told.medium == state.medium && !told.withdrawn);
-    if (HoldsVolume(told, state.medium)) objects.push_back(VolumeOf(told, diskKey, mounts));
+  for (const auto& [path, reported] : state.partitions) {
+    partitioned = partitioned || (reported.medium == state.medium && !reported.withdrawn);
+    if (HoldsVolume(reported, state.medium)) objects.push_back(VolumeOf(reported, diskKey, mounts));
   }
-  // A table of partitions tells nothing: file systems on a whole disk may look as if they had one.
+  // A partition table proves nothing: file systems on a whole disk may look as if they had one.
   if (!partitioned && HoldsVolume(*state.disk, state.medium)) {
     objects.push_back(VolumeOf(*state.disk, diskKey, mounts));
   }
@@ -143,9 +145,9 @@ Intake TakeIn(DiskState& state, const BlockFacts& facts) {
   if (newMedium) state.partitions.clear();
   if (first || newMedium) state.medium = medium;
   if (facts.IsDisk()) {
-    state.disk = Told{facts, medium, false};
+    state.disk = Reported{facts, medium, false};
   } else {
-    state.partitions.insert_or_assign(facts.sysfsPath, Told{facts, medium, false});
+    state.partitions.insert_or_assign(facts.sysfsPath, Reported{facts, medium, false});
   }
   return newMedium ? Intake::NewMedium : Intake::Taken;
 }
@@ -159,8 +161,8 @@ const char* LeftOut(const DiskState& state, const MountIndex& mounts) {
   const auto* card = std::get_if<SdChain>(&disk.chain);
   if (card != nullptr && card->cardType == kEmmc) return "it is an eMMC";
   bool system = RunsTheSystem(disk, mounts);
-  for (const auto& [path, told] : state.partitions) {
-    system = system || RunsTheSystem(told.facts, mounts);
+  for (const auto& [path, reported] : state.partitions) {
+    system = system || RunsTheSystem(reported.facts, mounts);
   }
   return system ? "the system runs from it" : nullptr;
 }

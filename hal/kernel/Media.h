@@ -23,16 +23,16 @@
 namespace halkernel {
 
 /// The report about one disk or partition, and its medium.
-struct Told {
+struct Reported {
   BlockFacts facts;
   std::uint64_t medium = 0;
   bool withdrawn = false;  // removed by an event written by hand; the device still exists
 };
 
 struct DiskState {
-  std::optional<Told> disk;                // nullopt: not reported yet
-  std::map<std::string, Told> partitions;  // by sysfs path
-  std::uint64_t medium = 0;                // the newest reported
+  std::optional<Reported> disk;                // nullopt: not reported yet
+  std::map<std::string, Reported> partitions;  // by sysfs path
+  std::uint64_t medium = 0;                    // the newest reported
 };
 
 enum class Intake {

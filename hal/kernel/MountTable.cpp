@@ -39,7 +39,7 @@ bool HasOption(const char* options, const char* name) {
   return options != nullptr && mnt_optstr_get_option(options, name, nullptr, nullptr) == 0;
 }
 
-/// Anybody may mount with FUSE and choose the source; where a device is behind it, the kernel tells
+/// Anybody may mount with FUSE and choose the source; where a device is behind it, the kernel says
 /// the device's number.
 bool SourceCanBeTrusted(std::string_view type) {
   return type != "fuse" && !type.starts_with("fuse.");

@@ -122,7 +122,7 @@ void UdevWatch::ReadEvents() {
 }
 
 /// Requires: no event is waiting. Those that were kept are older than what is there now, so they
-/// have to be told before.
+/// have to be reported before.
 void UdevWatch::StartOverIfDue() {
   if (!eventsLost_) return;
   eventsLost_ = false;
@@ -139,7 +139,7 @@ void UdevWatch::Tell(udev_device* device) {
   if (text == "remove") {
     listener_.Gone(path, udev_device_get_property_value(device, "SYNTH_UUID") != nullptr);
   } else if (std::optional<BlockFacts> facts = FactsOf(device)) {
-    listener_.Told(*facts);
+    listener_.BlockDeviceReported(*facts);
   } else {
     LogUnread(path);
   }

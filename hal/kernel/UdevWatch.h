@@ -21,7 +21,7 @@ class IUdevListener {
  public:
   virtual ~IUdevListener() = default;
   /// A disk or partition has appeared or changed.
-  virtual void Told(const BlockFacts& facts) = 0;
+  virtual void BlockDeviceReported(const BlockFacts& facts) = 0;
   /// It is gone. `written`: the event was written by hand; device and mounts still exist.
   virtual void Gone(const std::string& sysfsPath, bool written) = 0;
   /// Events were lost: everything has to be examined again.

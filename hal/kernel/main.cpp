@@ -103,7 +103,7 @@ class Machine {
     return std::nullopt;
   }
 
-  /// Once clients can be told: what has changed since the service ran last.
+  /// Once clients can hear it: what has changed since the service ran last.
   void Announce() { devices_.Announce(); }
 
   [[nodiscard]] State ToKeep() const { return {reconciler_.Kept(), mounter_.Directories()}; }
@@ -144,7 +144,7 @@ int Serve(const Options& options) {
     if (service == nullptr || !service->OwnsName()) return;
     machine->Mounter().RemoveUnused();
     // A removal that only waits to be sent must not be forgotten, nor one that cannot be sent any
-    // more: the next start tells of it.
+    // more: the next start reports it.
     if (service->Flush()) file.Write(machine->ToKeep());
   };
   machine = std::make_unique<Machine>(keep);

@@ -46,7 +46,7 @@ std::string DiskNode(int index) {
   return "/dev/sd" + letters;
 }
 
-/// A disk's node with its numbers, as far as its name tells them.
+/// A disk's node with its numbers, as far as its name gives them.
 hal::BlockNode NodeAt(const std::string& path) {
   constexpr std::string_view kSd = "/dev/sd";
   constexpr std::string_view kMmc = "/dev/mmcblk";
@@ -60,7 +60,7 @@ hal::BlockNode NodeAt(const std::string& path) {
   return {path, 0, 0};
 }
 
-/// What a SCSI disk is identified by, from the texts that it tells.
+/// What a SCSI disk is identified by, from the texts that it gives.
 std::string DiskSerial(const std::string& vendor, const std::string& model,
                        const std::string& serial, int lun) {
   return vendor + "_" + model + "_" + serial + "_0_" + std::to_string(lun);

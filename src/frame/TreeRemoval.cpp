@@ -39,7 +39,7 @@ struct tIdentity {
   ino_t inode = 0;
 };
 
-/// The number of the mount that an open file lies on; -1 when the kernel does not tell.
+/// The number of the mount that an open file lies on; -1 if the kernel does not say.
 int MountId(const tFileDescriptor& file) {
   const std::string text =
       ReadFile("/proc/self/fdinfo/" + std::to_string(file.Get()), kDescriptorTextBytes)

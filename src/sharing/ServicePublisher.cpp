@@ -231,7 +231,7 @@ void CServicePublisher::_Export(const std::string& options, const std::string& c
 
 void CServicePublisher::_Unexport(const std::string& client, const std::string& path) {
   const int status = m_Run("exportfs -u " + ShellExportTarget(client, path));
-  // A status of the command's own tells nothing: what was added without a network is not exported.
+  // The command's own exit status proves nothing: what was added without a network is not exported.
   if (m_NetworkReady && WasNotRun(status)) {
     Log("_Unexport: exportfs cannot be run, still exported: " + Printable(client + ":" + path),
         kLogError);

@@ -19,7 +19,7 @@ enum class tReadResult {
   kFailed,      ///< the socket failed or was shut down
 };
 
-/// Receives datagrams on a port, also those of multicast groups, and tells who sent them: the
+/// Receives datagrams on a port, also those of multicast groups, and reports who sent them: the
 /// unit's own are dropped, and the sender's hardware address is compared with the peer's.
 ///
 /// Threads: used by one thread; only `Shutdown` may be called by another. All received bytes are

@@ -15,7 +15,7 @@
 /// calls may be made, and handlers run, on that thread alone. Another thread that changes what the
 /// connection waits for aborts the process. So nothing ever has to wake the context.
 ///
-/// Failures: none, except that the bus library is told that memory is short when the connection
+/// Failures: none, except that the bus library learns that memory is short when the connection
 /// waits for more than eight descriptors or for the answers of more than eight calls at a time. The
 /// daemon's has one descriptor, and since each call blocks until it is answered, one deadline.
 ///

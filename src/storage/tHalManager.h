@@ -35,7 +35,7 @@ class tHalManager {
   /// Sets the receiver of events, in place of any before it. Not owned. Requires: not null.
   void InstallCallback(IHalManagerCallback* pCallback);
 
-  // Property queries. `ok` tells whether a reply of the right type came; without one the value is
+  // Property queries. `ok` says whether a reply of the right type came; without one the value is
   // 0, false or empty.
   int32_t propertyInt(const char* udi, const char* key, bool& ok);
   bool propertyBool(const char* udi, const char* key, bool& ok);

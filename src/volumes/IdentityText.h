@@ -11,7 +11,7 @@ class tIdentityText {
   explicit tIdentityText(std::string file) : m_File(std::move(file)) {}
 
   /// Brings the text up to date with the file's first line; empty while there is none. A file that
-  /// cannot be read is told by a log line, once for each change of its time.
+  /// cannot be read is reported in the log, once for each change of its time.
   void Refresh();
 
   [[nodiscard]] const std::string& Text() const { return m_Text; }

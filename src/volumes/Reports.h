@@ -4,7 +4,7 @@
 
 #include "messaging/DataSourceInfo.h"
 
-// What the display application is told of a volume. No side effects.
+// What is reported to the display application about a volume. No side effects.
 
 struct HalVolumeInfo;
 struct NFS_DATA_T;

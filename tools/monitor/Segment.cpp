@@ -33,7 +33,7 @@ std::size_t HeaderBytes(unsigned words) {
   return std::size_t{4} * (words & 0x0F);
 }
 
-/// What an IPv4 packet carries, cut to the length that it tells; nothing unless it is a whole TCP
+/// What an IPv4 packet carries, cut to the length that it gives; nothing unless it is a whole TCP
 /// segment.
 std::optional<std::string_view> TcpPart(std::string_view ip) {
   if (ip.size() < kMinIpBytes || Byte(ip, 0) >> 4 != 4) return std::nullopt;

@@ -219,14 +219,14 @@ TEST_F(ServicePublisher, TellsWhatStaysExportedForWantOfAProcess) {
   const std::string line = "_Unexport: exportfs cannot be run, still exported: *:/media/sda1";
   const struct {
     int status;
-    bool told;
+    bool reported;
   } cases[] = {{0, false}, {256, false}, {9, false}, {127 * 256, true}, {-1, true}};
-  for (const auto& [status, told] : cases) {
+  for (const auto& [status, reported] : cases) {
     m_Publisher.Add("/media/sda1");
     m_Record.End("exportfs -u", status);
     const tCapturedLog log;
     m_Publisher.RemoveServiceNFS("/media/sda1");
-    EXPECT_EQ(log.Holds(kLogError, line), told) << status;
+    EXPECT_EQ(log.Holds(kLogError, line), reported) << status;
   }
   tExportTable exports;
   tPublisher offline(exports, m_Record, kNone);

@@ -25,16 +25,16 @@ using tTexts = std::vector<std::string>;
 class tReceiver : public IHalManagerCallback {
  public:
   void HalManagerDeviceAddedCb(const char* udi) override {
-    told.push_back(std::string("added ") + udi);
+    reported.push_back(std::string("added ") + udi);
   }
   void HalManagerDeviceRemovedCb(const char* udi) override {
-    told.push_back(std::string("removed ") + udi);
+    reported.push_back(std::string("removed ") + udi);
   }
   void HalManagerPropertyChangedCb(const char* udi, const char* key) override {
-    told.push_back(std::string("changed ") + udi + " " + key);
+    reported.push_back(std::string("changed ") + udi + " " + key);
   }
 
-  tTexts told;
+  tTexts reported;
 };
 
 class HalSignals : public testing::Test {
@@ -45,16 +45,16 @@ class HalSignals : public testing::Test {
     // Lives as long as the program, as the daemon's receiver does.
     static tReceiver receiver;
     m_pReceiver = &receiver;
-    m_pReceiver->told.clear();
+    m_pReceiver->reported.clear();
     tHalManager::getInstance()->InstallCallback(m_pReceiver);
   }
 
-  /// What the receiver is told of the signal.
-  tTexts Told(const tDBusMessage& signal) {
-    m_pReceiver->told.clear();
+  /// What reaches the receiver from the signal.
+  tTexts Reported(const tDBusMessage& signal) {
+    m_pReceiver->reported.clear();
     EXPECT_EQ(tHalManager::dBusHandler(nullptr, signal.get(), nullptr),
               DBUS_HANDLER_RESULT_NOT_YET_HANDLED);
-    return m_pReceiver->told;
+    return m_pReceiver->reported;
   }
 
   tReceiver* m_pReceiver = nullptr;
@@ -93,7 +93,7 @@ TEST_F(HalSignals, EachChangeIsHandedOnUpToTheCountAndTheEnd) {
   const struct {
     int32_t count;
     tTexts names;
-    tTexts told;
+    tTexts reported;
   } cases[] = {
       {2, {"a", "b"}, {"changed /volume a", "changed /volume b"}},
       {3, {"a", "a", "a"}, {"changed /volume a", "changed /volume a", "changed /volume a"}},
@@ -105,9 +105,9 @@ TEST_F(HalSignals, EachChangeIsHandedOnUpToTheCountAndTheEnd) {
       {2, {"", "volume.is_mounted "}, {"changed /volume ", "changed /volume volume.is_mounted "}},
       {1, {}, {}},
   };
-  for (const auto& [count, names, told] : cases) {
+  for (const auto& [count, names, reported] : cases) {
     const tCapturedLog log(kLogError);
-    EXPECT_THAT(Told(Changes(count, names)), ElementsAreArray(told)) << count;
+    EXPECT_THAT(Reported(Changes(count, names)), ElementsAreArray(reported)) << count;
     EXPECT_THAT(log.Lines(), IsEmpty());
   }
 }
@@ -139,7 +139,7 @@ TEST_F(HalSignals, ChangesOfAnotherFormAreAnErrorLine) {
   };
   for (const auto& [what, signal] : cases) {
     const tCapturedLog log(kLogError);
-    EXPECT_THAT(Told(signal), IsEmpty()) << what;
+    EXPECT_THAT(Reported(signal), IsEmpty()) << what;
     EXPECT_THAT(log.Lines(), ElementsAre(tLogLine{kLogError, kChangeError})) << what;
   }
 }
@@ -149,7 +149,7 @@ TEST_F(HalSignals, OnlyTheServicesThreeSignalsAreHandedOn) {
     const char* path;
     const char* interface;
     const char* member;
-    tTexts told;
+    tTexts reported;
   } cases[] = {
       {kManager, kManagerInterface, "DeviceAdded", {"added /volume_x"}},
       {kManager, kManagerInterface, "DeviceRemoved", {"removed /volume_x"}},
@@ -159,11 +159,11 @@ TEST_F(HalSignals, OnlyTheServicesThreeSignalsAreHandedOn) {
       {kManager, kDeviceInterface, "DeviceRemoved", {}},
       {kDevice, kDeviceInterface, "Condition", {}},
   };
-  for (const auto& [path, interface, member, told] : cases) {
+  for (const auto& [path, interface, member, reported] : cases) {
     const tDBusMessage signal = Signal(path, interface, member);
     AppendText(signal, "/volume_x");
     const tCapturedLog log(kLogError);
-    EXPECT_THAT(Told(signal), ElementsAreArray(told)) << interface << "." << member;
+    EXPECT_THAT(Reported(signal), ElementsAreArray(reported)) << interface << "." << member;
     EXPECT_THAT(log.Lines(), IsEmpty());
   }
 }
@@ -171,7 +171,7 @@ TEST_F(HalSignals, OnlyTheServicesThreeSignalsAreHandedOn) {
 TEST_F(HalSignals, ADeviceSignalWithoutAPathIsLogged) {
   for (const char* member : {"DeviceAdded", "DeviceRemoved"}) {
     const tCapturedLog log(kLogError);
-    EXPECT_THAT(Told(Signal(kManager, kManagerInterface, member)), IsEmpty()) << member;
+    EXPECT_THAT(Reported(Signal(kManager, kManagerInterface, member)), IsEmpty()) << member;
     std::vector<tLogLine> lines = log.Lines();
     if (std::string(member) == "DeviceRemoved") {
       ASSERT_FALSE(lines.empty());
@@ -203,7 +203,7 @@ TEST_F(HalSignals, AreLoggedAsTheyCome) {
     const tCapturedLog log;
     const tDBusMessage signal = Signal(kManager, kManagerInterface, member);
     AppendText(signal, "/volume_x");
-    static_cast<void>(Told(signal));
+    static_cast<void>(Reported(signal));
     std::vector<tLogLine> expected;
     for (const std::string& line : lines) expected.push_back({kLogDebug, line});
     EXPECT_EQ(log.Lines(), expected);
@@ -229,7 +229,7 @@ TEST_F(HalSignals, OfSomebodyElseAreDropped) {
     dbus_message_set_sender(signal.get(), sender);
     if (straight) dbus_message_set_destination(signal.get(), ":1.9");
     const tCapturedLog log(kLogWarning);
-    EXPECT_EQ(Told(signal).size(), taken ? 1U : 0U);
+    EXPECT_EQ(Reported(signal).size(), taken ? 1U : 0U);
     std::vector<tLogLine> lines;
     if (!taken) {
       lines.push_back({kLogWarning, std::string("dBusHandler: DeviceAdded from ") +
@@ -244,7 +244,7 @@ TEST_F(HalSignals, OfSomebodyElseAreDropped) {
 
 TEST_F(HalSignals, TheEndOfTheConnectionIsLogged) {
   const tCapturedLog log;
-  EXPECT_THAT(Told(Signal("/org/freedesktop/DBus/Local", DBUS_INTERFACE_LOCAL, "Disconnected")),
+  EXPECT_THAT(Reported(Signal("/org/freedesktop/DBus/Local", DBUS_INTERFACE_LOCAL, "Disconnected")),
               IsEmpty());
   EXPECT_THAT(log.Lines(), ElementsAre(tLogLine{kLogDebug, "dBusHandler()"},
                                        tLogLine{kLogError, "HAL: Connection - lost"}));

@@ -319,11 +319,11 @@ TEST_F(HalVolumeQuery, ACardsHostIsSearchedBesideItsControllerAndTheFirstOneCoun
     for (const std::string& udi : found) expected.push_back({kLogDebug, udi});
     expected.push_back({kLogDebug, "mmc_host detection"});
     for (const std::string& line : lines) expected.push_back({kLogDebug, line});
-    std::vector<tLogLine> told;
+    std::vector<tLogLine> reported;
     for (const tLogLine& line : log.Lines()) {
-      if (line.level != kLogError) told.push_back(line);
+      if (line.level != kLogError) reported.push_back(line);
     }
-    EXPECT_EQ(told, expected) << testing::PrintToString(found);
+    EXPECT_EQ(reported, expected) << testing::PrintToString(found);
   }
 }
 

@@ -136,7 +136,7 @@ class Voldrake : public testing::Test {
     }
   }
 
-  /// The mount points that are told again on SIGUSR1: the list, in its order.
+  /// The mount points that are reported again on SIGUSR1: the list, in its order.
   std::string List() {
     std::string letters;
     for (const std::string& line : Signalled(SIGUSR1)) {

@@ -57,7 +57,7 @@ class BlockDevicesTest : public testing::Test {
     devices_.Announce();
   }
   void Tell(const std::vector<BlockFacts>& all) {
-    for (const BlockFacts& facts : all) devices_.Told(facts);
+    for (const BlockFacts& facts : all) devices_.BlockDeviceReported(facts);
   }
   /// The lines about volumes, and what was done to media.
   Texts TakeVolumes() {
@@ -97,7 +97,8 @@ TEST_F(BlockDevicesTest, PartitionsComeInAnyOrderAlsoBeforeTheirDisk) {
   std::vector<BlockFacts> facts = {stick_, first_, second_};
   std::vector<int> order = {0, 1, 2};
   do {
-    for (const int place : order) devices_.Told(facts[static_cast<std::size_t>(place)]);
+    for (const int place : order)
+      devices_.BlockDeviceReported(facts[static_cast<std::size_t>(place)]);
     EXPECT_EQ(tree_.FindByCapability("volume").size(), 2u);
     devices_.Gone(first_.sysfsPath, false);
     devices_.Gone(second_.sysfsPath, false);
@@ -160,8 +161,8 @@ TEST_F(BlockDevicesTest, EventsWrittenByHandUnmountNothing) {
   devices_.Gone(stick_.sysfsPath, true);
   EXPECT_EQ(tree_.Devices().size(), 1u);
   tape_.Take();
-  devices_.Told(stick_);
-  devices_.Told(first_);
+  devices_.BlockDeviceReported(stick_);
+  devices_.BlockDeviceReported(first_);
   EXPECT_EQ(TakeVolumes(), Texts{"+ volume_uuid_A"});
   EXPECT_EQ(tree_.Find("/org/freedesktop/Hal/devices/volume_uuid_A")->Text("volume.mount_point"),
             "/media/a");
@@ -205,7 +206,7 @@ TEST_F(BlockDevicesTest, MountsByOthersAreTold) {
   EXPECT_EQ(tape_.Take(), Texts{"~ volume_uuid_B volume.is_mounted_read_only"});
   // Some changes wake nobody: they are found at the next event.
   machine_.table.entries = {MountOf(second_, "/mnt/b", false)};
-  devices_.Told(first_);
+  devices_.BlockDeviceReported(first_);
   EXPECT_EQ(tape_.Take(), Texts{"~ volume_uuid_B volume.is_mounted_read_only"});
   machine_.table.entries.clear();
   devices_.RefreshMounts();
@@ -272,12 +273,12 @@ TEST_F(BlockDevicesTest, GoneOfWhatIsNotKnownIsNothing) {
 class BlockDevicesRestartTest : public BlockDevicesTest {
  protected:
   /// What a service kept that served this.
-  static State StateAfter(const std::vector<BlockFacts>& told, const Mounts& mounts = {}) {
+  static State StateAfter(const std::vector<BlockFacts>& reported, const Mounts& mounts = {}) {
     hal::DeviceTree tree;
     TreeTape tape(tree);
     Machine machine;
     machine.tape = &tape;
-    machine.present = told;
+    machine.present = reported;
     machine.table = mounts;
     Reconciler reconciler(tree, [] {});
     BlockDevices devices(tree, reconciler, machine, machine, [&] { return machine.present; });

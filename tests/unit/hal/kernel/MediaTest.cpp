@@ -13,9 +13,9 @@ using hardware::OfMedium;
 using hardware::Partition;
 using hardware::Stick;
 
-DiskState StateOf(const std::vector<BlockFacts>& told) {
+DiskState StateOf(const std::vector<BlockFacts>& reported) {
   DiskState state;
-  for (const BlockFacts& facts : told) TakeIn(state, facts);
+  for (const BlockFacts& facts : reported) TakeIn(state, facts);
   return state;
 }
 
@@ -102,7 +102,7 @@ TEST(Describe, FileSystemOnTheWholeDiskIsAVolumeUnlessThereArePartitions) {
   partitioned.hasPartitions = true;
   EXPECT_TRUE(Volumes(Describe(StateOf({partitioned}), MountIndex())).empty());
 
-  // Told before sysfs showed it.
+  // Reported before sysfs showed it.
   BlockFacts swap = Partition(disk, 1);
   swap.filesystem.usage = "other";
   EXPECT_TRUE(Volumes(Describe(StateOf({disk, swap}), MountIndex())).empty());

@@ -18,9 +18,10 @@ using hardware::Partition;
 using hardware::Stick;
 using Texts = std::vector<std::string>;
 
-std::vector<WantedObject> Describe(const std::vector<BlockFacts>& told, const Mounts& mounts = {}) {
+std::vector<WantedObject> Describe(const std::vector<BlockFacts>& reported,
+                                   const Mounts& mounts = {}) {
   DiskState state;
-  for (const BlockFacts& facts : told) TakeIn(state, facts);
+  for (const BlockFacts& facts : reported) TakeIn(state, facts);
   return halkernel::Describe(state, MountIndex(mounts));
 }
 

@@ -54,14 +54,14 @@ TEST(MessageBody, WhatTheBusWouldNotCarryIsRefused) {
       {Nested(33), "the value is nested too deeply"},
   };
   for (const auto& [text, error] : kTable) {
-    std::string told = "nothing";
+    std::string reported = "nothing";
     try {
       ParseMessageBody(text);
     } catch (const halsim::CommandError& refused) {
-      told = refused.what();
+      reported = refused.what();
     }
-    EXPECT_NE(told, "nothing") << text;
-    EXPECT_NE(told.find(error), std::string::npos) << text << ": " << told;
+    EXPECT_NE(reported, "nothing") << text;
+    EXPECT_NE(reported.find(error), std::string::npos) << text << ": " << reported;
   }
   EXPECT_NO_THROW(ParseMessageBody(Nested(32)));
 }
