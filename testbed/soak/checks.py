@@ -34,6 +34,7 @@ class Checks:
         self._patience = patience
         self.done = 0
         self.at_rest: tuple[int, int] | None = None  # threads and descriptors, when first at rest
+        self.resting: dict[str, int] = {}  # sizes when last at rest
         self.first_heaps: list[int] = []  # bytes, whenever at rest
         self.verbs: dict[str, Callable[[], None]] = {
             "quiet": self.quiet, "heal": self.heal, "compare": self.compare, "rest": self.rest}
@@ -205,7 +206,7 @@ class Checks:
 
     def _announcements_differ(self) -> str:
         assert self.unit.ear
-        announced = self.unit.ear.announced(_ANNOUNCED_WITHIN)
+        announced = self.unit.ear.announced(_ANNOUNCED_WITHIN / self.unit.speed)
         wanted = self._shared_paths()
         return f"announced {announced}, wanted {wanted}" if announced != wanted else ""
 
@@ -236,10 +237,11 @@ class Checks:
 
     def _check_size(self) -> None:
         present = (self.unit.status("Threads"), self.unit.descriptors())
+        heap = self.unit.heap()
+        self.resting = {"threads": present[0], "fds": present[1], "heap B": heap or 0}
         self.at_rest = self.at_rest or present
         if present != self.at_rest:
             raise Violation(f"threads and descriptors: {present}, at first {self.at_rest}")
-        heap = self.unit.heap()
         if heap is None:
             return
         if len(self.first_heaps) < _WARMING:

@@ -17,9 +17,12 @@ _PERIOD = 0.7  # seconds; a share is forgotten after three
 class Neighbour(Lifespan):
     """One other unit. What it shares is announced again and again on a thread of its own."""
 
-    def __init__(self, network: Network, log_directory: Path, address: str) -> None:
+    def __init__(self, network: Network, log_directory: Path, address: str,
+                 speed: float = 1) -> None:
+        """It announces `speed` times as often as a unit does."""
         self.address = address
         self.sent = 0
+        self._period = _PERIOD / speed
         self._sandbox = Sandbox(log_directory)
         self._network = network
         self._interface: Interface | None = None
@@ -80,7 +83,7 @@ class Neighbour(Lifespan):
                 return  # closed, or no link just now
 
     def _announce(self) -> None:
-        while not self._stopping.wait(_PERIOD):
+        while not self._stopping.wait(self._period):
             with self._lock:
                 datagrams = [share.encode() for share in self._shares.values()]
             for datagram in datagrams:

@@ -6,6 +6,7 @@
     scripts/soak --seed S            repeat a run; by default a new seed, which is printed
     scripts/soak --story FILE        play the lines of a file instead; "-" is standard input
     scripts/soak --real-mounts       run a process for each mount
+    scripts/soak --speed X           let the daemon's clock run X times as fast
     scripts/soak --hald              test the hardware service for the kernel's devices instead
     scripts/soak --json FILE         also write the figures to FILE
 
@@ -57,12 +58,13 @@ class Player(Protocol):
 class DaemonPlayer(Lifespan):
     """Plays stories on a daemon in a sandbox of its own."""
 
-    def __init__(self, logs: Path, real_mounts: bool, replay: bool = False) -> None:
+    def __init__(self, logs: Path, real_mounts: bool, speed: float = 1,
+                 replay: bool = False) -> None:
         """A `replay` is less patient: it is one of many, and most fail again."""
         shutil.rmtree(logs, ignore_errors=True)
         logs.mkdir(parents=True)
         self._network = Network()
-        self.unit = SoakUnit(logs, self._network, real_mounts)
+        self.unit = SoakUnit(logs, self._network, real_mounts, speed)
         self.checks = Checks(self.unit, _REPLAYED) if replay else Checks(self.unit)
 
     def start(self) -> None:
@@ -88,8 +90,7 @@ class DaemonPlayer(Lifespan):
         return {"datagrams": sum(neighbour.sent for neighbour in unit.neighbours),
                 "messages": unit.ledger.local.delivered + unit.ledger.remote.delivered,
                 "checks": self.checks.done, "RSS kB": unit.status("VmRSS"),
-                "heap B": unit.heap() or 0, "threads": unit.status("Threads"),
-                "fds": unit.descriptors()}
+                **self.checks.resting}
 
     def times(self) -> dict[str, float]:
         """See `Player`."""
@@ -236,13 +237,15 @@ class Maker:
 
     checks = frozenset(("quiet", "heal", "compare", "rest", "settle"))
 
-    def __init__(self, logs: Path, real_mounts: bool) -> None:
+    def __init__(self, logs: Path, real_mounts: bool, speed: float) -> None:
         self._logs = logs
         self._real_mounts = real_mounts
+        self._speed = speed
 
     def player(self, name: str) -> DaemonPlayer:
         """One on a fresh machine."""
-        return DaemonPlayer(self._logs / name, self._real_mounts, replay=name == REPLAY)
+        return DaemonPlayer(self._logs / name, self._real_mounts, self._speed,
+                            replay=name == REPLAY)
 
     def story(self, seed: str) -> list[str]:
         """The lines of the story of that seed."""
@@ -253,7 +256,7 @@ def _maker(options: argparse.Namespace, logs: Path) -> "Maker":
     if options.hald:
         from testbed.soak.hald import HaldMaker
         return HaldMaker(logs / "hald")
-    return Maker(logs, options.real_mounts)
+    return Maker(logs, options.real_mounts, options.speed)
 
 
 def _read(file: str) -> list[str]:
@@ -269,6 +272,7 @@ def _options(arguments: Sequence[str]) -> argparse.Namespace:
     parser.add_argument("--seed")
     parser.add_argument("--story")
     parser.add_argument("--real-mounts", action="store_true")
+    parser.add_argument("--speed", type=float, default=1)
     parser.add_argument("--hald", action="store_true")
     parser.add_argument("--json", type=Path)
     parser.add_argument("--every", type=float, default=5.0, help="seconds between two lines")

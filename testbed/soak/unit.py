@@ -62,6 +62,8 @@ usbid=2-9
 """
 _HEAP_COUNTER = "/srv/soak/heap-counter.so"
 _HEAP_COUNTS = "/srv/soak/heap-counts"
+#: In /usr/lib: libfaketime for programs with threads.
+_FAST_CLOCK = "*/faketime/libfaketimeMT.so.1"
 _NEIGHBOURS = 3
 _IDENTITIES = {"content-id": "/etc/content-id", "serial": "/etc/serial"}
 
@@ -69,8 +71,9 @@ _IDENTITIES = {"content-id": "/etc/content-id", "serial": "/etc/serial"}
 class SoakUnit(Lifespan):
     """A daemon with everything around it; see the module's text for what it plays."""
 
-    def __init__(self, logs: Path, network: Network, real_mounts: bool) -> None:
-        """With `real_mounts` a mount is one, which takes a process; else a directory."""
+    def __init__(self, logs: Path, network: Network, real_mounts: bool, speed: float = 1) -> None:
+        """With `real_mounts` a mount is one, which takes a process; else a directory. The daemon's
+        clock runs `speed` times as fast as ours, and other units announce as much more often."""
         self.sandbox = Sandbox(logs, target.read_only_mounts())
         self.bus = Bus(self.sandbox)
         self.service = Service(self.sandbox, self._refused)
@@ -79,8 +82,9 @@ class SoakUnit(Lifespan):
         self.application = Application(self.sandbox)
         self.ledger = Ledger()
         self.log = LogFile(logs / "voldrake.log", self.ledger)
-        self.neighbours = [Neighbour(network, logs / f"unit{number}", f"169.254.7.{number + 2}")
-                           for number in range(_NEIGHBOURS)]
+        self.neighbours = [
+            Neighbour(network, logs / f"unit{number}", f"169.254.7.{number + 2}", speed)
+            for number in range(_NEIGHBOURS)]
         self.tools = ToolCalls(self.sandbox)
         self.ear: Ear | None = None
         self.process: Process | None = None
@@ -88,6 +92,7 @@ class SoakUnit(Lifespan):
         self._network = network
         self._eth0: Interface | None = None
         self._real_mounts = real_mounts
+        self.speed = speed
         self._identity_time = 1_000_000_000
         self._ignored = False  # a call may wait for an answer
         self._rescans = 0  # before the last SIGUSR2
@@ -250,11 +255,17 @@ class SoakUnit(Lifespan):
 
     def _start_daemon(self) -> None:
         counter = target.build_directory() / "tests/libsoak-heap-counter.so"
-        environment = dict(self.tools.environment())
+        environment, preloaded = dict(self.tools.environment()), []
         if counter.exists() and not target.emulated() and not _is_sanitized():
             shutil.copy(counter, self.sandbox.path(_HEAP_COUNTER))
             self.sandbox.write(_HEAP_COUNTS, bytes(16))
-            environment |= {"LD_PRELOAD": _HEAP_COUNTER, "HEAP_COUNTER_FILE": _HEAP_COUNTS}
+            preloaded.append(_HEAP_COUNTER)
+            environment["HEAP_COUNTER_FILE"] = _HEAP_COUNTS
+        if self.speed != 1:
+            preloaded += map(str, Path("/usr/lib").glob(_FAST_CLOCK))
+            environment |= {"FAKETIME": f"+0 x{self.speed:g}", "FAKETIME_ONLY_CMDS": "voldrake",
+                            "FAKETIME_DISABLE_SHM": "1"}
+        environment["LD_PRELOAD"] = ":".join(preloaded)
         options = ["--log", "/var/log/voldrake.log", "--debuglevel", "3",
                    "--content-id-file", _IDENTITIES["content-id"],
                    "--serial-number-file", _IDENTITIES["serial"],

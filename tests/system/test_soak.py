@@ -1,6 +1,7 @@
 """Stories that scripts/soak has found, and that it would find: each check can fail."""
 
 import socket
+import time
 from pathlib import Path
 from typing import Iterator
 
@@ -51,6 +52,26 @@ def test_what_comes_and_goes_leaves_nothing(player: DaemonPlayer):
         rest
     """)
     assert player.unit.ledger.messages >= 6
+
+
+@pytest.mark.native("the emulator's clock would run fast, too")
+@pytest.mark.undelayed("two clocks are compared")
+def test_the_daemons_clock_may_run_faster(log_directory: Path) -> None:
+    with DaemonPlayer(log_directory / "soak", real_mounts=False, speed=20) as player:
+        begun, first = time.monotonic(), seconds_of(player.unit.ledger.recent[0])
+        play(player, STICKS + """
+            share 0 /media/sda1 '' CHARTS rw
+            compare
+            rest
+        """)
+        passed = (seconds_of(player.unit.ledger.recent[-1]) - first) % 86_400
+        assert passed > 5 * (time.monotonic() - begun)
+
+
+def seconds_of(line: str) -> int:
+    """When the line was logged, by the daemon's clock."""
+    hours, minutes, seconds = line[:8].split(":")
+    return 3600 * int(hours) + 60 * int(minutes) + int(seconds)
 
 
 def test_a_volume_that_an_exclusion_hides_is_registered_when_somebody_else_mounts_it(
