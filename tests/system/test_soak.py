@@ -68,6 +68,14 @@ def test_the_daemons_clock_may_run_faster(log_directory: Path) -> None:
         assert passed > 5 * (time.monotonic() - begun)
 
 
+def test_a_descriptor_that_is_kept_is_found(player: DaemonPlayer) -> None:
+    play(player, "rest")
+    player.checks.descriptors -= 1
+    player.checks._patience = 0.5
+    with pytest.raises(Violation, match="threads and descriptors: .* at first"):
+        play(player, "rest")
+
+
 def seconds_of(line: str) -> int:
     """When the line was logged, by the daemon's clock."""
     hours, minutes, seconds = line[:8].split(":")

@@ -63,7 +63,7 @@ TEST_F(IdentityText, IsEmptyWhileTheFileIsMissing) {
   EXPECT_EQ(Refreshed(), "ID-2");
 }
 
-TEST_F(IdentityText, OnceTellsOfAFileWhoseReadingFails) {
+TEST_F(IdentityText, ReportsAFileWhoseReadingFailsOnce) {
   const tCapturedLog log;
   tIdentityText directory(m_Directory.Path());
   directory.Refresh();
@@ -81,6 +81,8 @@ TEST_F(IdentityText, SaysNothingOfAFileThatIsReadOrMissing) {
   EXPECT_EQ(Refreshed(), "");
   Write("ID-1\n", 1001);
   EXPECT_EQ(Refreshed(), "ID-1");
+  ASSERT_EQ(unlink(m_Directory.Path("id").c_str()), 0);
+  EXPECT_EQ(Refreshed(), "");
   EXPECT_TRUE(log.Lines().empty());
 }
 
