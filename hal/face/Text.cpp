@@ -20,9 +20,9 @@ std::vector<std::string> Split(std::string_view text, char separator) {
 
 std::string Join(const std::vector<std::string>& parts, std::string_view separator) {
   std::string text;
-  for (const std::string& part : parts) {
-    if (!text.empty()) text += separator;
-    text += part;
+  for (std::size_t at = 0; at < parts.size(); ++at) {
+    if (at > 0) text += separator;
+    text += parts[at];
   }
   return text;
 }

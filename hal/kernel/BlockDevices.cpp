@@ -170,9 +170,10 @@ void BlockDevices::Show(const std::string& path, Disk& disk) {
   const char* leftOut = LeftOut(disk.state, index_);
   const bool withdrawn = disk.state.disk && disk.state.disk->withdrawn;
   if (leftOut != nullptr && leftOut != disk.leftOut && !withdrawn) {
-    Log(LOG_DEBUG, ShortName(path) + " is not served: " + leftOut);
     if (LacksItsChain(disk.state)) {
       Log(LOG_WARNING, ShortName(path) + " is not served: a device above it cannot be read");
+    } else {
+      Log(LOG_DEBUG, ShortName(path) + " is not served: " + leftOut);
     }
   }
   disk.leftOut = leftOut;

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "glib/Handles.h"
+#include "hal/kernel/Log.h"
 
 namespace halkernel {
 namespace {
@@ -86,6 +87,17 @@ udev_device* Parent(udev_device* device, const char* subsystem, const char* type
   return udev_device_get_parent_with_subsystem_devtype(device, subsystem, type);
 }
 
+/// One of a USB device's two ids, which the kernel always has; without it the device is served all
+/// the same.
+int UsbId(udev_device* device, const char* name) {
+  const std::optional<int> id = Parse<int>(Attribute(device, name), 16);
+  if (!id) {
+    Log(LOG_WARNING,
+        std::string(KernelName(device)) + ": " + name + " cannot be read and counts as 0");
+  }
+  return id.value_or(0);
+}
+
 std::optional<UsbChain> UsbChainOf(udev_device* disk) {
   udev_device* scsi = Parent(disk, "scsi", "scsi_device");
   udev_device* host = Parent(disk, "scsi", "scsi_host");
@@ -96,8 +108,8 @@ std::optional<UsbChain> UsbChainOf(udev_device* disk) {
   }
   UsbChain chain;
   chain.device.sysfsPath = Path(device);
-  chain.device.vendor = Parse<int>(Attribute(device, "idVendor"), 16).value_or(0);
-  chain.device.product = Parse<int>(Attribute(device, "idProduct"), 16).value_or(0);
+  chain.device.vendor = UsbId(device, "idVendor");
+  chain.device.product = UsbId(device, "idProduct");
   chain.device.serial = Attribute(device, "serial");
   const std::string number = Attribute(interface, "bInterfaceNumber");
   chain.interface = {Path(interface), Parse<int>(number, 16).value_or(0)};

@@ -22,8 +22,8 @@ constexpr int kReceiveBufferBytes = 16 * 1024 * 1024;
 /// Others on the main loop get their turn in between.
 constexpr int kEventsAtOnce = 64;
 
-std::string Failure(const char* what) {
-  return std::string(what) + ": " + std::strerror(errno);
+std::string Failure(const char* what, int error = errno) {
+  return std::string(what) + ": " + std::strerror(error);
 }
 
 /// Of a device in sysfs that udev names and that the library, or sysfs, does not show.
@@ -76,9 +76,10 @@ std::vector<BlockFacts> UdevWatch::Enumerate() {
   if (!Context()) return found;
   const glib::Pointer<udev_enumerate, udev_enumerate_unref> devices(
       udev_enumerate_new(context_.get()));
-  if (!devices || udev_enumerate_add_match_subsystem(devices.get(), "block") < 0 ||
-      udev_enumerate_scan_devices(devices.get()) < 0) {
-    Log(LOG_ERR, Failure("cannot read the list of disks"));
+  int result = devices ? udev_enumerate_add_match_subsystem(devices.get(), "block") : -ENOMEM;
+  if (result >= 0) result = udev_enumerate_scan_devices(devices.get());
+  if (result < 0) {
+    Log(LOG_ERR, Failure("cannot read the list of disks", -result));
     return found;
   }
   udev_list_entry* entry = nullptr;

@@ -64,6 +64,17 @@ def test_attributes_of_a_stick_are_missing_empty_or_nonsense(running: HaldMachin
     assert running.objects() == []
 
 
+def test_an_id_that_cannot_be_read_counts_as_zero_and_is_named_in_the_log(running: HaldMachine):
+    disk = usb_disk(partitions=[FileSystem("A")])
+    device = next(device for device in disk.above if "idVendor" in device.attributes)
+    del device.attributes["idVendor"]
+    running.udev.plug(disk)
+    running.settle()
+    assert running.volumes() == ["volume_uuid_A"]
+    assert "1-1.3: idVendor cannot be read and counts as 0" in [
+        record.text for record in running.records()]
+
+
 @pytest.mark.parametrize("value", [None, *ATTRIBUTES])
 def test_attributes_of_a_card_are_missing_empty_or_nonsense(running: HaldMachine,
                                                            value: str | None):

@@ -56,6 +56,7 @@ TEST(Text, IsJoinedWithSeparatorsInBetween) {
   EXPECT_EQ(hal::Join({}, ", "), "");
   EXPECT_EQ(hal::Join({"a"}, ", "), "a");
   EXPECT_EQ(hal::Join({"a", "", "b"}, ", "), "a, , b");
+  EXPECT_EQ(hal::Join({"", "", "b", ""}, ","), ",,b,");
 }
 
 TEST(Text, IsFoundAmongTextsAsAWhole) {
