@@ -17,6 +17,12 @@ TEST(Printable, KeepsTheLength) {
   EXPECT_EQ(Printable(std::string("a\0b\nc\x1B[31m", 10)), "a?b?c?[31m");
 }
 
+TEST(Printable, ReplacesControlCharactersOfTwoBytes) {
+  EXPECT_EQ(Printable("a\xC2\x80\xC2\x9B[2J\xC2\x9F"), "a????[2J??");
+  EXPECT_EQ(Printable("\xC2\xA0\xC3\x84\xC2"), "\xC2\xA0\xC3\x84\xC2") << "no control characters";
+  EXPECT_EQ(Printable("\xC2\xC2\x85\x85"), "\xC2??\x85");
+}
+
 TEST(WithoutTrailingSpace, CutsWhiteSpaceAtTheEndOnly) {
   const struct {
     const char* text;
