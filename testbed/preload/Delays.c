@@ -6,7 +6,8 @@
 //   PROGRAM   only a program of this name is held up, not those that it starts
 //   SEED      a number; with the same seed the same calls of a kind (the 3rd "send") are held up
 //   RARITY    one call of so many is held up; of the calls that come by the thousand fewer
-//   LONGEST   the longest delay in microseconds; most are far shorter
+//   LONGEST   the longest delay in microseconds; most are far shorter. 0: no delay, but every call
+//             gives way to the other threads first
 //   TOTAL     so many microseconds are spent on delays; then there are no more
 
 // A 32-bit program may use either form of these calls, so the headers must not rename them.
@@ -20,6 +21,7 @@
 #include <inttypes.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdarg.h>
 #include <stdatomic.h>
 #include <stdbool.h>
@@ -79,6 +81,10 @@ static uint64_t Delay(const char* name, uint64_t count, uint64_t oneOf) {
 
 static void HoldUp(tCall* call) {
   if (!active) return;
+  if (longest == 0) {
+    sched_yield();
+    return;
+  }
   const uint64_t delay = Delay(call->name, atomic_fetch_add(&call->count, 1), rarity * call->rarer);
   if (delay == 0 || atomic_fetch_sub(&left, (int64_t)delay) < (int64_t)delay) return;
   const int error = errno;

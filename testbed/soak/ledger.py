@@ -8,6 +8,7 @@ Violation: a removal of what never arrived, a second arrival, a line that is no 
 import os
 import re
 from pathlib import Path
+from typing import Iterable
 
 from testbed.soak import Violation
 from testbed.soak.delivery import Delivery
@@ -29,7 +30,8 @@ _SLACK = 3
 class Ledger:
     """What the log tells. Times and debug lines are of no interest."""
 
-    def __init__(self) -> None:
+    def __init__(self, identities: Iterable[str] = ("",)) -> None:
+        """`identities`: what the identity files have ever held."""
         self.local = Delivery("a volume", 0)
         self.remote = Delivery("a share", _SLACK)
         self.volumes: dict[str, int] = {}  # path as messages have it -> how many are registered
@@ -39,7 +41,7 @@ class Ledger:
         self.republished: list[tuple[str, str]] = []  # device and mount point
         self.republications = 0
         self.rescans = 0
-        self.identities = {""}  # what the identity files have ever held
+        self.identities = set(identities)
         self.messages = 0
         self.lines = 0
         self.recent: list[str] = []

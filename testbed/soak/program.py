@@ -7,6 +7,7 @@
     scripts/soak --story FILE        play the lines of a file instead; "-" is standard input
     scripts/soak --real-mounts       run a process for each mount
     scripts/soak --speed X           let the daemon's clock run X times as fast
+    scripts/soak --starts N          start, flood and end the daemon N times instead
     scripts/soak --hald              test the hardware service for the kernel's devices instead
     scripts/soak --json FILE         also write the figures to FILE
 
@@ -27,7 +28,7 @@ from typing import Protocol, Sequence
 from testbed import namespaces, target
 from testbed.lifespan import Lifespan
 from testbed.network import Network
-from testbed.soak import shrink
+from testbed.soak import shrink, starts
 from testbed.soak.checks import Checks
 from testbed.soak.figures import processor_seconds
 from testbed.soak.story import Story
@@ -137,7 +138,11 @@ def main(arguments: Sequence[str]) -> int:
         return 1 if failure else 0
     seed = options.seed or secrets.token_hex(4)
     print(f"Seed {seed}; repeat with: scripts/soak --seed {seed}"
-          + (" --hald" if options.hald else ""), flush=True)
+          + (" --hald" if options.hald else "")
+          + (f" --starts {options.starts}" if options.starts else "")
+          + (f" --speed {options.speed:g}" if options.speed != 1 else ""), flush=True)
+    if options.starts:
+        return _start_often(logs / "starts", options, seed)
     run = Run(seed)
     failed = _run(run, make, options)
     _tell(run, options.json)
@@ -178,6 +183,20 @@ def _play(run: Run, player: Player, make: "Maker", lines: list[str],
             return played, _said(failure)
         run.events += line not in make.checks
     return None
+
+
+def _start_often(logs: Path, options: argparse.Namespace, seed: str) -> int:
+    begun = due = time.monotonic()
+
+    def show(done: int) -> None:
+        nonlocal due
+        if (now := time.monotonic()) >= due or done == options.starts:
+            due = now + options.every
+            print(f"{done:,} of {options.starts:,} starts, {done / (now - begun):.1f} /s",
+                  flush=True)
+    failure = starts.run(logs, options.speed, options.starts, seed, show)
+    print(failure or "Each ended with status 0, without a word and with no share mounted.")
+    return 1 if failure else 0
 
 
 def _is_over(run: Run, options: argparse.Namespace) -> bool:
@@ -273,6 +292,7 @@ def _options(arguments: Sequence[str]) -> argparse.Namespace:
     parser.add_argument("--story")
     parser.add_argument("--real-mounts", action="store_true")
     parser.add_argument("--speed", type=float, default=1)
+    parser.add_argument("--starts", type=int)
     parser.add_argument("--hald", action="store_true")
     parser.add_argument("--json", type=Path)
     parser.add_argument("--every", type=float, default=5.0, help="seconds between two lines")

@@ -60,8 +60,9 @@ ignoreDevice={IGNORED}
 name=Last
 usbid=2-9
 """
-_HEAP_COUNTER = "/srv/soak/heap-counter.so"
+_HEAP_COUNTER = "tests/libsoak-heap-counter.so"
 _HEAP_COUNTS = "/srv/soak/heap-counts"
+_YIELDS = "testbed/preload/libdelays.so"
 #: In /usr/lib: libfaketime for programs with threads.
 _FAST_CLOCK = "*/faketime/libfaketimeMT.so.1"
 _NEIGHBOURS = 3
@@ -71,9 +72,11 @@ _IDENTITIES = {"content-id": "/etc/content-id", "serial": "/etc/serial"}
 class SoakUnit(Lifespan):
     """A daemon with everything around it; see the module's text for what it plays."""
 
-    def __init__(self, logs: Path, network: Network, real_mounts: bool, speed: float = 1) -> None:
+    def __init__(self, logs: Path, network: Network, real_mounts: bool, speed: float = 1,
+                 yields: bool = False) -> None:
         """With `real_mounts` a mount is one, which takes a process; else a directory. The daemon's
-        clock runs `speed` times as fast as ours, and other units announce as much more often."""
+        clock runs `speed` times as fast as ours, and other units announce as much more often. With
+        `yields` each of its threads gives way to the others before each lock."""
         self.sandbox = Sandbox(logs, target.read_only_mounts())
         self.bus = Bus(self.sandbox)
         self.service = Service(self.sandbox, self._refused)
@@ -93,6 +96,7 @@ class SoakUnit(Lifespan):
         self._eth0: Interface | None = None
         self._real_mounts = real_mounts
         self.speed = speed
+        self._yields = yields
         self._identity_time = 1_000_000_000
         self._ignored = False  # a call may wait for an answer
         self._rescans = 0  # before the last SIGUSR2
@@ -101,8 +105,6 @@ class SoakUnit(Lifespan):
     def start(self) -> None:
         """Everything runs on return, and the daemon has done its start-up scan."""
         self.sandbox.logs.mkdir(parents=True, exist_ok=True)
-        for file in self.sandbox.logs.glob("voldrake.*"):
-            file.unlink()
         self.sandbox.start()
         for number in range(3):
             self.sandbox.path(f"/sys/class/mmc_host/mmc{number}").mkdir(parents=True)
@@ -121,7 +123,7 @@ class SoakUnit(Lifespan):
         self.service.start("service", *mounts)
         self.stranger.start("stranger", "--absent")
         self.application.listen()
-        self._start_daemon()
+        self.start_daemon()
 
     def close(self) -> None:
         """End everything; the logs remain. May be called again."""
@@ -253,29 +255,48 @@ class SoakUnit(Lifespan):
         assert self.process
         return len(os.listdir(f"/proc/{self.process.pid}/fd"))
 
-    def _start_daemon(self) -> None:
-        counter = target.build_directory() / "tests/libsoak-heap-counter.so"
-        environment, preloaded = dict(self.tools.environment()), []
-        if counter.exists() and not target.emulated() and not _is_sanitized():
-            shutil.copy(counter, self.sandbox.path(_HEAP_COUNTER))
-            self.sandbox.write(_HEAP_COUNTS, bytes(16))
-            preloaded.append(_HEAP_COUNTER)
-            environment["HEAP_COUNTER_FILE"] = _HEAP_COUNTS
-        if self.speed != 1:
-            preloaded += map(str, Path("/usr/lib").glob(_FAST_CLOCK))
-            environment |= {"FAKETIME": f"+0 x{self.speed:g}", "FAKETIME_ONLY_CMDS": "voldrake",
-                            "FAKETIME_DISABLE_SHM": "1"}
-        environment["LD_PRELOAD"] = ":".join(preloaded)
+    def start_daemon(self) -> None:
+        """It has done its start-up scan on return. The account of what it does begins anew."""
+        self.log.close()
+        for file in self.sandbox.logs.glob("voldrake.*"):
+            file.unlink()
+        self.ledger = Ledger(self.ledger.identities)
+        self.log = LogFile(self.sandbox.logs / "voldrake.log", self.ledger)
+        self.application.take()
+        self._rescans = 0
         options = ["--log", "/var/log/voldrake.log", "--debuglevel", "3",
                    "--content-id-file", _IDENTITIES["content-id"],
                    "--serial-number-file", _IDENTITIES["serial"],
                    "--internal-share-path", INTERNAL, "--vfat-mount-opts", "utf8",
                    "--peer-mac", self.neighbours[0].hardware_address()]
-        self.process = self.sandbox.spawn([*target.daemon_command(), *options], "voldrake",
-                                          environment=environment)
+        # Not for what leads into the sandbox, where these libraries are.
+        environment = [f"{name}={value}" for name, value in self._environment().items()]
+        self.process = self.sandbox.spawn(
+            ["/usr/bin/env", *environment, *target.daemon_command(), *options], "voldrake")
         wait_until(lambda: "_ManualScan()" in "".join(self._log_text()), "the start-up scan",
                    timeouts.START)
         self.settle()
+
+    def _environment(self) -> dict[str, str]:
+        environment, preloaded = dict(self.tools.environment()), []
+        if (target.build_directory() / _HEAP_COUNTER).exists() and not _brings_an_allocator():
+            preloaded.append(self._copied(_HEAP_COUNTER))
+            self.sandbox.write(_HEAP_COUNTS, bytes(16))
+            environment["HEAP_COUNTER_FILE"] = _HEAP_COUNTS
+        if self.speed != 1:
+            preloaded += map(str, Path("/usr/lib").glob(_FAST_CLOCK))
+            environment |= {"FAKETIME": f"+0 x{self.speed:g}", "FAKETIME_ONLY_CMDS": "voldrake",
+                            "FAKETIME_DISABLE_SHM": "1"}
+        if self._yields:
+            preloaded.append(self._copied(_YIELDS))
+            environment["VOLDRAKE_DELAYS"] = "voldrake 0 1 0 0"
+        return environment | {"LD_PRELOAD": ":".join(preloaded)}
+
+    def _copied(self, library: str) -> str:
+        """The place in the sandbox of this library of the build."""
+        inside = f"/srv/soak/{Path(library).name}"
+        shutil.copy(target.build_directory() / library, self.sandbox.path(inside))
+        return inside
 
     def _has_rescanned(self) -> bool:
         self.log.read()
@@ -289,8 +310,10 @@ class SoakUnit(Lifespan):
         self.doubts.refused(error, path, method)
 
 
-def _is_sanitized() -> bool:
-    """A sanitizer counts for itself, and bears no other allocator."""
+def _brings_an_allocator() -> bool:
+    """As a sanitizer does, which bears no other; an emulator would run with ours itself."""
+    if target.emulated():
+        return True
     program = (target.build_directory() / "src/voldrake").read_bytes()
     return any(word in program for word in (b"__asan_init", b"__tsan_init"))
 

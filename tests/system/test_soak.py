@@ -8,7 +8,7 @@ from typing import Iterator
 import pytest
 
 from testbed import frame
-from testbed.soak import Violation
+from testbed.soak import Violation, starts
 from testbed.soak.delivery import Delivery
 from testbed.soak.program import DaemonPlayer
 from testbed.soak.shrink import shortened
@@ -66,6 +66,21 @@ def test_the_daemons_clock_may_run_faster(log_directory: Path) -> None:
         """)
         passed = (seconds_of(player.unit.ledger.recent[-1]) - first) % 86_400
         assert passed > 5 * (time.monotonic() - begun)
+
+
+@pytest.mark.native("the daemon's threads would not give way")
+@pytest.mark.undelayed("another library of delays is loaded into it")
+def test_the_daemon_ends_as_it_must_amid_a_flood(log_directory: Path) -> None:
+    assert starts.run(log_directory / "soak", 20, 3, "1", lambda _: None) is None
+
+
+@pytest.mark.native("the daemon's threads would not give way")
+@pytest.mark.undelayed("another library of delays is loaded into it")
+def test_another_end_amid_a_flood_is_found(log_directory: Path) -> None:
+    with starts.Starts(log_directory / "soak", 20) as started:
+        started.unit.process.kill()
+        with pytest.raises(Violation, match="ended with status -9"):
+            started.flood_and_end("1")
 
 
 def test_a_descriptor_that_is_kept_is_found(player: DaemonPlayer) -> None:
