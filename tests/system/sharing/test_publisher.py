@@ -222,6 +222,23 @@ def test_a_failed_export_is_logged_and_the_volume_announced_all_the_same(unit, t
     assert unit.daemon.logged(INFO, "_Export: exporting '*:/media/sda1' PASS") == 0
 
 
+@pytest.mark.native("its own processes could not be made")
+def test_without_room_for_a_process_volumes_are_served_and_the_next_is_exported(
+        unit, tools, peer, log_directory) -> None:
+    unit.start_daemon()
+    tools.expect(CLEAR_EXPORTS)
+    with Strace(unit.daemon.process, log_directory / "strace", "-e", "trace=process",
+                "-e", "inject=clone,clone3,fork,vfork:error=EAGAIN"):
+        unit.hal.plug(STICK)
+        unit.daemon.expect_log(ERROR, "_Export: error exporting *:/media/sda1")
+        unit.daemon.expect_log(INFO, "symlink: /media/USB Memory Card A1 -> sda1")
+        unit.application.expect_message("dataarrival", path="/media/sda1")
+        peer.expect_announcement("/media/sda1")
+    unit.hal.plug("usb second port=1-1.4")
+    unit.daemon.expect_log(INFO, "_Export: exporting '*:/media/sdb1' PASS")
+    unit.application.expect_message("dataarrival", path="/media/sdb1")
+
+
 def test_an_export_has_failed_only_when_its_exit_status_says_so(unit, tools, peer) -> None:
     """A shell that is ended by a signal has no exit status."""
     unit.start_daemon()
