@@ -21,8 +21,11 @@ AFTER_RESTART = frozenset(("afterwards links",))
 class DaemonTrials(Trials):
     """Of the daemon, on a unit beside another one."""
 
-    def __init__(self, logs: Path, patience: float = 12.0, excuses: bool = True) -> None:
+    def __init__(self, logs: Path, patience: float = 12.0, excuses: bool = True,
+                 cut: bool = False) -> None:
+        """With `cut` the whole unit ends with a daemon that is killed, as in a power cut."""
         super().__init__(logs, patience, excuses)
+        self._cut = cut
         self._unit: FaultUnit | None = None
         self._rest: State = {}
 
@@ -131,6 +134,8 @@ class DaemonTrials(Trials):
         elif ended and (not story.ends or ended != "ended with status 0"):
             seen.deviations["end"] = ended
             return
+        if kills and self._cut:
+            unit.power_cut()
         if ended or kills:
             unit.start_daemon()
 

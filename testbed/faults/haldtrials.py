@@ -18,13 +18,19 @@ from testbed.waiting import wait_until
 _TRACE = "/var/log/trial.strace"
 #: The first says that it has logged why; the second is the tool's own.
 _GOOD_ENDS = ("ended with status 1", "killed")
+#: What is not as it was before when the power is lost while a stick is mounted: the service does not
+#: know any more that the directory is its own. The daemon clears it away before the next mount.
+AFTER_POWER_CUT = frozenset(("afterwards in /media",))
 
 
 class HaldTrials(Trials):
     """Of the hardware service, on a machine whose kernel and udev are mocked."""
 
-    def __init__(self, logs: Path, patience: float = 12.0, excuses: bool = True) -> None:
+    def __init__(self, logs: Path, patience: float = 12.0, excuses: bool = True,
+                 cut: bool = False) -> None:
+        """With `cut` the whole machine ends with a service that is killed, as in a power cut."""
         super().__init__(logs, patience, excuses)
+        self._cut = cut
         self._unit: HaldUnit | None = None
         self._rest: State = {}
         self._sizes = (0, 0)
@@ -76,25 +82,31 @@ class HaldTrials(Trials):
             assert not (trouble := unit.settle(self._patience)), trouble
         return unit
 
+    def _expected(self, story: str, kills: bool) -> frozenset[str]:
+        return AFTER_POWER_CUT if kills and self._cut else frozenset()
+
     def _observe(self, story: str, fault: Fault | None, kills: bool) -> Seen:
         return self._observed(HALD_STORIES[story], fault, kills)
 
     def _observed(self, story: HaldStory, fault: Fault | None, kills: bool) -> Seen:
         unit, seen = self._prepared(story), Seen()
         since = unit.machine.mark()
+        unit.loses_power = kills and self._cut
         if story.cold:
             options = fault.options() if fault else []
             unit.start_service(*(["strace", "-D", "-r", "-o", _TRACE, *options] if fault else []))
             seen.hit = self._hit(unit.machine.sandbox.path(_TRACE), unit) if fault else ""
         else:
             self._play(story, fault, unit, seen)
-        if unit.note_end() or unit.machine.process is None:
+        ended = unit.note_end() or unit.machine.process is None
+        if kills and not unit.ends:
+            unit.machine.kill_service()
+            ended = unit.note_end()
+        if ended:
+            if unit.loses_power:
+                unit.power_cut()
             unit.start_service()
         if kills:
-            if not unit.ends:
-                unit.machine.kill_service()
-                unit.note_end()
-                unit.start_service()
             unit.ends[:] = ["killed"]
         self._see(unit, story, kills, seen)
         if bad := [end for end in seen.state.get("ended by itself", ()) if end not in _GOOD_ENDS]:
@@ -153,6 +165,8 @@ class HaldTrials(Trials):
         left = self._steady(unit, rest)
         for what, text in differences(rest, left).items():
             seen.deviations[f"afterwards {what}"] = text
+        if unit.loses_power:
+            unit.clear_directories()
         if not story.cold and not seen.state["ended by itself"]:
             self._see_sizes(unit, seen)
 

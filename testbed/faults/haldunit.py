@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import time
 from collections import Counter
 from pathlib import Path
@@ -31,7 +32,9 @@ class HaldUnit(Lifespan):
                               partitions=[FileSystem("B")])
         self.ends: list[str] = []  # how the service has ended by itself
         self.present = False  # the stick
+        self.loses_power = False  # with the service
         self._asked = 0.0  # when the bus was last asked who serves
+        self._booted = Mark(0)  # what clients heard before is of no interest
 
     def start(self) -> None:
         """Everything runs but the service."""
@@ -50,6 +53,8 @@ class HaldUnit(Lifespan):
             launcher = ()
             if not self.note_end():
                 return
+            if self.loses_power:
+                self.power_cut()
         raise AssertionError(f"it does not start: {self.ends}")
 
     def note_end(self) -> bool:
@@ -100,6 +105,19 @@ class HaldUnit(Lifespan):
             return "ended" if process.ended() else str(failure)
         return ""
 
+    def power_cut(self) -> None:
+        """Nothing is mounted any more, /run is empty, and every client has ended. What is on the
+        disk stays: directories. Requires: the service has ended."""
+        for place in self.machine.mounts():
+            self.machine.sandbox.run(["umount", place])
+        shutil.rmtree(self.machine.sandbox.path("/run/voldrake-hald"), ignore_errors=True)
+        self._booted = self.machine.mark()
+
+    def clear_directories(self) -> None:
+        """Take away the directories that are left in /media. Requires: nothing is mounted."""
+        for directory in self.machine.sandbox.path("/media").iterdir():
+            directory.rmdir()
+
     def state(self) -> State:
         """What is seen of it, and of what it does."""
         machine = self.machine
@@ -148,7 +166,7 @@ class HaldUnit(Lifespan):
 
     def _announced(self) -> Counter[str]:
         announced: Counter[str] = Counter()
-        for event in self.machine.hal.events.up_to(self.machine.mark()):
+        for event in self.machine.hal.events.up_to(self.machine.mark(), self._booted):
             if match := _ANNOUNCED.fullmatch(event.text):
                 announced[match[2]] += 1 if match[1] == "Added" else -1
         return announced

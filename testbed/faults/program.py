@@ -4,6 +4,7 @@
     scripts/faults STORY...            these: arrival removal republish sharing silence shutdown;
                                        with --hald: coldplug hotplug mount unmount removal
     scripts/faults --kill              instead, each call is the daemon's last, and it starts again
+    scripts/faults --cut               as --kill, but the whole unit ends, as in a power cut
     scripts/faults --hald              the hardware service over the kernel's devices instead
     scripts/faults --sample N          N of the faults of each story; the seed is printed
     scripts/faults --seed S            the same sample again
@@ -77,7 +78,7 @@ def main(arguments: Sequence[str]) -> int:
     run = Run(options.seed or secrets.token_hex(4))
     if options.sample:
         print(f"Seed {run.seed}", flush=True)
-    make = _maker(options.hald)
+    make = _maker(options)
     begun = time.monotonic()
     planned = _plan(run, make(logs / "recording"), options)
     _try_all(run, planned, [make(logs / f"unit{number}") for number in range(options.jobs)])
@@ -221,8 +222,9 @@ def _write(run: Run, file: Path) -> None:
                                indent=1) + "\n")
 
 
-def _maker(hald: bool) -> Callable[[Path], Trials]:
-    return HaldTrials if hald else DaemonTrials
+def _maker(options: argparse.Namespace) -> Callable[[Path], Trials]:
+    kind = HaldTrials if options.hald else DaemonTrials
+    return lambda logs: kind(logs, cut=options.cut)
 
 
 def _options(arguments: Sequence[str]) -> argparse.Namespace:
@@ -230,12 +232,14 @@ def _options(arguments: Sequence[str]) -> argparse.Namespace:
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("stories", nargs="*", metavar="STORY")
     parser.add_argument("--kill", action="store_true")
+    parser.add_argument("--cut", action="store_true")
     parser.add_argument("--hald", action="store_true")
     parser.add_argument("--sample", type=int)
     parser.add_argument("--seed")
     parser.add_argument("--jobs", type=int, default=4)
     parser.add_argument("--json", type=Path)
     options = parser.parse_args(arguments)
+    options.kill = options.kill or options.cut
     known = HALD_STORIES if options.hald else STORIES
     options.stories = options.stories or list(known)
     for story in options.stories:

@@ -8,7 +8,7 @@ from pathlib import Path
 from typing import Callable, Mapping
 
 from testbed import timeouts
-from testbed.daemon import INFO, LogLine
+from testbed.daemon import INFO, LOG_FILE, LogLine
 from testbed.frame import Frame
 from testbed.lifespan import Lifespan
 from testbed.network import Network
@@ -38,6 +38,7 @@ THREADS = ("main", "messages", "publisher", "shares", "browser", "signals")
 #: Announcements come once a second.
 _ANNOUNCED_WITHIN = 2.5
 _LOOKS = 30  # at the open descriptors
+_LOST_BYTES = 512  # at the end of a file that a power cut has kept from being written
 LOST_BUS = "HAL: Connection - lost"
 
 #: What is seen: a name for each kind of thing, and the things.
@@ -61,8 +62,7 @@ class FaultUnit(Lifespan):
         self._network.start()
         self.unit.start()
         self.unit.hal.close()
-        self.unit.hal.start(real_mounts=False)
-        self.unit.hal.command(f"quiet set {_ROOT} volume.is_mounted=bool:false")
+        self._start_hal()
         self.neighbour.start()
         self._ear = Ear(self.neighbour, [OTHER_ADDRESS])
         self.tools.install(self.unit.sandbox.path(TOOLS))
@@ -135,6 +135,23 @@ class FaultUnit(Lifespan):
         assert not (trouble := self.settle(patience)), trouble
         return {line.text.rpartition(" --> ")[2] for line in self.lines(since)
                 if line.text.startswith("Republish: ")}
+
+    def power_cut(self) -> None:
+        """With the daemon everything else has ended, nothing is mounted or exported any more, and
+        the file of the log ends in zeros. What is on the disk stays: links, directories. All is up
+        again on return, with the same sticks, but for the daemon. Requires: it has ended."""
+        hal = self.unit.hal
+        present = {line.split()[1].partition(":")[0] for line in hal.command("list")}
+        hal.close()
+        self.unit.bus.kill()
+        self.tools.lose_power()
+        with open(self.unit.sandbox.path(LOG_FILE), "ab") as log:
+            log.write(bytes(_LOST_BYTES))
+        self.unit.bus.start()
+        self._start_hal()
+        for name, text in (("stick", STICK), ("probe", _PROBE)):
+            if name in present:
+                hal.plug(text)
 
     # ---- The world around it
 
@@ -236,6 +253,10 @@ class FaultUnit(Lifespan):
         return [LogLine("", event.data.level if event.data else 0,
                         self._plain(event.data.text if event.data else event.text))
                 for event in log.up_to(self.unit.tape.mark(), since)]
+
+    def _start_hal(self) -> None:
+        self.unit.hal.start(real_mounts=False)
+        self.unit.hal.command(f"quiet set {_ROOT} volume.is_mounted=bool:false")
 
     def _settle_once(self, patience: float) -> str:
         begun = self.unit.tape.mark()

@@ -53,6 +53,14 @@ class ToolCalls:
         for file in self._sandbox.path(_HERE).glob("refuse-*"):
             file.unlink()
 
+    def lose_power(self) -> None:
+        """What was mounted and exported is not any more."""
+        self.read()
+        for file in (self._sandbox.path(_HERE) / "mounted").iterdir():
+            file.unlink()
+        self.exports.clear()
+        self.failed.clear()
+
     def mounted(self) -> set[str]:
         """The names in /mnt where something is mounted."""
         return set(os.listdir(self._sandbox.path(f"{_HERE}/mounted")))

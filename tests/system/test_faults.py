@@ -85,6 +85,14 @@ def test_a_daemon_that_is_killed_goes_on_from_there(trials: DaemonTrials) -> Non
     assert result.kind == FINDING and "links: in addition" in said(result), said(result)
 
 
+def test_a_unit_that_loses_power_goes_on_from_there(log_directory: Path) -> None:
+    with DaemonTrials(log_directory / "faults", patience=5.0, cut=True) as trials:
+        link = found(trials.calls("arrival"), "main", "symlink")
+        result = trials.run(fault("arrival", link, KILL))
+        assert result.kind == UNHARMED, said(result)
+        assert trials.references["arrival", True][0].state["exports"]
+
+
 @pytest.mark.parametrize("call, text, wanted", [
     ("openat", 'openat(AT_FDCWD</>, "/var/log/x", O_WRONLY|O_CREAT, 0666) = 7</var/log/x>',
      ("EMFILE", "EACCES", "ENOMEM", "ENOSPC")),

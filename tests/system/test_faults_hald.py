@@ -31,3 +31,12 @@ def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTri
         result = trials.run(Fault("mount", call.thread, call.call, call.number, action, call.text))
         said = f"{result.kind}: {' | '.join(result.words)}"
         assert result.kind == kind and words in said, said
+
+
+def test_a_machine_that_loses_power_goes_on_from_there(log_directory: Path) -> None:
+    with HaldTrials(log_directory / "faults", patience=5.0, cut=True) as trials:
+        made = next(one for one in trials.calls("mount")
+                    if one.call == "mkdir" and "/media/sda1" in one.text)
+        result = trials.run(Fault("mount", made.thread, made.call, made.number, KILL, made.text))
+        assert (result.kind, result.words[1:]) == (AGREED, ("in /media: missing ['sda1']",))
+        assert trials.references["mount", True][0].state["objects"]
