@@ -18,7 +18,6 @@ test_soak_hald.py.
 import argparse
 import json
 import secrets
-import shutil
 import sys
 import time
 from dataclasses import dataclass, field
@@ -26,18 +25,13 @@ from pathlib import Path
 from typing import Protocol, Sequence
 
 from testbed import namespaces, target
-from testbed.lifespan import Lifespan
-from testbed.network import Network
 from testbed.soak import shrink, starts
-from testbed.soak.checks import Checks
-from testbed.soak.figures import processor_seconds
+from testbed.soak.player import DaemonPlayer
 from testbed.soak.story import Story
-from testbed.soak.unit import SoakUnit
 
 _LINES = 2000  # of a story
 _MOST_TRIALS = 400
 _LONGEST = 600  # seconds of shortening
-_REPLAYED = 25.0  # seconds for what needs its time, while shortening
 REPLAY = "replay"
 FAILURES = (AssertionError, OSError, TimeoutError)
 _TITLES = ("events", "/s", "datagrams", "messages", "checks", "RSS kB", "heap B", "threads", "fds")
@@ -54,53 +48,6 @@ class Player(Protocol):
 
     def times(self) -> dict[str, float]:
         """Processor seconds until now, by who used them."""
-
-
-class DaemonPlayer(Lifespan):
-    """Plays stories on a daemon in a sandbox of its own."""
-
-    def __init__(self, logs: Path, real_mounts: bool, speed: float = 1,
-                 replay: bool = False) -> None:
-        """A `replay` is less patient: it is one of many, and most fail again."""
-        shutil.rmtree(logs, ignore_errors=True)
-        logs.mkdir(parents=True)
-        self._network = Network()
-        self.unit = SoakUnit(logs, self._network, real_mounts, speed)
-        self.checks = Checks(self.unit, _REPLAYED) if replay else Checks(self.unit)
-
-    def start(self) -> None:
-        """Everything runs."""
-        self._network.start()
-        self.unit.start()
-
-    def close(self) -> None:
-        """Leaves nothing but logs."""
-        self.unit.close()
-        self._network.close()
-
-    def play(self, line: str) -> None:
-        """See `Player`."""
-        if check := self.checks.verbs.get(line):
-            check()
-        else:
-            self.unit.play(line)
-
-    def figures(self) -> dict[str, int]:
-        """See `Player`."""
-        unit = self.unit
-        return {"datagrams": sum(neighbour.sent for neighbour in unit.neighbours),
-                "messages": unit.ledger.local.delivered + unit.ledger.remote.delivered,
-                "checks": self.checks.done, "RSS kB": unit.status("VmRSS"),
-                **self.checks.resting}
-
-    def times(self) -> dict[str, float]:
-        """See `Player`."""
-        unit = self.unit
-        assert unit.process and unit.bus.process
-        daemon, commands = processor_seconds(unit.process.pid)
-        service, mounts = processor_seconds(unit.service.pid())
-        return {"daemon": daemon, "its commands": commands, "hardware service": service + mounts,
-                "bus": processor_seconds(unit.bus.process.pid)[0], "soak": time.process_time()}
 
 
 @dataclass

@@ -10,7 +10,7 @@ import pytest
 from testbed import frame
 from testbed.soak import Violation, starts
 from testbed.soak.delivery import Delivery
-from testbed.soak.program import DaemonPlayer
+from testbed.soak.player import DaemonPlayer
 from testbed.soak.shrink import shortened
 from testbed.soak.story import Story
 
@@ -77,10 +77,10 @@ def test_the_daemon_ends_as_it_must_amid_a_flood(log_directory: Path) -> None:
 @pytest.mark.native("the daemon's threads would not give way")
 @pytest.mark.undelayed("another library of delays is loaded into it")
 def test_another_end_amid_a_flood_is_found(log_directory: Path) -> None:
-    with starts.Starts(log_directory / "soak", 20) as started:
-        started.unit.process.kill()
+    with DaemonPlayer(log_directory / "soak", real_mounts=False, speed=20, yields=True) as player:
+        player.unit.process.kill()
         with pytest.raises(Violation, match="ended with status -9"):
-            started.flood_and_end("1")
+            starts.flood_and_end(player.unit, "1")
 
 
 def test_a_descriptor_that_is_kept_is_found(player: DaemonPlayer) -> None:
