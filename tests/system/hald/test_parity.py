@@ -88,7 +88,7 @@ def test_both_services_give_the_same_answers(machine: HaldMachine, sim: tuple[Ha
     for command in commands:
         service.command(command)
     machine.udev.place(*disks)
-    machine.start_service()
+    machine.start_service(debug=False)
     assert answers(machine.sandbox) == answers(sandbox)
 
 
@@ -98,7 +98,7 @@ def test_both_services_give_the_same_answers_while_it_is_mounted(
     service.command(f"{_STICK} {_SIZE} uuid=A")
     service.command(f"plug volume stick uuid=B {_SIZE}")
     machine.udev.place(stick)
-    machine.start_service()
+    machine.start_service(debug=False)
     for place in (machine.sandbox, sandbox):
         mounted = place.run(["gdbus", "call", "--system", "--dest", "org.freedesktop.Hal",
                              "--object-path", f"{PREFIX}volume_uuid_B", "--method",
