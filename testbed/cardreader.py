@@ -1,7 +1,5 @@
 """Device nodes of a USB card reader that answers as a script tells it."""
 
-import os
-
 from testbed import target
 from testbed.sandbox import Sandbox
 
@@ -15,9 +13,7 @@ def environment(sandbox: Sandbox) -> dict[str, str]:
     library = target.build_directory() / "testbed/preload/libfake-reader.so"
     sandbox.write(_LIBRARY, library.read_bytes())
     sandbox.path(SCRIPTS).mkdir(exist_ok=True)
-    # An address sanitizer that is linked dynamically wants to be the first library.
-    sanitizer = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-    return {"LD_PRELOAD": _LIBRARY, "FAKE_READER": SCRIPTS, "ASAN_OPTIONS": sanitizer}
+    return target.preloading(_LIBRARY) | {"FAKE_READER": SCRIPTS}
 
 
 def script(sandbox: Sandbox, node: str, *lines: str) -> None:

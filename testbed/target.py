@@ -52,6 +52,20 @@ def built_with(option: str) -> bool:
     return cache.exists() and f"\n{option}:BOOL=ON\n" in cache.read_text()
 
 
+def sanitized() -> bool:
+    """True if the daemon was built with the address or thread sanitizer."""
+    daemon = built("voldrake")
+    words = daemon.read_bytes() if daemon.exists() else b""
+    return b"__asan_init" in words or b"__tsan_init" in words
+
+
+def preloading(*libraries: str) -> dict[str, str]:
+    """What a program in a sandbox is started with to load these libraries before all others. An
+    address sanitizer that is linked dynamically wants to be the first."""
+    options = os.environ.get("ASAN_OPTIONS", "")
+    return {"LD_PRELOAD": ":".join(libraries), "ASAN_OPTIONS": f"{options}:verify_asan_link_order=0"}
+
+
 def log_directory() -> Path:
     """Where logs are kept: VOLDRAKE_LOG_DIR, or `logs` in the build directory."""
     chosen = os.environ.get("VOLDRAKE_LOG_DIR")

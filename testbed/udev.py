@@ -4,7 +4,6 @@ A `Disk` says what hangs where; `Udev` brings it in, with udev's events, and tak
 """
 
 import json
-import os
 import queue
 from dataclasses import dataclass, field
 
@@ -167,9 +166,7 @@ class Udev:
 
     def environment(self) -> dict[str, str]:
         """What a program is started with that is to see the devices."""
-        # An address sanitizer that is linked dynamically wants to be the first library.
-        sanitizer = os.environ.get("ASAN_OPTIONS", "") + ":verify_asan_link_order=0"
-        return {"LD_PRELOAD": _PRELOAD, "UMOCKDEV_DIR": self.root, "ASAN_OPTIONS": sanitizer}
+        return target.preloading(_PRELOAD) | {"UMOCKDEV_DIR": self.root}
 
     def place(self, *disks: Disk) -> None:
         """The disks are there, without an event: before the service starts, or unheard."""

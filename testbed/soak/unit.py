@@ -279,7 +279,8 @@ class SoakUnit(Lifespan):
 
     def _environment(self) -> dict[str, str]:
         environment, preloaded = dict(self.tools.environment()), []
-        if (target.build_directory() / _HEAP_COUNTER).exists() and not _brings_an_allocator():
+        # A sanitizer bears no other allocator, and an emulator would run with ours itself.
+        if not target.sanitized() and not target.emulated():
             preloaded.append(self._copied(_HEAP_COUNTER))
             self.sandbox.write(_HEAP_COUNTS, bytes(16))
             environment["HEAP_COUNTER_FILE"] = _HEAP_COUNTS
@@ -290,7 +291,7 @@ class SoakUnit(Lifespan):
         if self._yields:
             preloaded.append(self._copied(_YIELDS))
             environment["VOLDRAKE_DELAYS"] = "voldrake 0 1 0 0"
-        return environment | {"LD_PRELOAD": ":".join(preloaded)}
+        return environment | target.preloading(*preloaded)
 
     def _copied(self, library: str) -> str:
         """The place in the sandbox of this library of the build."""
@@ -308,14 +309,6 @@ class SoakUnit(Lifespan):
 
     def _refused(self, error: str, path: str, method: str) -> None:
         self.doubts.refused(error, path, method)
-
-
-def _brings_an_allocator() -> bool:
-    """As a sanitizer does, which bears no other; an emulator would run with ours itself."""
-    if target.emulated():
-        return True
-    program = (target.build_directory() / "src/voldrake").read_bytes()
-    return any(word in program for word in (b"__asan_init", b"__tsan_init"))
 
 
 def _verbs(unit: SoakUnit) -> dict[str, Callable[..., None]]:
