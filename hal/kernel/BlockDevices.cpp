@@ -230,8 +230,9 @@ void BlockDevices::DetachLeftovers() {
 void BlockDevices::ReopenDiskOf(const std::string& node) {
   for (const auto& [path, disk] : disks_) {
     for (const auto& [partition, reported] : disk.state.partitions) {
-      if (reported.facts.node == node && disk.state.disk)
+      if (reported.facts.node == node && disk.state.disk) {
         actions_.Reopen(disk.state.disk->facts.node);
+      }
     }
   }
 }

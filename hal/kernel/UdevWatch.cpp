@@ -111,7 +111,7 @@ void UdevWatch::ReadEvents() {
     errno = 0;
     const std::unique_ptr<udev_device, Unref> device(udev_monitor_receive_device(monitor_.get()));
     if (device) {
-      Tell(device.get());
+      Report(device.get());
       continue;
     }
     if (errno != ENOBUFS) {
@@ -131,7 +131,7 @@ void UdevWatch::StartOverIfDue() {
   listener_.StartOver();
 }
 
-void UdevWatch::Tell(udev_device* device) {
+void UdevWatch::Report(udev_device* device) {
   const char* action = udev_device_get_action(device);
   const char* path = udev_device_get_syspath(device);
   if (action == nullptr || path == nullptr) return;

@@ -53,7 +53,7 @@ class UdevWatch {
   bool Context();
   void ReadEvents();
   void StartOverIfDue();
-  void Tell(udev_device* device);
+  void Report(udev_device* device);
 
   IUdevListener& listener_;
   std::unique_ptr<udev, Unref> context_;

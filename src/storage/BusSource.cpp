@@ -1,6 +1,6 @@
 // The source that stands for a connection in its main context.
 //
-// The bus library announces each descriptor and of each deadline, when it comes, when it goes and
+// The bus library announces each descriptor and each deadline when it comes, when it goes and
 // when it is switched on or off. A call that blocks makes and drops a deadline and switches the
 // descriptor several times before the context gets to see anything, so that all of this is only
 // written down. What the context has to poll, and for how long, is made out when it is about to.
@@ -20,7 +20,7 @@ constexpr gint64 kNever = G_MAXINT64;
 constexpr gint64 kMicrosecondsPerMs = 1000;
 constexpr size_t kRoom = 8;
 
-/// What the context says of a descriptor, and how the bus library hears of it.
+/// What the context says of a descriptor, and the bus library's word for it.
 constexpr struct {
   GIOCondition seen;
   unsigned flag;

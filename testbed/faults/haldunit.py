@@ -109,7 +109,7 @@ class HaldUnit(Lifespan):
         """Nothing is mounted any more, /run is empty, and every client has ended. What is on the
         disk stays: directories. Requires: the service has ended."""
         for place in self.machine.mounts():
-            self.machine.sandbox.run(["umount", place])
+            assert self.machine.sandbox.run(["umount", place]).returncode == 0, place
         shutil.rmtree(self.machine.sandbox.path("/run/voldrake-hald"), ignore_errors=True)
         self._booted = self.machine.mark()
 

@@ -15,6 +15,7 @@ from local_volumes import STICK, arrival, removal, told
 from observations import processor_seconds, wait_until
 from testbed import timeouts
 from testbed.application import Mode
+from testbed.daemon import INFO
 from testbed.strace import Strace
 from testbed.unit import Unit
 
@@ -330,10 +331,13 @@ def test_failed_attempts_leave_no_descriptors(running_unit: Unit) -> None:
         unit.settle()
         unit.hal.pull("stick")
         unit.settle()
+    # After the first signal only this text waits, so that it is the next one of any attempt.
+    unit.daemon.signal(signal.SIGUSR1)
+    unit.daemon.expect_log(INFO, "SIGUSR1: Republishing all mounted FS to VessaApp")
+    unit.settle()
     unit.application.listen()
     unit.daemon.signal(signal.SIGUSR1)
-    # One that waited may come before the signal does.
-    unit.application.expect_message("dataarrival", path="/media/sda1")
+    assert unit.application.next_text() == arrival("/media/sda1")
     # Other threads have sockets for moments.
     wait_until(lambda: len(descriptors(unit)) <= len(before), "only the former ones are open")
 
