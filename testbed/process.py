@@ -90,6 +90,21 @@ class Process:
         stat = Path(f"/proc/{self._entry.pid}/stat").read_text(encoding="ascii", errors="replace")
         return stat.rpartition(")")[2].split()[0] == "T"
 
+    def descriptors(self) -> dict[int, str]:
+        """What each descriptor that it has open stands for; of a moment, as all that follows."""
+        return self._read_descriptors(lambda number: True)
+
+    def inherited_descriptors(self) -> dict[int, str]:
+        """Those of them that a program which it starts would get."""
+        return self._read_descriptors(lambda number: not self._flags(number) & os.O_CLOEXEC)
+
+    def status(self, name: str) -> int:
+        """A number of /proc/PID/status, such as "Threads" or "VmRSS" (in kB)."""
+        for line in Path(f"/proc/{self.pid}/status").read_text().splitlines():
+            if line.startswith(f"{name}:"):
+                return int(line.split()[1])
+        raise KeyError(name)
+
     def write_line(self, line: str) -> None:
         """Send a line to standard input. Requires: spawned with `stdin=True`."""
         assert self._entry.stdin
@@ -148,6 +163,20 @@ class Process:
                 *lines, rest = (rest + data).split(b"\n")
                 for line in lines:
                     on_line(line.decode("utf-8", "surrogateescape"))
+
+    def _read_descriptors(self, wanted: Callable[[int], bool]) -> dict[int, str]:
+        found = {}
+        for number in map(int, os.listdir(f"/proc/{self.pid}/fd")):
+            try:
+                if wanted(number):
+                    found[number] = os.readlink(f"/proc/{self.pid}/fd/{number}")
+            except FileNotFoundError:
+                pass  # closed meanwhile
+        return found
+
+    def _flags(self, number: int) -> int:
+        information = Path(f"/proc/{self.pid}/fdinfo/{number}").read_text()
+        return int(information.split("flags:")[1].split()[0], 8)
 
     def _find_program(self) -> int | None:
         """The program's process id out here; None when it has ended already."""

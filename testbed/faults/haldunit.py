@@ -79,7 +79,7 @@ class HaldUnit(Lifespan):
         """Threads, without those of a pool, and descriptors."""
         assert self.machine.process
         kept = [name for name in self.threads() if not name.startswith("pool")]
-        return len(kept), len(os.listdir(f"/proc/{self.machine.process.pid}/fd"))
+        return len(kept), len(self.machine.process.descriptors())
 
     def settle(self, patience: float) -> str:
         """It has dealt with all events until now; empty, or why it has not."""

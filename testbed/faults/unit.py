@@ -109,13 +109,7 @@ class FaultUnit(Lifespan):
     def descriptors(self) -> list[str]:
         """What the daemon has open."""
         assert self.unit.daemon.process
-        found = []
-        for entry in Path(f"/proc/{self.unit.daemon.process.pid}/fd").iterdir():
-            try:
-                found.append(os.readlink(entry))
-            except OSError:
-                pass  # closed meanwhile
-        return sorted(found)
+        return sorted(self.unit.daemon.process.descriptors().values())
 
     def settle(self, patience: float) -> str:
         """Wait until the daemon has dealt with all signals until now; empty, or why it has not."""

@@ -59,8 +59,10 @@ class HaldPlayer(Lifespan):
 
     def figures(self) -> dict[str, int]:
         """What the table of a run shows."""
-        return {"checks": self._checks, "RSS kB": self._status("VmRSS"),
-                "threads": self._status("Threads"), "fds": self._descriptors()}
+        assert self.machine.process
+        process = self.machine.process
+        return {"checks": self._checks, "RSS kB": process.status("VmRSS"),
+                "threads": process.status("Threads"), "fds": len(process.descriptors())}
 
     def times(self) -> dict[str, float]:
         """Processor seconds until now, of the service since its last start."""
@@ -158,7 +160,9 @@ class HaldPlayer(Lifespan):
             raise Violation(f"left when all is gone: {self._objects}")
         if left := os.listdir(self.machine.sandbox.path("/media")):
             raise Violation(f"left in /media: {left}")
-        size = (self._status("Threads"), self._descriptors())
+        assert self.machine.process
+        process = self.machine.process
+        size = (process.status("Threads"), len(process.descriptors()))
         self._at_rest = self._at_rest or size
         if size != self._at_rest:
             raise Violation(f"threads and descriptors: {size}, at first {self._at_rest}")
@@ -230,17 +234,6 @@ class HaldPlayer(Lifespan):
             return sd_card(name, host=int(name[-1]), **options)
         return usb_disk(name, port=f"1-1.{number + 1}", host=number, usb_serial=f"S{number}",
                         **options)
-
-    def _status(self, name: str) -> int:
-        assert self.machine.process
-        for line in Path(f"/proc/{self.machine.process.pid}/status").read_text().splitlines():
-            if line.startswith(f"{name}:"):
-                return int(line.split()[1])
-        raise KeyError(name)
-
-    def _descriptors(self) -> int:
-        assert self.machine.process
-        return len(os.listdir(f"/proc/{self.machine.process.pid}/fd"))
 
 
 class HaldMaker:

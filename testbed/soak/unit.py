@@ -243,17 +243,14 @@ class SoakUnit(Lifespan):
         return int.from_bytes(counts.read_bytes()[:8], "little") if counts.exists() else None
 
     def status(self, name: str) -> int:
-        """A number of the daemon's status, such as "Threads" or "VmRSS" (in kB)."""
+        """As `Process.status`, of the daemon."""
         assert self.process
-        for line in Path(f"/proc/{self.process.pid}/status").read_text().splitlines():
-            if line.startswith(f"{name}:"):
-                return int(line.split()[1])
-        raise KeyError(name)
+        return self.process.status(name)
 
     def descriptors(self) -> int:
         """How many the daemon has open."""
         assert self.process
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+        return len(self.process.descriptors())
 
     def start_daemon(self) -> None:
         """It has done its start-up scan on return. The account of what it does begins anew."""

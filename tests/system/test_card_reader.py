@@ -1,8 +1,5 @@
 """Cards in a USB card reader: when the reader is asked, what with, and what comes of the answer."""
 
-import os
-from pathlib import Path
-
 import pytest
 
 from local_volumes import arrival, checked, mark, said, told
@@ -58,14 +55,8 @@ def recorded(unit: Unit, device: str = "/dev/sda1", *, expected: tuple[str, ...]
 
 def descriptors(unit: Unit) -> list[str]:
     """What the daemon's descriptors stand for, without those of other threads' moments."""
-    found = []
-    for place in Path(f"/proc/{unit.daemon.process.pid}/fd").iterdir():
-        try:
-            found.append(os.readlink(place))
-        except FileNotFoundError:
-            pass  # closed meanwhile
-    return sorted(name for name in found if not name.startswith(("socket:", "/var/log/"))
-                  and not name.endswith(".log"))
+    return sorted(name for name in unit.daemon.process.descriptors().values()
+                  if not name.startswith(("socket:", "/var/log/")) and not name.endswith(".log"))
 
 
 def failures(unit: Unit, since: int) -> list[tuple[int, str]]:

@@ -21,6 +21,7 @@ STICKS = 300
 @pytest.mark.skipif(not target.built_with("VOLDRAKE_STATIC_RUNTIME"),
                     reason="a shared C++ runtime has last words of its own")
 @pytest.mark.native("the memory would run out first")
+@pytest.mark.slow
 def test_without_memory_it_ends_with_a_line_instead_of_living_half(running_unit: Unit) -> None:
     unit = running_unit
     assert unit.daemon.process and unit.daemon.process.pid

@@ -18,6 +18,7 @@ def fixture_trials(log_directory: Path) -> Iterator[HaldTrials]:
         yield made
 
 
+@pytest.mark.slow
 def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTrials) -> None:
     calls = trials.calls("mount")
     directory = next(one for one in calls if one.call == "mkdir" and "/media/sda1" in one.text)
@@ -33,6 +34,7 @@ def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTri
         assert result.kind == kind and words in said, said
 
 
+@pytest.mark.slow
 def test_a_machine_that_loses_power_goes_on_from_there(log_directory: Path) -> None:
     with HaldTrials(log_directory / "faults", patience=5.0, cut=True) as trials:
         made = next(one for one in trials.calls("mount")

@@ -1,7 +1,6 @@
 """When messages go out: one per connection and tick, in order, and what a bad application costs."""
 
 import contextlib
-import os
 import re
 import signal
 import socket
@@ -139,24 +138,6 @@ def refused(unit: Unit, publish: Callable[[], object]) -> None:
     before = tcp_counter(unit, "AttemptFails")
     publish()
     wait_until(lambda: tcp_counter(unit, "AttemptFails") > before, "an attempt is refused")
-
-
-def descriptors(unit: Unit) -> list[str]:
-    """The numbers of the daemon's descriptors."""
-    return sorted(os.listdir(f"/proc/{unit.daemon.process.pid}/fd"))
-
-
-def inherited_descriptors(unit: Unit) -> set[str]:
-    """The numbers of those of the daemon's descriptors that a program it runs would get."""
-    found = set()
-    for place in Path(f"/proc/{unit.daemon.process.pid}/fdinfo").iterdir():
-        try:
-            flags = int(place.read_text().split("flags:")[1].split()[0], 8)
-        except FileNotFoundError:
-            continue  # closed meanwhile
-        if not flags & os.O_CLOEXEC:
-            found.add(place.name)
-    return found
 
 
 def gaps(times: list[float]) -> list[float]:
@@ -298,7 +279,7 @@ def test_an_application_that_does_not_read_on_is_given_up_after_two_seconds(
         unit.hal.plug("usb second port=1-1.1")
         unit.settle()
         used = processor_seconds(unit)
-        assert inherited_descriptors(unit) <= {"0", "1", "2"}
+        assert unit.daemon.process.inherited_descriptors().keys() <= {0, 1, 2}
         application.wait_for(2, timeouts.EVENT)
         assert processor_seconds(unit) - used <= 0.2 * timeouts.SCALE
         assert application.texts[1] == arrival("/media/sdb1")
@@ -324,7 +305,7 @@ def test_failed_attempts_leave_no_descriptors(running_unit: Unit) -> None:
     unit.hal.plug("usb other")
     unit.application.next_text()
     unit.settle()
-    before = descriptors(unit)
+    before = len(unit.daemon.process.descriptors())
     unit.application.leave()
     for _ in range(10):
         unit.hal.plug(STICK)
@@ -339,7 +320,8 @@ def test_failed_attempts_leave_no_descriptors(running_unit: Unit) -> None:
     unit.daemon.signal(signal.SIGUSR1)
     assert unit.application.next_text() == arrival("/media/sda1")
     # Other threads have sockets for moments.
-    wait_until(lambda: len(descriptors(unit)) <= len(before), "only the former ones are open")
+    wait_until(lambda: len(unit.daemon.process.descriptors()) <= before,
+               "only the former ones are open")
 
 
 def test_an_answer_of_the_application_is_not_waited_for(running_unit: Unit) -> None:

@@ -303,14 +303,13 @@ def test_a_peer_that_never_ends_its_frame_is_dropped_when_no_frame_can_come(
 
 def test_more_connections_than_are_held_wait_and_are_heard(start: Callable[..., Monitor]) -> None:
     monitor = start("--json")
-    descriptors = f"/proc/{monitor.process.pid}/fd"
-    alone = len(os.listdir(descriptors))
+    alone = len(monitor.process.descriptors())
     held = [monitor.connect() for _ in range(CONNECTIONS + 20)]
     monitor.send(frame.encode(REMOVAL))  # the kernel takes it
-    wait_until(lambda: len(os.listdir(descriptors)) - alone >= CONNECTIONS, "as many are open")
+    wait_until(lambda: len(monitor.process.descriptors()) - alone >= CONNECTIONS, "as many are open")
     for connection in held:
         # One more may have been accepted at the moment when the limit was reached.
-        assert len(os.listdir(descriptors)) - alone <= CONNECTIONS + 1
+        assert len(monitor.process.descriptors()) - alone <= CONNECTIONS + 1
         connection.close()
     told = [monitor.object()["well_formed"] for _ in range(len(held) + 1)]
     assert sorted(told) == [False] * len(held) + [True]

@@ -122,24 +122,10 @@ def test_no_deadline_of_an_answered_call_keeps_the_main_loop_awake(running_unit:
     assert strace.times(r"\], \d+, [1-9]") == []
 
 
-def inherited_by_a_tool(unit: Unit) -> set[str]:
-    """The descriptors of those that the daemon has open which a program that it runs gets."""
-    found = set()
-    for descriptor in Path(f"/proc/{unit.daemon.process.pid}/fdinfo").iterdir():
-        try:
-            flags = int(descriptor.read_text().split("flags:")[1].split()[0], 8)
-            target = os.readlink(descriptor.parent.parent / "fd" / descriptor.name)
-        except FileNotFoundError:
-            continue  # closed meanwhile
-        if not flags & os.O_CLOEXEC:
-            found.add(f"{descriptor.name} {target}")
-    return found
-
-
-def standard_streams(unit: Unit) -> set[str]:
+def standard_streams(unit: Unit) -> dict[int, str]:
     """The descriptors that the daemon was started with."""
-    return {f"{number} {os.readlink(f'/proc/{unit.daemon.process.pid}/fd/{number}')}"
-            for number in range(3)}
+    descriptors = unit.daemon.process.descriptors()
+    return {number: descriptors[number] for number in range(3)}
 
 
 def test_every_descriptor_is_closed_on_exec(make_unit, network: Network) -> None:
@@ -150,9 +136,8 @@ def test_every_descriptor_is_closed_on_exec(make_unit, network: Network) -> None
     unit.hal.plug("usb stick")
     unit.settle()
     wait_until(lambda: "(10000)" in sockets(unit), "the browser listens")
-    descriptors = Path(f"/proc/{unit.daemon.process.pid}/fd")
-    wait_until(lambda: len(list(descriptors.iterdir())) >= 8, "all is open")
-    assert inherited_by_a_tool(unit) == standard_streams(unit)
+    wait_until(lambda: len(unit.daemon.process.descriptors()) >= 8, "all is open")
+    assert unit.daemon.process.inherited_descriptors() == standard_streams(unit)
 
 
 @pytest.mark.parametrize("log_file", ["/var/log/voldrake.log", None], ids=["log file", "syslog"])

@@ -112,7 +112,7 @@ def gaps(times: list[float]) -> list[float]:
 
 def open_descriptors(unit: Unit) -> int:
     """How many descriptors the daemon has."""
-    return len(os.listdir(f"/proc/{unit.daemon.process.pid}/fd"))
+    return len(unit.daemon.process.descriptors())
 
 
 def processor_share(unit: Unit, seconds: float) -> float:

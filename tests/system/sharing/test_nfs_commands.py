@@ -156,20 +156,9 @@ def test_the_shell_gets_exactly_these_command_lines(unit, tools, peer, log_direc
 def test_commands_inherit_no_descriptor_of_the_daemon(unit, tools, peer) -> None:
     start_sharing(unit, "--internal-share-path", "/srv/charts")
     peer.expect_announcement("/srv/charts")
-    directory = f"/proc/{unit.daemon.process.pid}"
-    flags = {}
-    for descriptor in os.listdir(f"{directory}/fd"):
-        try:
-            target = os.readlink(f"{directory}/fd/{descriptor}")
-            with open(f"{directory}/fdinfo/{descriptor}", encoding="ascii") as information:
-                octal = re.search(r"flags:\s+(\d+)", information.read())
-        except FileNotFoundError:
-            continue  # closed just now
-        flags[int(descriptor)] = (target, int(octal[1], 8))
-    inherited = {number: target for number, (target, flag) in flags.items()
-                 if number > 2 and not flag & os.O_CLOEXEC}
-    assert inherited == {}
-    assert sum(target.startswith("socket:") for target, _ in flags.values()) >= 3
+    process = unit.daemon.process
+    assert process.inherited_descriptors().keys() <= {0, 1, 2}
+    assert sum(target.startswith("socket:") for target in process.descriptors().values()) >= 3
 
 
 def test_a_mount_that_hangs_holds_up_neither_announcements_nor_local_volumes(unit, tools,

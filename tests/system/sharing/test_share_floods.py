@@ -1,9 +1,7 @@
 """More announcements than units ever make: the daemon lives, and real shares come back."""
 
-import re
 import signal
 import time
-from pathlib import Path
 from typing import Iterable
 
 import pytest
@@ -20,8 +18,7 @@ MANY = 10_000
 
 def memory_megabytes(unit) -> float:
     """The most memory that the daemon has had."""
-    status = Path(f"/proc/{unit.daemon.process.pid}/status").read_text()
-    return int(re.search(r"VmHWM:\s+(\d+) kB", status)[1]) / 1024
+    return unit.daemon.process.status("VmHWM") / 1024
 
 
 def flood(peer, seconds: float = 3.0) -> None:
@@ -42,6 +39,7 @@ def flood_as_it_is_read(unit, peer, numbers: Iterable[int]) -> None:
             wait_until(lambda: nothing_waits(unit), "the daemon has read the announcements")
 
 
+@pytest.mark.slow
 def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
     """Nobody takes the reports, which is the worst that can happen to the daemon's memory."""
     stranger, friend = make_peer("169.254.3.7"), make_peer("169.254.3.8")
@@ -67,6 +65,7 @@ def test_ten_thousand_shares_pass_by(unit, make_peer) -> None:
     assert unit.daemon.stderr() == ""
 
 
+@pytest.mark.slow
 def test_shares_are_refused_while_thousands_of_messages_wait(unit, peer) -> None:
     refusal = "OnServiceAdded: 4096 messages wait for the application, further shares are refused"
     add_quick_tools(unit)
