@@ -36,6 +36,7 @@ PLACES = {
 }
 
 
+@pytest.mark.slow
 @pytest.mark.parametrize("options, directory", PLACES.values(), ids=PLACES)
 def test_unit_and_start_script_read_the_options_where_they_are_installed(
         tmp_path: Path, options: list[str], directory: str) -> None:
