@@ -169,6 +169,9 @@ class SoakUnit(Lifespan):
             self.doubts.rescan()
         self.process.signal(getattr(signal, f"SIG{name}"))
 
+    def rotate(self) -> None:
+        self.log.rotate()  # another one after each start of the daemon
+
     def identity(self, name: str, text: str) -> None:
         self.ledger.identities.add(text)
         path = self.sandbox.path(_IDENTITIES[name])
@@ -310,7 +313,7 @@ class SoakUnit(Lifespan):
 
 def _verbs(unit: SoakUnit) -> dict[str, Callable[..., None]]:
     return {"hal": unit.hal, "stranger": unit.stranger.command, "settle": unit.settle,
-            "signal": unit.signal, "rotate": unit.log.rotate, "identity": unit.identity,
+            "signal": unit.signal, "rotate": unit.rotate, "identity": unit.identity,
             "application": unit.application_does, "share": unit.share, "silent": unit.silent,
             "withdraw": unit.withdraw, "datagram": unit.datagram, "network": unit.network,
             "refuse": unit.tools.refuse, "obey": unit.tools.obey,

@@ -54,6 +54,17 @@ def test_what_comes_and_goes_leaves_nothing(player: DaemonPlayer):
     assert player.unit.ledger.messages >= 6
 
 
+@pytest.mark.native("no question for hardware addresses comes through")
+def test_a_log_that_is_moved_away_is_read_on(player: DaemonPlayer):
+    play(player, "identity serial 4711" + STICKS + """
+        rotate
+        hal pull usb0
+        compare
+        rest
+    """)
+    assert player.unit.ledger.messages >= 3
+
+
 @pytest.mark.native("the emulator's clock would run fast, too")
 @pytest.mark.skipif(target.sanitized(), reason="the library of the clock bears no sanitizer")
 @pytest.mark.undelayed("two clocks are compared")
