@@ -33,6 +33,7 @@ class Checks:
         self.unit = unit
         self._patience = patience
         self.done = 0
+        self.mounted = self.sure = 0  # volumes at all looks; those that had to be listed
         self.threads = 0  # when first at rest
         self.descriptors = 0  # the fewest
         self.resting: dict[str, int] = {}  # sizes when last at rest
@@ -133,6 +134,8 @@ class Checks:
         doubted, excused = self.unit.doubts.doubted(), self.unit.doubts.excused()
         sure = {(volume.device, volume.place) for volume in volumes
                 if _is_served(volume) and volume.mounted and volume.name not in doubted}
+        self.mounted += sum(_is_served(volume) and volume.mounted for volume in volumes)
+        self.sure += len(sure)
         missing = sure - set(listed)
         if missing:
             raise Violation(f"mounted and not listed: {missing}; listed: {listed}")

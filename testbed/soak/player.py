@@ -47,7 +47,9 @@ class DaemonPlayer(Lifespan):
         unit = self.unit
         return {"datagrams": sum(neighbour.sent for neighbour in unit.neighbours),
                 "messages": unit.ledger.local.delivered + unit.ledger.remote.delivered,
-                "checks": self.checks.done, "RSS kB": unit.status("VmRSS"),
+                "checks": self.checks.done,
+                "sure %": 100 * self.checks.sure // max(self.checks.mounted, 1),
+                "RSS kB": unit.status("VmRSS"),
                 **self.checks.resting}
 
     def times(self) -> dict[str, float]:

@@ -44,9 +44,9 @@ class Story:
         while len(self.lines) < lines:
             self.lines += self._choice.choices(kinds, weights)[0]()
             lot = self._choice.random()
-            if lot < 0.03:
+            if lot < 0.015:
                 self.lines.append("quiet")
-            elif lot < 0.035:
+            elif lot < 0.03:  # else what is in doubt would soon be most of all
                 self.lines.append("heal")
         if self._choice.random() < 0.2:
             self.lines.append("compare")
