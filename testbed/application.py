@@ -156,22 +156,24 @@ class Application:
         while not self._queue_is_full():
             self._held.append(self._sandbox.in_network(
                 lambda: socket.create_connection(("127.0.0.1", self.port), timeouts.EVENT)))
-            waiting.wait_until(lambda: self._queued()[0] == len(self._held), "it is in the queue")
+            waiting.wait_until(lambda: queued(self._listener)[0] == len(self._held),
+                               "it is in the queue")
 
     def _queue_is_full(self) -> bool:
-        length, limit = self._queued()
-        return length > limit
-
-    def _queued(self) -> tuple[int, int]:
-        """How many connections wait to be accepted, and the limit that they may exceed by one."""
         assert self._listener
-        information = self._listener.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 32)
-        return struct.unpack_from("II", information, _LENGTH_AND_LIMIT)
+        length, limit = queued(self._listener)
+        return length > limit
 
     def _in_thread(self, body, *arguments) -> None:
         thread = threading.Thread(target=body, args=arguments, daemon=True)
         self._threads.append(thread)
         thread.start()
+
+
+def queued(listener: socket.socket) -> tuple[int, int]:
+    """How many connections wait to be accepted, and the limit that they may exceed by one."""
+    information = listener.getsockopt(socket.IPPROTO_TCP, socket.TCP_INFO, 32)
+    return struct.unpack_from("II", information, _LENGTH_AND_LIMIT)
 
 
 def message(kind: str, **attributes: str) -> Wanted:

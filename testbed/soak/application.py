@@ -5,6 +5,7 @@ import struct
 import threading
 
 from testbed import timeouts
+from testbed.application import queued
 from testbed.frame import BadFrame, Frame
 from testbed.sandbox import Sandbox
 
@@ -43,7 +44,7 @@ class Application:
         self._thread.start()
 
     def leave(self) -> None:
-        """Be absent. What waited is read first; a connection that comes just now is lost."""
+        """Be absent. What waited is read first; connections that come just now are lost."""
         if not self._listener or not self._thread:
             return
         listener, self._listener = self._listener, None
@@ -54,10 +55,11 @@ class Application:
             ("127.0.0.1", self._port), timeouts.EVENT))
         last.close()
         self._thread.join(timeouts.STOP)
+        waiting, _ = queued(listener)
         listener.close()
         self._leaving.clear()
         with self._lock:
-            self._came += [LOSS, LOSS]
+            self._came += [LOSS] * (waiting + 2)  # the last may come meanwhile
 
     def hang(self) -> None:
         """Accept nothing until `go_on`."""
