@@ -32,6 +32,14 @@ void LogUnread(const std::string& path) {
                        " cannot be read, and stays unknown until its next udev event");
 }
 
+/// Whether udev has not dealt with the device yet, so that there will be an event. False also if
+/// what udev knows of it cannot be read.
+bool IsToCome(udev_device* device) {
+  errno = 0;
+  const char* time = udev_device_get_property_value(device, "USEC_INITIALIZED");
+  return time == nullptr && (errno == 0 || errno == ENOENT);
+}
+
 }  // namespace
 
 void UdevWatch::Unref::operator()(udev* context) const {
@@ -78,16 +86,14 @@ std::vector<BlockFacts> UdevWatch::Enumerate() {
       udev_enumerate_new(context_.get()));
   int result = devices ? udev_enumerate_add_match_subsystem(devices.get(), "block") : -ENOMEM;
   if (result >= 0) result = udev_enumerate_scan_devices(devices.get());
-  if (result < 0) {
-    Log(LOG_ERR, Failure("cannot read the list of disks", -result));
-    return found;
-  }
+  // What cannot be read is left out of the list, and the rest is there.
+  if (result < 0) Log(LOG_ERR, Failure("cannot read the whole list of disks", -result));
+  if (!devices) return found;
   udev_list_entry* entry = nullptr;
   udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(devices.get())) {
     const std::unique_ptr<udev_device, Unref> device(
         udev_device_new_from_syspath(context_.get(), udev_list_entry_get_name(entry)));
-    // udev has not dealt with it: its event is to come.
-    if (device && !udev_device_get_property_value(device.get(), "USEC_INITIALIZED")) continue;
+    if (device && IsToCome(device.get())) continue;
     std::optional<BlockFacts> facts;
     if (device) facts = FactsOf(device.get());
     if (facts) {

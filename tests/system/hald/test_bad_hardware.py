@@ -240,6 +240,19 @@ def test_what_cannot_be_read_is_named_in_the_log(running: HaldMachine, stick: Di
     assert running.told(since)[-1] == "DeviceAdded volume_uuid_B"
 
 
+def test_what_cannot_be_read_at_the_start_is_named_in_the_log(machine: HaldMachine, stick: Disk):
+    machine.udev.place(stick, usb_disk("sdb", port="1-1.4", host=1, partitions=[FileSystem("C")]))
+    link = machine.sandbox.path(f"{machine.udev.root}{stick.disk.path}/subsystem")
+    link.unlink()
+    link.write_text("")
+    since = machine.mark()
+    machine.start_service()
+    texts = [record.text for record in machine.records(since)]
+    assert "cannot read the whole list of disks: Invalid argument" in texts
+    assert "sda1 cannot be read, and stays unknown until its next udev event" in texts
+    assert machine.volumes() == ["volume_uuid_C"], "the other disk is served"
+
+
 def test_without_udev_there_is_a_clear_line_and_status_1(machine: HaldMachine):
     machine.sandbox.path("/run/udev/control").unlink()
     process = machine.launch()
