@@ -224,7 +224,7 @@ class Sandbox(Lifespan):
     @staticmethod
     def _environment(more: Mapping[str, str] | None) -> dict[str, str]:
         passed_on = {name: os.environ[name] for name in _PASSED_ON if name in os.environ}
-        return _ENVIRONMENT | passed_on | dict(more or {})
+        return _ENVIRONMENT | passed_on | target.sanitizer_options() | dict(more or {})
 
 
 def has_own(directory: Path) -> bool:

@@ -3,9 +3,12 @@
 VOLDRAKE_BUILD_DIR names the build directory; the default is build/dev. A daemon built for another
 processor needs two more: VOLDRAKE_EMULATOR, a static user-mode emulator, and VOLDRAKE_SYSROOT,
 whose libraries it uses. Then only the daemon is emulated; the bus, the stand-ins (those of
-build/dev) and the tools that the daemon runs stay native.
+build/dev) and the tools that the daemon runs stay native. With a daemon that has the thread
+sanitizer the stand-ins are those of build/dev, too: the sanitizer does not see how GLib's threads
+meet, and would report all that they share.
 """
 
+import functools
 import os
 from pathlib import Path
 
@@ -54,9 +57,22 @@ def built_with(option: str) -> bool:
 
 def sanitized() -> bool:
     """True if the daemon was built with the address or thread sanitizer."""
-    daemon = built("voldrake")
-    words = daemon.read_bytes() if daemon.exists() else b""
-    return b"__asan_init" in words or b"__tsan_init" in words
+    return _mentions("__asan_init") or thread_sanitized()
+
+
+def thread_sanitized() -> bool:
+    """True if the daemon was built with the thread sanitizer, which has a thread of its own."""
+    return _mentions("__tsan_init")
+
+
+def sanitizer_options() -> dict[str, str]:
+    """What a program in a sandbox is started with for the daemon's sanitizer: it is silent about what
+    is known of libdbus, and does not pause at the end to catch other threads."""
+    if not thread_sanitized():
+        return {}
+    options = os.environ.get("TSAN_OPTIONS", "")
+    known = INSIDE / "helpers/thread-sanitizer"
+    return {"TSAN_OPTIONS": f"{options}:suppressions={known}:atexit_sleep_ms=0"}
 
 
 def preloading(*libraries: str) -> dict[str, str]:
@@ -112,6 +128,12 @@ def written_by_programs() -> list[Path]:
 
 def built(name: str) -> Path:
     """Where a program has been built, or would be."""
-    if emulated() and name != "voldrake":
+    if name != "voldrake" and (emulated() or thread_sanitized()):
         return REPOSITORY / _DEFAULT_BUILD / _PROGRAMS[name]
     return build_directory() / _PROGRAMS[name]
+
+
+@functools.cache
+def _mentions(symbol: str) -> bool:
+    daemon = built("voldrake")
+    return daemon.exists() and symbol.encode() in daemon.read_bytes()

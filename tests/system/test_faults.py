@@ -39,6 +39,7 @@ def said(result: Result) -> str:
     return f"{result.kind}: {' | '.join((result.hit, *result.words))}"
 
 
+@pytest.mark.counts_threads
 def test_an_arrival_bears_faults_and_what_it_does_not_bear_is_found(trials: DaemonTrials) -> None:
     calls = trials.calls("arrival")
     figures = Figures()

@@ -66,6 +66,7 @@ def length(calls: list[Call]) -> float:
 
 
 @pytest.mark.native("other threads would be seen")
+@pytest.mark.counts_threads
 def test_at_rest_nothing_but_its_own_waits_wakes_it(running_unit: Unit) -> None:
     running_unit.hal.plug("usb stick")
     running_unit.application.expect_message("dataarrival")
@@ -74,6 +75,7 @@ def test_at_rest_nothing_but_its_own_waits_wakes_it(running_unit: Unit) -> None:
 
 
 @pytest.mark.native("other threads would be seen")
+@pytest.mark.counts_threads
 def test_at_rest_with_a_network_the_browser_sleeps_too(make_unit, network: Network) -> None:
     unit = make_unit(network=network, address="169.254.1.1")
     unit.start_daemon()
@@ -90,6 +92,7 @@ def sockets(unit: Unit) -> str:
 
 
 @pytest.mark.native("other threads would be seen")
+@pytest.mark.counts_threads
 def test_without_its_bus_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.bus.kill()
     running_unit.daemon.log.expect(Wanted(
@@ -98,6 +101,7 @@ def test_without_its_bus_the_daemon_rests(running_unit: Unit) -> None:
 
 
 @pytest.mark.native("other threads would be seen")
+@pytest.mark.counts_threads
 def test_without_the_application_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.application.leave()
     running_unit.hal.plug("usb stick")

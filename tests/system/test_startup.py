@@ -228,6 +228,7 @@ def test_standard_streams_that_are_closed_are_opened_on_the_null_device(unit: Un
 
 
 @pytest.mark.native("its own threads would be made")
+@pytest.mark.counts_threads
 @pytest.mark.parametrize("which", [1, 2, 3, 4],
                          ids=["the message client", "the publisher", "the service list",
                               "the browser"])
