@@ -34,7 +34,7 @@ void LogUnread(const std::string& path) {
 
 /// Whether udev has not dealt with the device yet, so that there will be an event. False also if
 /// what udev knows of it cannot be read.
-bool IsToCome(udev_device* device) {
+bool EventIsToCome(udev_device* device) {
   errno = 0;
   const char* time = udev_device_get_property_value(device, "USEC_INITIALIZED");
   return time == nullptr && (errno == 0 || errno == ENOENT);
@@ -93,7 +93,7 @@ std::vector<BlockFacts> UdevWatch::Enumerate() {
   udev_list_entry_foreach(entry, udev_enumerate_get_list_entry(devices.get())) {
     const std::unique_ptr<udev_device, Unref> device(
         udev_device_new_from_syspath(context_.get(), udev_list_entry_get_name(entry)));
-    if (device && IsToCome(device.get())) continue;
+    if (device && EventIsToCome(device.get())) continue;
     std::optional<BlockFacts> facts;
     if (device) facts = FactsOf(device.get());
     if (facts) {

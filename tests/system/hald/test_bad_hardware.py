@@ -253,6 +253,18 @@ def test_what_cannot_be_read_at_the_start_is_named_in_the_log(machine: HaldMachi
     assert machine.volumes() == ["volume_uuid_C"], "the other disk is served"
 
 
+def test_a_record_that_cannot_be_read_at_the_start_is_no_record_to_come(machine: HaldMachine,
+                                                                       stick: Disk):
+    machine.udev.place(stick)
+    record = machine.sandbox.path(f"{machine.udev.root}{stick.disk.path}/uevent")
+    record.unlink()
+    record.mkdir()
+    since = machine.mark()
+    machine.start_service()
+    assert "sda cannot be read, and stays unknown until its next udev event" in [
+        line.text for line in machine.records(since)]
+
+
 def test_without_udev_there_is_a_clear_line_and_status_1(machine: HaldMachine):
     machine.sandbox.path("/run/udev/control").unlink()
     process = machine.launch()
