@@ -16,8 +16,6 @@ from testbed.soak.story import Story
 from testbed.soak.unit import SoakUnit
 
 _LINES = 60
-#: For the end: on a busy machine the daemon gives way to strangers, too, each time for a while.
-_END = 10 * timeouts.STOP
 #: The first of these wait for the daemon, and "obey" is for the end.
 _NOT_NOW = ("settle", "quiet", "heal", "compare", "rest", "refuse", "obey", "rotate")
 
@@ -45,7 +43,7 @@ def flood_and_end(unit: SoakUnit, seed: str) -> None:
         if number == end:
             unit.process.signal(signal.SIGTERM)
         unit.play(line)
-    status, said = unit.process.wait(_END), unit.process.stderr()
+    status, said = unit.process.wait(timeouts.STOP), unit.process.stderr()
     if (status, said) != (0, ""):
         raise Violation(f"ended with status {status}, saying {said!r}")
     if left := unit.tools.mounted():

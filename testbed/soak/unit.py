@@ -63,6 +63,8 @@ usbid=2-9
 _HEAP_COUNTER = "tests/libsoak-heap-counter.so"
 _HEAP_COUNTS = "/srv/soak/heap-counts"
 _YIELDS = "testbed/preload/libdelays.so"
+#: Microseconds that a daemon spends on giving way: each time a busy machine may do something else.
+_GIVING_WAY = 3_000_000
 #: In /usr/lib: libfaketime for programs with threads.
 _FAST_CLOCK = "*/faketime/libfaketimeMT.so.1"
 _NEIGHBOURS = 3
@@ -290,7 +292,7 @@ class SoakUnit(Lifespan):
                             "FAKETIME_DISABLE_SHM": "1"}
         if self._yields:
             preloaded.append(self._copied(_YIELDS))
-            environment["VOLDRAKE_DELAYS"] = "voldrake 0 1 0 0"
+            environment["VOLDRAKE_DELAYS"] = f"voldrake 0 1 0 {_GIVING_WAY}"
         return environment | target.preloading(*preloaded)
 
     def _copied(self, library: str) -> str:
