@@ -47,6 +47,8 @@ class Checks:
         unit.settle()
         self._alive()
         volumes = unit.service.volumes()
+        plugged, thought = unit.service.plugged(), unit.doubts.plugged()
+        assert plugged == thought, f"plugged are {plugged}, and not {thought}: a fault of this test"
         listed = self._republished()
         self._check_list(volumes, list(listed))
         self._check_reported(volumes, listed)
@@ -99,7 +101,7 @@ class Checks:
             for path in neighbour.shared():
                 neighbour.withdraw(path)
         for name in sorted(set(unit.service.names.values())):
-            unit.service.command(f"pull {name}")
+            unit.hal(f"pull {name}")
         for name in unit.left_behind:
             _remove(unit, name)
         unit.left_behind.clear()

@@ -93,6 +93,11 @@ class Doubts:
         with self._lock:
             return set(self._doubted)
 
+    def plugged(self) -> set[str]:
+        """The names of what must be plugged in."""
+        with self._lock:
+            return set(self._plugged)
+
     def excused(self) -> set[str]:
         """The names whose volumes need not be mounted."""
         with self._lock:

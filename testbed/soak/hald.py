@@ -15,6 +15,7 @@ from pathlib import Path
 
 from testbed.hald import PREFIX, HaldMachine
 from testbed.lifespan import Lifespan
+from testbed.process import Process
 from testbed.soak import Violation
 from testbed.soak.figures import processor_seconds
 from testbed.soak.haldstory import DISKS, HaldStory
@@ -59,8 +60,7 @@ class HaldPlayer(Lifespan):
 
     def figures(self) -> dict[str, int]:
         """What the table of a run shows."""
-        assert self.machine.process
-        process = self.machine.process
+        process = self._process()
         return {"checks": self._checks, "sure %": 100, "RSS kB": process.status("VmRSS"),
                 "threads": process.status("Threads"), "fds": len(process.descriptors())}
 
@@ -160,8 +160,7 @@ class HaldPlayer(Lifespan):
             raise Violation(f"left when all is gone: {self._objects}")
         if left := os.listdir(self.machine.sandbox.path("/media")):
             raise Violation(f"left in /media: {left}")
-        assert self.machine.process
-        process = self.machine.process
+        process = self._process()
         size = (process.status("Threads"), len(process.descriptors()))
         self._at_rest = self._at_rest or size
         if size != self._at_rest:
@@ -181,6 +180,10 @@ class HaldPlayer(Lifespan):
             if match:
                 self._objects ^= {match[2]}
         self._seen = machine.mark()
+
+    def _process(self) -> Process:
+        assert self.machine.process
+        return self.machine.process
 
     def _forget(self) -> None:
         """Drop the tape, which would grow for ever."""

@@ -34,7 +34,8 @@ _MOST_TRIALS = 400
 _LONGEST = 600  # seconds of shortening
 REPLAY = "replay"
 FAILURES = (AssertionError, OSError, TimeoutError)
-_TITLES = ("events", "/s", "datagrams", "messages", "checks", "sure %", "RSS kB", "heap B", "threads", "fds")
+_SIZES = ("RSS kB", "heap B", "threads", "fds")
+_TITLES = ("events", "/s", "datagrams", "messages", "checks", "sure %", *_SIZES)
 
 
 class Player(Protocol):
@@ -157,7 +158,7 @@ def _tell(run: Run, file: Path | None) -> None:
         tenth = next(point for point in run.curve if point["events"] >= run.events / 10)
         last = run.curve[-1]
         print("At 10 % and 100 %: " + "; ".join(
-            f"{name} {tenth[name]:,} and {last[name]:,}" for name in _TITLES[6:] if name in last))
+            f"{name} {tenth[name]:,} and {last[name]:,}" for name in _SIZES if name in last))
     print("Processor seconds: " + ", ".join(
         f"{who} {seconds:.1f}" for who, seconds in run.times.items())
         + f"; the run took {run.curve[-1]['seconds']} s" if run.times else "")

@@ -104,6 +104,11 @@ class Service:
                  if ":volume" in name]
         return [_volume(name, udi, self.listing(f"show {udi}")) for name, udi in lines]
 
+    def plugged(self) -> set[str]:
+        """The names of what is plugged in now. A card's host stays behind it, and counts as none."""
+        names = (line.split()[1].partition(":")[0] for line in self.listing("list"))
+        return {name for name in names if not re.fullmatch(r"-|host\d+", name)}
+
     def listing(self, text: str) -> list[str]:
         """Tell it this and give what it lists."""
         self.flush()
