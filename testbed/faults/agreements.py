@@ -66,11 +66,15 @@ AGREEMENTS = (
                "mounts", "said to be mounted", "in /media", stories="mount|unmount", kills=True),
 )
 
+#: With the power the hardware service loses what it has noted of its directories.
+POWER_CUT = _agreement("the directory of a mount stays when the power is lost before it is unmounted",
+                       "in /media", "afterwards in /media", stories="unmount|removal", kills=True)
 
-def agreed(fault: "Fault", hit: str, deviations: Mapping[str, str],
-           lines: Iterable[str]) -> str:
+
+def agreed(agreements: Iterable[Agreement], fault: "Fault", hit: str,
+           deviations: Mapping[str, str], lines: Iterable[str]) -> str:
     """The words of the agreement that covers all of it; empty when there is none."""
-    for agreement in AGREEMENTS:
+    for agreement in agreements:
         if agreement.holds(fault, hit or fault.text, deviations, list(lines)):
             return agreement.words
     return ""

@@ -8,6 +8,7 @@ from collections import Counter
 from contextlib import ExitStack
 from pathlib import Path
 
+from testbed.faults.agreements import POWER_CUT
 from testbed.faults.haldunit import HALD_STORIES, HaldStory, HaldUnit
 from testbed.faults.recording import Recorded, record
 from testbed.faults.trial import STEADY, Fault, Seen, Trials, differences
@@ -31,6 +32,8 @@ class HaldTrials(Trials):
         """With `cut` the whole machine ends with a service that is killed, as in a power cut."""
         super().__init__(logs, patience, excuses)
         self._cut = cut
+        if cut and excuses:
+            self._agreements += (POWER_CUT,)
         self._unit: HaldUnit | None = None
         self._rest: State = {}
         self._sizes = (0, 0)

@@ -3,7 +3,7 @@
 from collections import Counter
 from dataclasses import dataclass, field
 from pathlib import Path
-from typing import Mapping
+from typing import Mapping, Sequence
 
 from testbed.faults import agreements, errors
 from testbed.faults.recording import Recorded
@@ -86,7 +86,7 @@ class Trials(Lifespan):
         `excuses` no loss counts as agreed."""
         self._logs = logs
         self._patience = patience
-        self._excuses = excuses
+        self._agreements = agreements.AGREEMENTS if excuses else ()
         #: By story, and whether the program is killed in it.
         self.references: dict[tuple[str, bool], list[Seen]] = {}
 
@@ -117,7 +117,7 @@ class Trials(Lifespan):
             self.close()
             return Result(fault, UNMET, seen.hit, ("another call has come at this number",))
         return judged(fault, seen, references[0],
-                      {line for one in references for line in one.lines}, self._excuses)
+                      {line for one in references for line in one.lines}, self._agreements)
 
     def _reference(self, story: str, kills: bool) -> list[Seen]:
         """What the story comes to without a fault; always the same."""
@@ -144,7 +144,8 @@ class Trials(Lifespan):
         raise NotImplementedError
 
 
-def judged(fault: Fault, seen: Seen, wanted: Seen, known: set[str], excuses: bool) -> Result:
+def judged(fault: Fault, seen: Seen, wanted: Seen, known: set[str],
+           excuses: Sequence[agreements.Agreement]) -> Result:
     """Compare what was seen with what the story comes to without a fault."""
     deviations = {what: text for what, text in seen.deviations.items()
                   if wanted.deviations.get(what) != text}
@@ -163,7 +164,7 @@ def judged(fault: Fault, seen: Seen, wanted: Seen, known: set[str], excuses: boo
     words = tuple(f"{what}: {text}" for what, text in (deviations | lost).items())
     if not words:
         return Result(fault, UNHARMED, seen.hit, tuple(said[:1]))
-    if excuses and (agreed := agreements.agreed(fault, seen.hit, deviations | lost, said)):
+    if agreed := agreements.agreed(excuses, fault, seen.hit, deviations | lost, said):
         return Result(fault, AGREED, seen.hit, (agreed, *words, *said[:1]))
     if deviations:
         return Result(fault, FINDING, seen.hit, (*words, *said[:3]))

@@ -70,7 +70,7 @@ def test_a_loss_is_agreed_or_found(trials: DaemonTrials) -> None:
     link = found(trials.calls("removal"), "main", "unlink")
     result = trials.run(fault("removal", link, "error=EACCES"))
     assert result.kind == AGREED, said(result)
-    trials._excuses = False
+    trials._agreements = ()
     result = trials.run(fault("removal", link, "error=EACCES"))
     assert result.kind == FINDING, said(result)
     assert "links: in addition ['USB Memory Card A1 -> sda1']" in result.words

@@ -42,3 +42,8 @@ def test_a_machine_that_loses_power_goes_on_from_there(log_directory: Path) -> N
         result = trials.run(Fault("mount", made.thread, made.call, made.number, KILL, made.text))
         assert (result.kind, result.words[1:]) == (AGREED, ("in /media: missing ['sda1']",))
         assert trials.references["mount", True][0].state["objects"]
+        unmounting = next(one for one in trials.calls("removal") if one.call.startswith("umount"))
+        result = trials.run(Fault("removal", unmounting.thread, unmounting.call,
+                                  unmounting.number, KILL, unmounting.text))
+        assert (result.kind, set(result.words[1:])) == (
+            AGREED, {f"{when}in /media: in addition ['sda1']" for when in ("", "afterwards ")})
