@@ -2,6 +2,7 @@
 
 import shutil
 import tempfile
+from dataclasses import dataclass, field
 from pathlib import Path
 
 from testbed.lifespan import Lifespan
@@ -9,6 +10,24 @@ from testbed.machine import surface
 from testbed.machine.emulator import USB_PORTS, Image
 from testbed.machine.unit import Unit
 from testbed.machine.volumes import Volume
+
+
+@dataclass
+class _Stick:
+    """A stick that is plugged in: its volumes as places on a disk, and as the kernel calls them."""
+
+    unit: Unit
+    port: str
+    places: tuple[Volume, ...]
+    volumes: list[Volume] = field(default_factory=list)
+
+    def learn_names(self) -> None:
+        """Ask the unit, whose volumes they are."""
+        for volume in self.volumes:
+            self.unit.volumes.remove(volume)
+        disk = self.unit.disk_at(self.port) if self.places else ""
+        self.volumes = [place.on(disk) for place in self.places]
+        self.unit.volumes.extend(self.volumes)
 
 
 class Pair(Lifespan):
@@ -26,7 +45,7 @@ class Pair(Lifespan):
         self.units = (self.north, self.south)
         self.connected = True
         self._told: dict[str, dict[str, str]] = {unit.name: {} for unit in self.units}
-        self._sticks: dict[str, tuple[Unit, str]] = {}
+        self._sticks: dict[str, _Stick] = {}
 
     def start(self) -> None:
         """Make the units, with fresh disks."""
@@ -52,23 +71,26 @@ class Pair(Lifespan):
         """The neighbour."""
         return self.south if unit is self.north else self.north
 
-    def plug(self, unit: Unit, name: str, image: Path, *volumes: Volume, port: str = "") -> None:
-        """Plug a stick with these volumes into the unit, by default into the first free port."""
-        port = port or self._free_port(unit)
-        unit.emulator.plug(name, image, port)
-        self._sticks[name] = (unit, port)
-        unit.volumes.extend(volumes)
+    def plug(self, unit: Unit, name: str, image: Path, *volumes: Volume) -> list[Volume]:
+        """Plug a stick with these volumes into the unit's first free port. They are named for their
+        places on a disk; the result has the letter that the kernel gives the disk, which may be
+        any: it keeps that of a stick that has gone as long as something holds on to it."""
+        stick = _Stick(unit, self._free_port(unit), volumes)
+        unit.emulator.plug(name, image, stick.port)
+        self._sticks[name] = stick
+        stick.learn_names()
+        return list(stick.volumes)
 
-    def pull(self, name: str, *volumes: Volume) -> None:
-        """Tear a stick out, and with it these volumes."""
-        unit, _ = self._sticks.pop(name)
-        unit.emulator.pull(name)
-        for volume in volumes:
-            unit.volumes.remove(volume)
+    def pull(self, name: str) -> None:
+        """Tear a stick out, and with it its volumes."""
+        stick = self._sticks.pop(name)
+        stick.unit.emulator.pull(name)
+        for volume in stick.volumes:
+            stick.unit.volumes.remove(volume)
 
-    def has_stick(self, name: str) -> bool:
-        """True while the stick of this name is plugged in."""
-        return name in self._sticks
+    def volumes_of(self, name: str) -> list[Volume]:
+        """The volumes of a stick that is plugged in; none of one that is not."""
+        return list(self._sticks[name].volumes) if name in self._sticks else []
 
     def pull_cable(self) -> None:
         """Take the cable out, which both notice."""
@@ -92,13 +114,20 @@ class Pair(Lifespan):
             texts += [text for path, text in arrivals.items() if path not in told]
             unit.expect_messages(*texts, *again.get(unit.name, []))
             unit.wait_for_surface(wanted)
-            unit.old_names -= set(wanted.mounts_below_mnt())  # those go with the share
+            unit.old_names -= wanted.mounted_names()  # those go with the volume or the share
             self._told[unit.name] = arrivals
 
     def cut_power(self, unit: Unit) -> None:
         """Switch a unit off without a goodbye; its application will know nothing."""
         unit.close()
         self._told[unit.name] = {}
+
+    def restore_power(self, unit: Unit) -> None:
+        """Switch a unit on again. The disks of its sticks may get other letters."""
+        unit.start()
+        for stick in self._sticks.values():
+            if stick.unit is unit:
+                stick.learn_names()
 
     def shares(self, unit: Unit) -> list[Volume]:
         """The volumes of the neighbour that the unit is to have."""
@@ -134,7 +163,7 @@ class Pair(Lifespan):
             unit.emulator.cable(plugged)
 
     def _free_port(self, unit: Unit) -> str:
-        taken = [port for owner, port in self._sticks.values() if owner is unit]
+        taken = [stick.port for stick in self._sticks.values() if stick.unit is unit]
         return next(port for port in USB_PORTS if port not in taken)
 
 

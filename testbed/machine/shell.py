@@ -59,7 +59,7 @@ class _Shell(cmd.Cmd):
         elif unit.emulator.running():
             print(f"{name} is already on")
         else:
-            unit.start()
+            self._pair.restore_power(unit)
 
     def do_on(self, line: str) -> None:
         """on UNIT COMMAND...: run a shell command on a unit."""

@@ -2,14 +2,13 @@
 
 import re
 import time
-from pathlib import Path
 from typing import Callable
 
 from testbed.machine import deadlines, media
 from testbed.machine.media import FileSystem
 from testbed.machine.pair import Pair
 from testbed.machine.unit import Unit
-from testbed.machine.volumes import Volume, card
+from testbed.machine.volumes import Volume, card, partition, whole_disk
 from testbed.tape import Mark
 
 #: Error lines of a healthy unit, and why they come.
@@ -96,6 +95,8 @@ class Story:
         self._expected_errors.append(_SHARES_COME_AND_GO)
         charts = media.card(self._media / "card", FileSystem("vfat", "CHARTS", 30,
                                                              {"route.txt": "To the lighthouse\n"}))
+        for unit in self.pair.units:
+            media.make(self._media / unit.name, FileSystem("vfat", unit.name.upper()))
         self.north.emulator.insert(0, charts)
         self.north.volumes.append(card())
         self.pair.switch_on(self.north, self.south)
@@ -105,66 +106,67 @@ class Story:
         self.north.run("grep -qw sd /proc/devices")
 
     def tear_out(self) -> None:
-        """While a file is open the kernel keeps the disk's name: the stick comes back as sdb."""
-        first, second = Volume("sda1"), Volume("sdb1")
-        stick = self._stick_in(self.north)
+        """While a file is open the kernel keeps the disk's name, and the stick comes back with
+        another."""
+        name = self.north.name
+        first = self._stick_in(self.north)
         self._write(self.north, first.mount_point, "log.txt", "Fair winds")
         self._expect_file(self.north, first.mount_point, "log.txt", "Fair winds")
         self.north.run("sync")
         self.north.run("systemd-run --quiet --service-type=exec --unit=reader"
                        f" --property=StandardInput=file:{first.mount_point}/log.txt sleep infinity")
-        self.pair.pull(self.north.name, first)
+        self.pair.pull(name)
         self.pair.settle()
-        self.pair.plug(self.north, self.north.name, stick, second)
-        self.pair.settle()
+        second = self._stick_in(self.north)
+        assert second.name != first.name, f"{first.name} was given again while a file was open"
         self._expect_file(self.north, second.mount_point, "log.txt", "Fair winds")
         self.north.run("systemctl stop reader.service")
-        self.pair.pull(self.north.name, second)
+        self.pair.pull(name)
         self.pair.settle()
-        self.pair.plug(self.north, self.north.name, stick, first)
-        self.pair.settle()
+        self._stick_in(self.north)
 
     def partitions(self) -> None:
         """Three partitions, of which one is ext4, and a file system on the whole disk."""
         self._stick_in(self.north)
         parts = media.make(self._media / "parts", FileSystem("vfat", "ONE"),
                            FileSystem("vfat", "TWO B"), FileSystem("ext4", "THREE"))
-        table = [Volume("sdb1"), Volume("sdb2"), Volume("sdb3", "ext4")]
-        self.pair.plug(self.north, "parts", parts, *table)
+        self.pair.plug(self.north, "parts", parts, partition(1), partition(2),
+                       partition(3, "ext4"))
         self.pair.settle()
         plain = media.whole(self._media / "plain", FileSystem("vfat", "PLAIN"))
-        self.pair.plug(self.north, "plain", plain, Volume("sdc"))
+        self.pair.plug(self.north, "plain", plain, whole_disk())
         self.pair.settle()
-        self.pair.pull("parts", *table)
+        self.pair.pull("parts")
         self.pair.settle()
-        self.pair.pull("plain", Volume("sdc"))
+        self.pair.pull("plain")
         self.pair.settle()
 
     def exfat_and_ntfs(self) -> None:
         """Both are announced. The NFS server refuses every mount of exFAT; NTFS as ntfs-3g mounts
         it can be shared."""
         self._stick_in(self.north)
-        self._expected_errors += [r"_Export: error exporting \S+:/media/sdb$", _SHARES_COME_AND_GO]
+        self._expected_errors.append(_SHARES_COME_AND_GO)
         exfat = media.whole(self._media / "exfat", FileSystem("exfat", "EXFAT"))
         ntfs = media.make(self._media / "ntfs", FileSystem("ntfs", "NTFS"))
-        for name, image, volume in (("exfat", exfat, Volume("sdb", "exfat")),
-                                    ("ntfs", ntfs, Volume("sdb1", "ntfs"))):
-            self.pair.plug(self.north, name, image, volume)
+        for name, image, place in (("exfat", exfat, whole_disk("exfat")),
+                                   ("ntfs", ntfs, partition(1, "ntfs"))):
+            [volume] = self.pair.plug(self.north, name, image, place)
             if not volume.exportable:
+                self._expected_errors.append(
+                    rf"_Export: error exporting \S+:{volume.mount_point}$")
                 share = volume.share_point(self.north.address)
                 self.south.old_names.add(share.rpartition("/")[2])
             self.pair.settle()
             self._write(self.north, volume.mount_point, "note.txt", "Ahoy")
             self._expect_file(self.north, volume.mount_point, "note.txt", "Ahoy")
-            self.pair.pull(name, volume)
+            self.pair.pull(name)
             self.pair.settle()
 
     def files_both_ways(self) -> None:
         """What one unit writes the other one reads, in both directions; the peer writes too."""
-        for unit in self.pair.units:
-            self._stick_in(unit)
-        stick = Volume("sda1")
+        sticks = {unit: self._stick_in(unit) for unit in self.pair.units}
         for owner, reader in ((self.north, self.south), (self.south, self.north)):
+            stick = sticks[owner]
             share = stick.share_point(owner.address)
             self._write(owner, stick.mount_point, "from.txt", owner.name)
             self._expect_file(reader, share, "from.txt", owner.name)
@@ -174,30 +176,28 @@ class Story:
     def tear_out_under_reader(self) -> None:
         """A reader on south gets an error or its end, not a hang; nothing stays behind."""
         self._expected_errors.append(_SHARES_COME_AND_GO)
-        image = self._stick_in(self.north)
-        stick = Volume("sda1")
+        stick = self._stick_in(self.north)
         share = stick.share_point(self.north.address)
         self.north.run(f"dd if=/dev/urandom of={stick.mount_point}/large bs=64k count=64; sync")
         reading = self.south.commands.begin(f"while cat {share}/large; do :; done >/dev/null 2>&1")
         self.south.run(f"test -n \"$(ls {share})\"")
-        self.pair.pull(self.north.name, stick)
+        self.pair.pull(self.north.name)
         self.pair.settle()
         self.south.commands.result(reading, deadlines.SURFACE, "reading of a share that goes")
-        self.pair.plug(self.north, self.north.name, image, stick)
-        self.pair.settle()
+        self._stick_in(self.north)
 
     def cable(self) -> None:
         """Three seconds after the last announcement each gives the other up."""
         self._expected_errors += [_SHARES_COME_AND_GO, _SENDERS_FORGOTTEN]
-        for unit in self.pair.units:
-            self._stick_in(unit)
-        self._write(self.north, "/media/sda1", "cable.txt", "in again")
+        stick = self._stick_in(self.north)
+        self._stick_in(self.south)
+        self._write(self.north, stick.mount_point, "cable.txt", "in again")
         self.pair.pull_cable()
         self.pair.settle()
         time.sleep(5)
         self.pair.plug_cable()
         self.pair.settle()
-        self._expect_file(self.south, Volume("sda1").share_point(self.north.address), "cable.txt",
+        self._expect_file(self.south, stick.share_point(self.north.address), "cable.txt",
                           "in again")
 
     def power_cut(self) -> None:
@@ -212,10 +212,11 @@ class Story:
         self.north.old_links = {volume.link: volume.name for volume in self.north.volumes}
         self.north.old_names = {volume.share_point(self.south.address).rpartition("/")[2]
                                 for volume in self.south.volumes}
+        self.north.old_names |= {volume.name for volume in self.north.volumes}
         self.pair.settle()
         self.pair.pull_cable()
         boot = self.north.tape.mark()
-        self.north.start()
+        self.pair.restore_power(self.north)
         self.pair.settle()
         self._expect_before(self.north, boot, r"^symlink( failed)?: /media/Memory Card ",
                             r"Reached target network-online\.target")
@@ -257,9 +258,8 @@ class Story:
         for unit in self.pair.units:
             self._restart(unit, "voldrake-hald.service")
             self.pair.settle()
-        stick = Volume("sda1")
         self.north.run("systemctl stop voldrake-hald.service")
-        self.pair.pull(self.north.name, stick)
+        self.pair.pull(self.north.name)
         self.north.run("systemctl start voldrake-hald.service")
         self.pair.settle()
 
@@ -275,13 +275,13 @@ class Story:
     def restart_nfs_server(self) -> None:
         """Exports are there afterwards, and the other unit's mounts work again."""
         self._expected_errors.append(_SHARES_COME_AND_GO)
-        self._one_at_rest()
+        stick = self._one_at_rest()
         for unit in self.pair.units:
             self._restart(unit, "nfs-server.service")
             self.pair.settle()
-        share = Volume("sda1").share_point(self.north.address)
+        share = stick.share_point(self.north.address)
         self._write(self.south, share, "again.txt", "still there")
-        self._expect_file(self.north, "/media/sda1", "again.txt", "still there")
+        self._expect_file(self.north, stick.mount_point, "again.txt", "still there")
 
     def shutdown(self) -> None:
         """South says goodbye; both ends are bounded in time, though shares are mounted."""
@@ -336,21 +336,21 @@ class Story:
                 "no reader: " + self.north.run("cat /run/reader-says", check=False)
             time.sleep(deadlines.POLL)
 
-    def _stick_in(self, unit: Unit) -> Path:
-        """The unit's stick, which is plugged in unless a former step has left it in."""
-        image = self._media / unit.name
-        if not self.pair.has_stick(unit.name):
-            media.make(image, FileSystem("vfat", unit.name.upper()))
-            self.pair.plug(unit, unit.name, image, Volume("sda1"))
+    def _stick_in(self, unit: Unit) -> Volume:
+        """What is on the unit's stick, which is plugged in unless a former step has left it in. It
+        is the same stick all the time."""
+        if not self.pair.volumes_of(unit.name):
+            self.pair.plug(unit, unit.name, self._media / unit.name, partition(1))
             self.pair.settle()
-        return image
+        [volume] = self.pair.volumes_of(unit.name)
+        return volume
 
-    def _one_at_rest(self) -> None:
-        """A stick in north, and no medium in south."""
-        self._stick_in(self.north)
-        if self.pair.has_stick(self.south.name):
-            self.pair.pull(self.south.name, Volume("sda1"))
+    def _one_at_rest(self) -> Volume:
+        """A stick in north, whose volume is returned, and no medium in south."""
+        if self.pair.volumes_of(self.south.name):
+            self.pair.pull(self.south.name)
             self.pair.settle()
+        return self._stick_in(self.north)
 
     def _signal(self, unit: Unit, name: str) -> None:
         unit.run(f"systemctl kill --kill-who=main --signal={name} voldrake.service")

@@ -21,9 +21,9 @@ class Surface:
     #: "PATH for CLIENT" -> "ro" or "rw".
     exports: dict[str, str] = field(default_factory=dict)
 
-    def mounts_below_mnt(self) -> list[str]:
-        """Names in /mnt on which something is mounted."""
-        return [point.rpartition("/")[2] for point in self.mounts if point.startswith("/mnt/")]
+    def mounted_names(self) -> set[str]:
+        """Names in /media and /mnt on which something is mounted."""
+        return {point.rpartition("/")[2] for point in self.mounts}
 
     def differences(self, wanted: "Surface") -> list[str]:
         """What is missing here and what is too much, a line each; nothing when they are equal."""

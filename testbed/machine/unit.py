@@ -41,7 +41,8 @@ class Unit(Lifespan):
     `tape` has all that comes from it, on the channels journal, log (the daemon's log file) and
     application (texts of the messages). For the story to keep: `volumes`, what is plugged in;
     `old_links`, links of former runs of the daemon, name -> where to, which it leaves alone until
-    it starts again; `old_names`, directories of shares that could not be mounted.
+    it starts again; `old_names`, directories of a former run, and of shares that could not be
+    mounted.
     """
 
     def __init__(self, number: int, image: Image, directory: Path, sockets: Path) -> None:
@@ -96,6 +97,13 @@ class Unit(Lifespan):
     def run(self, command: str, check: bool = True, timeout: float = deadlines.COMMAND) -> str:
         """Run a shell command on the unit; its output."""
         return self.commands.run(command, check, timeout)
+
+    def disk_at(self, port: str) -> str:
+        """What the kernel calls the disk of the stick in this port, such as "sda", once it has
+        seen it."""
+        return self.run(f"until ls -d /sys/bus/usb/devices/1-{port}/*/host*/target*/*/block/*;"
+                        " do sleep 0.2; done 2>/dev/null | xargs basename",
+                        timeout=deadlines.SURFACE).strip()
 
     def wait_until_started(self) -> None:
         """Return once what starts at boot has been started. Only the wait for a network may have

@@ -1,6 +1,6 @@
 """What the daemons are to make of a volume: the texts and names that its interfaces promise."""
 
-from dataclasses import dataclass
+from dataclasses import dataclass, replace
 
 #: The card's identity as the emulated controllers tell it, always the same.
 EMULATED_CID = "aa585951454d552101deadbeef006200"
@@ -13,12 +13,19 @@ _EXPORTABLE = ("vfat", "ext4", "ntfs")
 
 @dataclass(frozen=True)
 class Volume:
-    """A volume in a unit: the node's name, such as "sda1", what is on it, what it hangs on."""
+    """A volume in a unit: the node's name, such as "sda1", what is on it, what it hangs on.
+
+    Before its disk is plugged in the name is only the place on the disk; see `on`.
+    """
 
     name: str
     kind: str = "vfat"
     friendly_name: str = "USB Mass Storage"
     cid: str = ""
+
+    def on(self, disk: str) -> "Volume":
+        """The volume at this place of a disk that the kernel calls so."""
+        return replace(self, name=disk + self.name)
 
     @property
     def mount_point(self) -> str:
@@ -61,6 +68,16 @@ class Volume:
     def share_removal(self, address: str) -> str:
         """The other unit's message when it goes."""
         return _removal(self.share_point(address))
+
+
+def partition(number: int, kind: str = "vfat") -> Volume:
+    """A partition of a stick that is not plugged in yet."""
+    return Volume(str(number), kind)
+
+
+def whole_disk(kind: str = "vfat") -> Volume:
+    """A file system on a stick without a table that is not plugged in yet."""
+    return Volume("", kind)
 
 
 def card(name: str = "mmcblk0p1", cid: str = EMULATED_CID) -> Volume:
