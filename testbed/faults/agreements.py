@@ -67,7 +67,7 @@ AGREEMENTS = (
 )
 
 #: With the power the hardware service loses what it has noted of its directories.
-POWER_CUT = _agreement("the directory of a mount stays when the power is lost before the unmounting",
+POWER_CUT = _agreement("the directory of a mount stays when the power is lost before it is undone",
                        "in /media", "afterwards in /media", stories="unmount|removal", kills=True)
 
 

@@ -105,7 +105,7 @@ class Service:
         return [_volume(name, udi, self.listing(f"show {udi}")) for name, udi in lines]
 
     def plugged(self) -> set[str]:
-        """The names of what is plugged in now; a card's host, which stays behind it, is left out."""
+        """The names of what is plugged in now, without a card's host, which stays behind it."""
         names = (line.split()[1].partition(":")[0] for line in self.listing("list"))
         return {name for name in names if not re.fullmatch(r"-|host\d+", name)}
 

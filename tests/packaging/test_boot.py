@@ -139,6 +139,12 @@ def exports(system: BootedRoot) -> set[str]:
     return {line.replace("\t", " ").split("(")[0] for line in lines}
 
 
+def journal(system: BootedRoot) -> str:
+    """What the daemon that runs now has logged."""
+    return system.run("journalctl --no-pager _SYSTEMD_INVOCATION_ID="
+                      + shown(system, "InvocationID"))
+
+
 def started(system: BootedRoot, service: str = "voldrake") -> int:
     """When its main process was started, in microseconds since boot; 0 for never."""
     return int(shown(system, "ExecMainStartTimestampMonotonic", service))
@@ -171,8 +177,7 @@ def test_does_its_work_within_the_units_limits(system: BootedRoot) -> None:
     main = shown(system, "MainPID")
     assert system.run(f"readlink /proc/{main}/ns/mnt") == system.run("readlink /proc/1/ns/mnt")
     assert "2\n" == system.run(f"sed -n 's/^Seccomp:\t//p' /proc/{main}/status")
-    system.wait_for(lambda: "_ManualScan" in system.run(
-        "journalctl --no-pager _SYSTEMD_UNIT=voldrake.service"))
+    system.wait_for(lambda: "_ManualScan" in journal(system))
 
 
 def test_is_back_after_it_was_killed(system: BootedRoot) -> None:
@@ -289,9 +294,22 @@ def test_hardware_service_keeps_its_state_over_a_restart(system: BootedRoot) -> 
                     and shown(system, "ActiveState", "voldrake-hald") == "active")
 
 
+def test_waits_for_a_hardware_service_that_is_restarted_later(system: BootedRoot) -> None:
+    """The real one ends with the bus and is not restarted at once; the daemon is."""
+    limits = "/run/systemd/system/voldrake-hald.service.d"
+    system.run(f"mkdir -p {limits}; printf '[Service]\\nRestartSec=3\\n' > {limits}/late.conf;"
+               " systemctl daemon-reload; : > /etc/default/voldrake;"
+               " systemctl reset-failed voldrake; systemctl start voldrake")
+    first = started(system)
+    system.run("systemctl restart dbus.service")
+    system.wait_for(lambda: started(system) > first
+                    and shown(system, "ActiveState") == "active")
+    assert first < started(system, "voldrake-hald") < started(system)
+    system.wait_for(lambda: "_ManualScan" in journal(system))
+    assert "Check hald process" not in journal(system)
+
+
 def test_ends_before_the_nfs_server_at_shutdown(system: BootedRoot) -> None:
-    system.run(": > /etc/default/voldrake; rm -f /var/nfs-server-end;"
-               " systemctl reset-failed voldrake;"
-               " systemctl start voldrake")
+    system.run("rm -f /var/nfs-server-end")
     system.close()
     assert (system.root / "var/nfs-server-end").read_text() == "inactive\n"
