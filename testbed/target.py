@@ -61,8 +61,13 @@ def sanitized() -> bool:
 
 
 def thread_sanitized() -> bool:
-    """True if the daemon was built with the thread sanitizer, which has a thread of its own."""
+    """True if the daemon was built with the thread sanitizer."""
     return _mentions("__tsan_init")
+
+
+def sanitizer_threads() -> int:
+    """The threads that a sanitizer has in the daemon; it starts them before the daemon's own."""
+    return 1 if thread_sanitized() else 0
 
 
 def sanitizer_options() -> dict[str, str]:

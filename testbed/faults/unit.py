@@ -7,7 +7,7 @@ from collections import Counter
 from pathlib import Path
 from typing import Callable, Mapping
 
-from testbed import timeouts
+from testbed import target, timeouts
 from testbed.daemon import INFO, LOG_FILE, LogLine
 from testbed.frame import Frame
 from testbed.lifespan import Lifespan
@@ -104,6 +104,7 @@ class FaultUnit(Lifespan):
         assert self.unit.daemon.process
         tasks = Path(f"/proc/{self.unit.daemon.process.pid}/task")
         numbers = sorted(int(task.name) for task in tasks.iterdir())
+        del numbers[1:1 + target.sanitizer_threads()]
         return dict(zip(THREADS, numbers))
 
     def descriptors(self) -> list[str]:

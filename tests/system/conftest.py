@@ -62,12 +62,10 @@ def network() -> Iterator[Network]:
 
 @pytest.fixture(autouse=True)
 def _daemon_alone(request: pytest.FixtureRequest) -> None:
-    """Leave out, by name, what would show an emulator or a sanitizer instead of the daemon."""
+    """Leave out, by name, what would show an emulator instead of the daemon."""
     mark = request.node.get_closest_marker("native")
     if mark and target.emulated():
         pytest.skip(f"{request.node.name}: of an emulator {mark.args[0]}")
-    if request.node.get_closest_marker("counts_threads") and target.thread_sanitized():
-        pytest.skip(f"{request.node.name}: the thread sanitizer has a thread of its own")
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -39,7 +39,6 @@ def said(result: Result) -> str:
     return f"{result.kind}: {' | '.join((result.hit, *result.words))}"
 
 
-@pytest.mark.counts_threads
 def test_an_arrival_bears_faults_and_what_it_does_not_bear_is_found(trials: DaemonTrials) -> None:
     calls = trials.calls("arrival")
     figures = Figures()
@@ -53,7 +52,7 @@ def test_an_arrival_bears_faults_and_what_it_does_not_bear_is_found(trials: Daem
             (connection, "error=ECONNREFUSED", UNHARMED, ""),
             (replace(log, number=9999), "error=EMFILE", UNMET, ""),
             # What no error brings about, but a fault of the daemon would.
-            (log, "signal=SEGV", FINDING, "end: ended with status -11"),
+            (log, "signal=ILL", FINDING, "end: ended with status -4"),
             (log, "signal=STOP", FINDING, "hang: it does not answer a change within"),
             (found(calls, "main", "close"), "error=EIO", FINDING, "size: threads and descriptors"),
             (link, "retval=0", FINDING, "and no line of the log says so")):

@@ -10,7 +10,7 @@ from pathlib import Path
 import pytest
 
 from observations import processor_seconds
-from testbed import timeouts
+from testbed import target, timeouts
 from testbed.application import Mode
 from testbed.daemon import INFO, WARNING
 from testbed.network import Network
@@ -26,17 +26,19 @@ PERIOD = 2.0
 #: main thread, the one that catches signals for it, the browser on a network.
 NEVER = math.inf
 CLIENT, SERVICE_LIST, PUBLISHER, BROWSER = 0.5, 0.1, 1.0, 0.1
+SANITIZER = 0.1
 AT_REST = [NEVER, NEVER, CLIENT, PUBLISHER, SERVICE_LIST, BROWSER]
 #: One that runs when it begins to be looked at, and one that begins at the end of that time.
 EDGES = 2
 AT_REST_SINCE = r"^write\(.*Version - "
-WAIT = re.compile(r"^(\w*poll|clock_nanosleep|restart_syscall|recvmsg)\w*\("
+WAIT = re.compile(r"^(\w*poll|(clock_)?nanosleep|restart_syscall|recvmsg)\w*\("
                   r"|^futex.*FUTEX_WAIT_BITSET")
 
 
 def expect_rest(unit: Unit, intervals: list[float]) -> None:
     """The daemon's threads wait as long at a time as `intervals` says, and hardly do anything."""
     threads = os.listdir(f"/proc/{unit.daemon.process.pid}/task")
+    intervals = [*intervals, *[SANITIZER] * target.sanitizer_threads()]
     assert len(threads) == len(intervals), threads
     with Strace(unit.daemon.process, unit.sandbox.logs / "strace", "-s", "100") as trace:
         # What was under way is over when the main thread comes to this.
@@ -66,7 +68,6 @@ def length(calls: list[Call]) -> float:
 
 
 @pytest.mark.native("other threads would be seen")
-@pytest.mark.counts_threads
 def test_at_rest_nothing_but_its_own_waits_wakes_it(running_unit: Unit) -> None:
     running_unit.hal.plug("usb stick")
     running_unit.application.expect_message("dataarrival")
@@ -75,7 +76,6 @@ def test_at_rest_nothing_but_its_own_waits_wakes_it(running_unit: Unit) -> None:
 
 
 @pytest.mark.native("other threads would be seen")
-@pytest.mark.counts_threads
 def test_at_rest_with_a_network_the_browser_sleeps_too(make_unit, network: Network) -> None:
     unit = make_unit(network=network, address="169.254.1.1")
     unit.start_daemon()
@@ -92,7 +92,6 @@ def sockets(unit: Unit) -> str:
 
 
 @pytest.mark.native("other threads would be seen")
-@pytest.mark.counts_threads
 def test_without_its_bus_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.bus.kill()
     running_unit.daemon.log.expect(Wanted(
@@ -101,7 +100,6 @@ def test_without_its_bus_the_daemon_rests(running_unit: Unit) -> None:
 
 
 @pytest.mark.native("other threads would be seen")
-@pytest.mark.counts_threads
 def test_without_the_application_the_daemon_rests(running_unit: Unit) -> None:
     running_unit.application.leave()
     running_unit.hal.plug("usb stick")

@@ -228,13 +228,13 @@ def test_standard_streams_that_are_closed_are_opened_on_the_null_device(unit: Un
 
 
 @pytest.mark.native("its own threads would be made")
-@pytest.mark.counts_threads
 @pytest.mark.parametrize("which", [1, 2, 3, 4],
                          ids=["the message client", "the publisher", "the service list",
                               "the browser"])
 def test_without_one_of_its_threads_the_daemon_goes_on(unit: Unit, which: int) -> None:
+    when = which + target.sanitizer_threads()
     unit.daemon.start(launcher=Trace.launcher("/var/log/strace", "-e", "trace=clone3", "-e",
-                                              f"inject=clone3:error=EAGAIN:when={which}"))
+                                              f"inject=clone3:error=EAGAIN:when={when}"))
     unit.daemon.expect_log(ERROR, "tThread::Start: creating a thread failed:"
                                   " Resource temporarily unavailable", timeouts.START)
     unit.hal.expect_call("FindDeviceByCapability", timeout=timeouts.START)
