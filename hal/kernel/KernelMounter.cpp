@@ -91,6 +91,11 @@ VolumeError UnmountError(const std::string& mountPoint, int error) {
   }
 }
 
+bool IsThere(const std::string& path) {
+  struct stat entry;
+  return lstat(path.c_str(), &entry) == 0;
+}
+
 /// 0 or an error number.
 int UnmountAt(const std::string& mountPoint, int flags) {
   return umount2(mountPoint.c_str(), flags | UMOUNT_NOFOLLOW) == 0 ? 0 : errno;
@@ -190,19 +195,31 @@ void KernelMounter::Remount(const Device& volume, const hal::MountRequest& reque
         });
 }
 
+/// 0 or an error number.
+int KernelMounter::MakeOwnDirectory(const std::string& name) {
+  const std::string path = InMedia(name);
+  if (IsThere(path)) return EEXIST;
+  // Kept before it is made: should the service be killed in between, the next run removes it.
+  directories_.insert(name);
+  directoriesUnderWay_.insert(name);
+  onChange_();
+  if (mkdir(path.c_str(), 0755) == 0) return 0;
+  const int error = errno;
+  directories_.erase(name);
+  directoriesUnderWay_.erase(name);
+  onChange_();
+  return error;
+}
+
 /// The name was given and is taken, or nothing can be made under /media: an error.
 KernelMounter::Outcome KernelMounter::MakeDirectory(const Device& volume, const std::string& wanted,
                                                     std::string& name) {
   for (int number = 0; number < kMaxNumber; ++number) {
     name = wanted.empty() ? hal::DefaultName(volume, number) : wanted;
-    if (mkdir(InMedia(name).c_str(), 0755) == 0) {
-      directories_.insert(name);
-      directoriesUnderWay_.insert(name);
-      onChange_();
-      return std::nullopt;
-    }
-    if (errno != EEXIST) {
-      return Failure("Cannot create " + InMedia(name) + ": " + std::strerror(errno));
+    const int error = MakeOwnDirectory(name);
+    if (error == 0) return std::nullopt;
+    if (error != EEXIST) {
+      return Failure("Cannot create " + InMedia(name) + ": " + std::strerror(error));
     }
     if (!wanted.empty()) break;
   }

@@ -63,6 +63,7 @@ class KernelMounter : public hal::IVolumeActions, public IMediumActions {
   };
 
   void Remount(const hal::Device& volume, const hal::MountRequest& request, Done done);
+  int MakeOwnDirectory(const std::string& name);
   Outcome MakeDirectory(const hal::Device& volume, const std::string& wanted, std::string& name);
   void Start(const std::vector<std::string>& words, const std::shared_ptr<Job>& job,
              std::function<Outcome(const std::string& output)> outcome);

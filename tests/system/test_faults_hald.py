@@ -22,10 +22,12 @@ def fixture_trials(log_directory: Path) -> Iterator[HaldTrials]:
 def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTrials) -> None:
     calls = trials.calls("mount")
     directory = next(one for one in calls if one.call == "mkdir" and "/media/sda1" in one.text)
+    after_it = next(one for one in calls[calls.index(directory) + 1:] if one.thread == "main")
     sent = [one for one in calls if (one.thread, one.call) == ("gdbus", "sendmsg")]
     for call, action, kind, words in (
             (directory, "error=ENOSPC", LOGGED, "refused "),
             (directory, KILL, AGREED, "mounts: missing"),
+            (after_it, KILL, AGREED, "in /media: missing ['sda1']"),
             (sent[0], "error=EINTR", UNHARMED, ""),
             (sent[0], "error=ENOBUFS", LOGGED, "the bus has closed the connection"),
             (directory, "signal=SEGV", FINDING, "end: ['ended with status -11']")):
