@@ -165,10 +165,13 @@ class HaldUnit(Lifespan):
         return [event.data.text for event in events if event.data and event.data.priority < 7]
 
     def _announced(self) -> Counter[str]:
+        """A second removal takes nothing away: one that was not yet noted when the service was
+        killed is announced again."""
         announced: Counter[str] = Counter()
         for event in self.machine.hal.events.up_to(self.machine.mark(), self._booted):
             if match := _ANNOUNCED.fullmatch(event.text):
-                announced[match[2]] += 1 if match[1] == "Added" else -1
+                change = 1 if match[1] == "Added" else -1
+                announced[match[2]] = max(announced[match[2]] + change, 0)
         return announced
 
     def _serves(self, process: Process) -> bool:
