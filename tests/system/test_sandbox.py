@@ -3,6 +3,7 @@
 import json
 import os
 import shutil
+import signal
 import socket
 import subprocess
 import sys
@@ -93,6 +94,17 @@ def test_collects_output_and_status(sandbox: Sandbox) -> None:
 def test_reports_a_signal_as_the_end(sandbox: Sandbox) -> None:
     assert sandbox.spawn(["sleep", "1000"]).terminate() == -15
     assert sandbox.spawn(["sh", "-c", "kill -ABRT $$"]).wait() == -6
+
+
+@pytest.mark.parametrize("ignored", [signal.SIGHUP, signal.SIGINT])
+def test_a_program_does_not_ignore_what_the_tests_ignore(sandbox: Sandbox, ignored: int) -> None:
+    before = signal.signal(ignored, signal.SIG_IGN)
+    try:
+        process = sandbox.spawn(["sleep", "60"])
+    finally:
+        signal.signal(ignored, before)
+    process.signal(ignored)
+    assert process.wait() == -ignored
 
 
 def test_pauses_and_resumes_a_program(sandbox: Sandbox) -> None:
