@@ -14,8 +14,9 @@ from typing import Callable, NoReturn, Sequence, TypeVar
 
 _Result = TypeVar("_Result")
 
+#: The shell is the first process, and collects what has lost its parent.
 _WRAPPER = ["unshare", "--user", "--map-root-user", "--net", "--mount", "--mount-proc",
-            "--pid", "--fork", "--kill-child"]
+            "--pid", "--fork", "--kill-child", "sh", "-c", '"$@"; exit $?', "sh"]
 _MARK = "VOLDRAKE_WRAPPED"
 _CLONE_FS = 0x200
 _libc = ctypes.CDLL(None, use_errno=True)
