@@ -13,7 +13,8 @@ if TYPE_CHECKING:
 
 @dataclass(frozen=True)
 class Agreement:
-    """`calls` is searched in the text of the call, `said` in the log's new lines."""
+    """`what` may deviate, or with " missing" behind it only lack something. `calls` is searched in
+    the text of the call, `said` in the log's new lines."""
 
     words: str
     what: frozenset[str]
@@ -23,14 +24,19 @@ class Agreement:
     stories: str = ""
     kills: bool = False
 
-    def holds(self, fault: "Fault", text: str, deviations: Iterable[str],
+    def holds(self, fault: "Fault", text: str, deviations: Mapping[str, str],
               lines: Iterable[str]) -> bool:
         """True when it covers all of these deviations."""
-        return (self.kills == (fault.action == "signal=KILL") and set(deviations) <= self.what
+        return (self.kills == (fault.action == "signal=KILL")
+                and all(self._covers(what, how) for what, how in deviations.items())
                 and re.search(self.calls, text) is not None
                 and re.fullmatch(self.threads or ".*", fault.thread) is not None
                 and re.fullmatch(self.stories or ".*", fault.story) is not None
                 and (not self.said or any(re.search(self.said, line) for line in lines)))
+
+    def _covers(self, what: str, how: str) -> bool:
+        lacks_only = how.startswith("missing ") and "in addition" not in how
+        return what in self.what or lacks_only and f"{what} missing" in self.what
 
 
 def _agreement(words: str, *what: str, calls: str = "", threads: str = "", said: str = "",
@@ -64,6 +70,9 @@ AGREEMENTS = (
     _agreement("a mount or unmount that is under way when the hardware service is killed is done or"
                " not, and its client gets no answer",
                "mounts", "said to be mounted", "in /media", stories="mount|unmount", kills=True),
+    _agreement("an arrival that is recorded and not yet announced when the hardware service is"
+               " killed is never announced",
+               "announced missing", stories="hotplug", kills=True),
 )
 
 #: With the power the hardware service loses what it has noted of its directories.

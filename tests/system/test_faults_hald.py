@@ -5,6 +5,7 @@ from typing import Iterator
 
 import pytest
 
+from testbed.faults import agreements
 from testbed.faults.haldtrials import HaldTrials
 from testbed.faults.trial import AGREED, FINDING, KILL, LOGGED, UNHARMED, Fault
 
@@ -34,6 +35,16 @@ def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTri
         result = trials.run(Fault("mount", call.thread, call.call, call.number, action, call.text))
         said = f"{result.kind}: {' | '.join(result.words)}"
         assert result.kind == kind and words in said, said
+
+
+@pytest.mark.parametrize("how, agreed", [
+    ("missing ['volume_uuid_A']", True),
+    ("in addition ['volume_uuid_A']", False),
+    ("missing ['volume_uuid_A']; in addition ['volume_uuid_B']", False)])
+def test_an_arrival_may_be_lost_by_a_kill_and_not_be_repeated(how: str, agreed: bool) -> None:
+    fault = Fault("hotplug", "main", "fsync", 2, KILL, "fsync(10</run/voldrake-hald>) = 0")
+    words = agreements.agreed(agreements.AGREEMENTS, fault, "a signal", {"announced": how}, ())
+    assert ("never announced" in words) == agreed
 
 
 @pytest.mark.slow
