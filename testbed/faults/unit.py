@@ -87,7 +87,9 @@ class FaultUnit(Lifespan):
         wait_until(lambda: len(self.threads()) == len(THREADS), "all threads", timeouts.START)
         wait_until(lambda: self._announced() >= {INTERNAL}, "the first announcement",
                    timeouts.START)
-        wait_until(self._listens, "the browser's socket", timeouts.START)
+        # What is heard just now may still be its predecessor's.
+        wait_until(self._has_sockets, "the sockets of the publisher and the browser",
+                   timeouts.START)
         self.sizes = len(self.threads()), self._usual_descriptors()
 
     def ended(self) -> str:
@@ -284,11 +286,13 @@ class FaultUnit(Lifespan):
         assert self._ear
         return self._ear.announced(_ANNOUNCED_WITHIN)
 
-    def _listens(self) -> bool:
-        """True when the daemon's socket for announcements is there."""
+    def _has_sockets(self) -> bool:
+        """True when the daemon has the socket that announces, which has a port with the first
+        announcement, and the one that hears what others announce."""
         assert self.unit.daemon.process
-        sockets = Path(f"/proc/{self.unit.daemon.process.pid}/net/udp").read_text()
-        return f":{PORT:04X} " in sockets
+        table = Path(f"/proc/{self.unit.daemon.process.pid}/net/udp").read_text()
+        sockets = table.splitlines()[1:]
+        return len(sockets) == 2 and any(f":{PORT:04X} " in socket for socket in sockets)
 
     def _usual_descriptors(self) -> int:
         """Its threads open some for a moment, again and again."""
