@@ -8,7 +8,7 @@ from collections import Counter
 from contextlib import ExitStack
 from pathlib import Path
 
-from testbed.faults.agreements import POWER_CUT
+from testbed.faults.agreements import POWER_CUT, UNANNOUNCED
 from testbed.faults.haldunit import HALD_STORIES, HaldStory, HaldUnit
 from testbed.faults.recording import Recorded, record
 from testbed.faults.trial import STEADY, Fault, Seen, Trials, differences
@@ -105,13 +105,18 @@ class HaldTrials(Trials):
         if kills and not unit.ends:
             unit.machine.kill_service()
             ended = unit.note_end()
+        recorded: set[str] = set()
         if ended:
             if unit.loses_power:
                 unit.power_cut()
+            elif kills:
+                recorded = unit.recorded()
             unit.start_service()
         if kills:
             unit.ends[:] = ["killed"]
         self._see(unit, story, kills, seen)
+        if recorded:
+            self._see_unannounced(story, recorded, seen)
         if bad := [end for end in seen.state.get("ended by itself", ()) if end not in _GOOD_ENDS]:
             seen.deviations["end"] = str(bad)
         # That it serves again is no word about why it has ended.
@@ -172,6 +177,16 @@ class HaldTrials(Trials):
             unit.clear_directories()
         if not story.cold and not seen.state["ended by itself"]:
             self._see_sizes(unit, seen)
+
+    def _see_unannounced(self, story: HaldStory, recorded: set[str], seen: Seen) -> None:
+        """The next run takes what is recorded for announced."""
+        references = self.references.get((story.name, True))
+        if references and seen.state:
+            announced = seen.state["announced"]
+            lost = recorded & set(references[0].state["announced"]) - set(announced)
+            if lost:
+                seen.deviations[UNANNOUNCED] = str(sorted(lost))
+                seen.state = {**seen.state, "announced": tuple(sorted((*announced, *lost)))}
 
     def _see_sizes(self, unit: HaldUnit, seen: Seen) -> None:
         try:

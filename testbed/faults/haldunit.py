@@ -10,7 +10,7 @@ from typing import Callable
 
 from testbed import timeouts
 from testbed.faults.unit import State
-from testbed.hald import PREFIX, HaldMachine
+from testbed.hald import PREFIX, STATE_FILE, HaldMachine
 from testbed.lifespan import Lifespan
 from testbed.process import Process
 from testbed.tape import Mark
@@ -163,6 +163,12 @@ class HaldUnit(Lifespan):
         """What it has logged, but for debug lines."""
         events = self.machine.syslog.events.up_to(self.machine.mark(), since)
         return [event.data.text for event in events if event.data and event.data.priority < 7]
+
+    def recorded(self) -> set[str]:
+        """The objects that the state file says were announced. Requires: the service has ended."""
+        file = self.machine.sandbox.path(STATE_FILE)
+        text = file.read_text() if file.exists() else ""
+        return set(re.findall(r"^name=(\S+)$", text, re.MULTILINE))
 
     def _announced(self) -> Counter[str]:
         """A second removal takes nothing away: one that was not yet noted when the service was

@@ -5,7 +5,7 @@ from typing import Iterator
 
 import pytest
 
-from testbed.faults import agreements
+from testbed.faults.agreements import UNANNOUNCED
 from testbed.faults.haldtrials import HaldTrials
 from testbed.faults.trial import AGREED, FINDING, KILL, LOGGED, UNHARMED, Fault
 
@@ -37,14 +37,22 @@ def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTri
         assert result.kind == kind and words in said, said
 
 
-@pytest.mark.parametrize("how, agreed", [
-    ("missing ['volume_uuid_A']", True),
-    ("in addition ['volume_uuid_A']", False),
-    ("missing ['volume_uuid_A']; in addition ['volume_uuid_B']", False)])
-def test_an_arrival_may_be_lost_by_a_kill_and_not_be_repeated(how: str, agreed: bool) -> None:
-    fault = Fault("hotplug", "main", "fsync", 2, KILL, "fsync(10</run/voldrake-hald>) = 0")
-    words = agreements.agreed(agreements.AGREEMENTS, fault, "a signal", {"announced": how}, ())
-    assert ("never announced" in words) == agreed
+@pytest.mark.slow
+def test_an_arrival_is_lost_by_a_kill_only_if_it_was_recorded(trials: HaldTrials) -> None:
+    calls = [one for one in trials.calls("hotplug") if one.thread == "main"]
+    recorded = next(at for at, one in enumerate(calls)
+                    if one.call == "rename" and "voldrake-hald/state" in one.text)
+    before, after = (Fault("hotplug", "main", call.call, call.number, KILL, call.text)
+                     for call in calls[recorded:recorded + 2])
+    result = trials.run(before)
+    assert result.kind == UNHARMED, result.words
+    result = trials.run(after)
+    assert (result.kind, result.words[1].partition(":")[0]) == (AGREED, UNANNOUNCED), result.words
+    # Something that is not recorded is missing, too.
+    wanted = trials.references["hotplug", True][0]
+    wanted.state = {**wanted.state, "announced": (*wanted.state["announced"], "volume_uuid_Z")}
+    result = trials.run(after)
+    assert result.kind == FINDING, result.words
 
 
 @pytest.mark.slow
