@@ -79,7 +79,7 @@ class Sandbox(Lifespan):
             self._holder = subprocess.Popen(
                 self._command(write_end), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                 stderr=errors, pass_fds=[write_end], start_new_session=True,
-                preexec_fn=_make_usual)
+                preexec_fn=_set_limit_and_signals)
         os.close(write_end)
         with open(read_end, encoding="ascii") as information:
             text = information.read()
@@ -142,7 +142,7 @@ class Sandbox(Lifespan):
         each line of its output as it comes, on another thread.
         """
         def prepare() -> None:
-            _make_usual()
+            _set_limit_and_signals()
             disturbance.set_priority(name)
 
         stem = f"{next(self._counter):02}-{name or Path(argv[0]).name}"
@@ -235,7 +235,7 @@ def has_own(directory: Path) -> bool:
     return str(directory) in names
 
 
-def _make_usual() -> None:
+def _set_limit_and_signals() -> None:
     """Whatever runs the tests, a program leaves no core file, and ignores no signal: nohup(1) and
     a shell's background ignore some."""
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))

@@ -91,11 +91,6 @@ VolumeError UnmountError(const std::string& mountPoint, int error) {
   }
 }
 
-bool IsThere(const std::string& path) {
-  struct stat entry;
-  return lstat(path.c_str(), &entry) == 0;
-}
-
 /// 0 or an error number.
 int UnmountAt(const std::string& mountPoint, int flags) {
   return umount2(mountPoint.c_str(), flags | UMOUNT_NOFOLLOW) == 0 ? 0 : errno;
@@ -198,7 +193,7 @@ void KernelMounter::Remount(const Device& volume, const hal::MountRequest& reque
 /// 0 or an error number.
 int KernelMounter::MakeOwnDirectory(const std::string& name) {
   const std::string path = InMedia(name);
-  if (IsThere(path)) return EEXIST;
+  if (faccessat(AT_FDCWD, path.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
   // Kept before it is made: should the service be killed in between, the next run removes it.
   directories_.insert(name);
   directoriesUnderWay_.insert(name);
