@@ -19,6 +19,8 @@ PREFIX = "/org/freedesktop/Hal/devices/"
 MANAGER = "/org/freedesktop/Hal/Manager"
 NAME = "org.freedesktop.Hal"
 STATE_FILE = "/run/voldrake-hald/state"
+#: The types that the machine's kernel knows.
+FILESYSTEMS = "/proc/filesystems"
 
 _SIGNALS = ("DeviceAdded ", "DeviceRemoved ", "PropertyModified ")
 SANITIZER_WORDS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "runtime error:")
@@ -105,6 +107,7 @@ class HaldMachine(Lifespan):
     def start(self) -> None:
         """Bring up everything but the service."""
         self.sandbox.start()
+        self.sandbox.write(FILESYSTEMS, "nodev\ttmpfs\n\tvfat\n")
         self.syslog.start(self.sandbox.path("/dev/log"))
         self.bus.start()
         self.udev.start()

@@ -12,8 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -22,6 +21,7 @@
 #include "hal/face/Text.h"
 #include "hal/kernel/BlockingCall.h"
 #include "hal/kernel/ChildProcess.h"
+#include "hal/kernel/FileContents.h"
 #include "hal/kernel/Log.h"
 #include "hal/kernel/MountCommand.h"
 
@@ -52,9 +52,12 @@ std::string Node(const Device& volume) {
   return hal::BaseName(volume.Text("block.device"));
 }
 
+/// Empty, and logged, if it cannot be read: a device may go at any time.
 std::string ReadText(const std::string& path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
+  glib::ErrorHolder error;
+  const std::optional<std::string> text = FileContents(path, error);
+  if (!text) Log(LOG_WARNING, path + " cannot be read: " + error.Text());
+  return text.value_or("");
 }
 
 bool IsReadOnlyMedium(const Device& volume) {

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "glib/Handles.h"
+#include "hal/kernel/FileContents.h"
 #include "hal/kernel/Log.h"
 
 namespace halkernel {
@@ -204,15 +205,12 @@ std::optional<State> StateFile::Read() const {
   if (stat(path_.c_str(), &status) != 0 && errno == ENOENT) return std::nullopt;
   std::string fault = "it is not a regular file, or it is too large";
   if (S_ISREG(status.st_mode) && status.st_size <= kMaxFileBytes) {
-    gchar* bytes = nullptr;
-    gsize length = 0;
     glib::ErrorHolder error;
-    const bool read = g_file_get_contents(path_.c_str(), &bytes, &length, error.Out()) != FALSE;
-    const glib::CharPointer content(bytes);
+    const std::optional<std::string> content = FileContents(path_, error);
     ParsedState parsed;
-    if (read) parsed = ParseState(std::string(content.get(), length));
+    if (content) parsed = ParseState(*content);
     if (parsed.state) return std::move(parsed.state);
-    fault = read ? parsed.fault : error.Text();
+    fault = content ? parsed.fault : error.Text();
   }
   Log(LOG_WARNING, path_ + " cannot be used, so this is a first start: " + fault);
   return std::nullopt;

@@ -56,6 +56,12 @@ AGREEMENTS = (
                calls=_NO_PROCESS, said=r"Umount command: .* FAIL"),
     _agreement("a share's directory that cannot be removed stays, and the log says so",
                "in /mnt", "afterwards in /mnt", calls=r"^rmdir\(", said=r"Failed to remove "),
+    _agreement("a mount's directory that cannot be removed stays, and the log says so",
+               "in /media", "afterwards in /media", calls=r"^rmdir\(", said=r"^cannot remove "),
+    _agreement("a volume that cannot be unmounted when its disk goes stays mounted, and the log says"
+               " so",
+               "mounts", "in /media", "afterwards mounts", "afterwards in /media",
+               calls=r"^umount2\(", said=r"^cannot detach "),
     _agreement("a connection to the bus that breaks is not made again",
                "bus", said=r"HAL: Connection - lost"),
     _agreement("what goes while no daemon runs is never told, nor what was still to be told",

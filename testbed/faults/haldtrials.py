@@ -19,8 +19,8 @@ from testbed.waiting import wait_until
 _TRACE = "/var/log/trial.strace"
 #: The first says that it has logged why; the second is the tool's own.
 _GOOD_ENDS = ("ended with status 1", "killed")
-#: What is not as it was before when the power is lost while a stick is mounted: the service does not
-#: know any more that the directory is its own. The daemon clears it away before the next mount.
+#: What is not as it was before when the power is lost while a stick is mounted: the service does
+#: not know any more that the directory is its own. The daemon clears it away before the next mount.
 AFTER_POWER_CUT = frozenset(("afterwards in /media",))
 
 

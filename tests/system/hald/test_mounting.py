@@ -8,7 +8,7 @@ from typing import IO, Iterator
 import pytest
 
 from testbed import target, timeouts
-from testbed.hald import PREFIX, HaldMachine
+from testbed.hald import FILESYSTEMS, PREFIX, HaldMachine
 from testbed.process import Process
 from testbed.sandbox import TOOLS
 from testbed.udev import Disk, FileSystem, usb_disk
@@ -185,6 +185,33 @@ def test_a_read_only_medium_is_mounted_so(running: HaldMachine, stick: Disk) -> 
                                    " volume.is_mounted_read_only volume.is_mounted"]
     assert running.mount("volume_uuid_A", "sda1", "vfat", "['remount', 'rw']").startswith(
         error("CannotRemount"))
+
+
+@pytest.mark.parametrize("known, used", [("ntfs3", "ntfs3"), ("vfat", "ntfs")])
+def test_ntfs_is_mounted_by_the_kernel_if_it_can(plugged: HaldMachine, known: str,
+                                                 used: str) -> None:
+    spy_on_mount(plugged)
+    plugged.sandbox.write(f"{TOOLS}/mount.ntfs", "")
+    plugged.sandbox.path(f"{TOOLS}/mount.ntfs").chmod(0o755)
+    plugged.sandbox.write(FILESYSTEMS, f"nodev\tproc\n\t{known}\n")
+    assert plugged.mount("volume_uuid_A", "sda1", "ntfs") == "(0,)"
+    assert words(plugged) == [f"-t {used} -o nosuid,nodev -- /dev/sda1 /media/sda1"]
+
+
+def test_a_medium_that_does_not_say_whether_it_is_read_only_is_mounted(
+        running: HaldMachine, stick: Disk) -> None:
+    running.udev.plug(stick)
+    running.settle()
+    medium = f"{stick.partitions[1].path}/ro"
+    attribute = running.sandbox.path(running.udev.root + medium)
+    attribute.unlink()
+    attribute.mkdir()  # can be opened, but not read
+    spy_on_mount(running)
+    since = running.mark()
+    assert running.mount("volume_uuid_A", "sda1") == "(0,)"
+    assert words(running) == ["-t vfat -o nosuid,nodev -- /dev/sda1 /media/sda1"]
+    assert any(record.text.startswith(f"{medium} cannot be read: ")
+               for record in running.records(since))
 
 
 def test_a_remount_changes_only_whether_it_is_read_only(plugged: HaldMachine) -> None:
