@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <cctype>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 
 #include "glib/Handles.h"
@@ -33,9 +35,19 @@ bool IsSet(udev_device* device, const char* name) {
   return Property(device, name) == "1";
 }
 
-/// Without the blanks around it that the hardware pads it with.
+std::string_view KernelName(udev_device* device) {
+  const char* name = udev_device_get_sysname(device);
+  return name != nullptr ? name : "";
+}
+
+/// Without the blanks around it that the hardware pads it with. Empty also if it cannot be read.
 std::string Attribute(udev_device* device, const char* name) {
-  const std::string text = Bounded(udev_device_get_sysattr_value(device, name));
+  const char* value = udev_device_get_sysattr_value(device, name);
+  if (value == nullptr && errno != ENOENT) {
+    const char* reason = std::strerror(errno);
+    Log(LOG_WARNING, std::string(KernelName(device)) + ": " + name + " cannot be read: " + reason);
+  }
+  const std::string text = Bounded(value);
   const std::size_t first = text.find_first_not_of(" \t\n");
   if (first == std::string::npos) return {};
   return text.substr(first, text.find_last_not_of(" \t\n") - first + 1);
@@ -44,11 +56,6 @@ std::string Attribute(udev_device* device, const char* name) {
 std::string Path(udev_device* device) {
   const char* path = udev_device_get_syspath(device);
   return path != nullptr ? path : "";
-}
-
-std::string_view KernelName(udev_device* device) {
-  const char* name = udev_device_get_sysname(device);
-  return name != nullptr ? name : "";
 }
 
 template <typename Number>
@@ -93,7 +100,7 @@ int UsbId(udev_device* device, const char* name) {
   const std::optional<int> id = Parse<int>(Attribute(device, name), 16);
   if (!id) {
     Log(LOG_WARNING,
-        std::string(KernelName(device)) + ": " + name + " cannot be read and counts as 0");
+        std::string(KernelName(device)) + ": " + name + " is no number and counts as 0");
   }
   return id.value_or(0);
 }

@@ -62,6 +62,9 @@ AGREEMENTS = (
                " so",
                "mounts", "in /media", "afterwards mounts", "afterwards in /media",
                calls=r"^umount2\(", said=r"^cannot detach "),
+    _agreement("the library of the hardware service's main loop ends it when a thread of the library"
+               " cannot be made, and says so on standard error",
+               "ended by itself", calls=r"^(clone3?\(|mmap\(.*MAP_STACK|mprotect\()"),
     _agreement("a connection to the bus that breaks is not made again",
                "bus", said=r"HAL: Connection - lost"),
     _agreement("what goes while no daemon runs is never told, nor what was still to be told",

@@ -9,7 +9,7 @@ from contextlib import ExitStack
 from pathlib import Path
 
 from testbed.faults.agreements import POWER_CUT, UNANNOUNCED
-from testbed.faults.haldunit import HALD_STORIES, HaldStory, HaldUnit
+from testbed.faults.haldunit import HALD_STORIES, WITHOUT_THREAD, HaldStory, HaldUnit
 from testbed.faults.recording import Recorded, record
 from testbed.faults.trial import STEADY, Fault, Seen, Trials, differences
 from testbed.faults.unit import State
@@ -17,8 +17,8 @@ from testbed.strace import Strace, Trace
 from testbed.waiting import wait_until
 
 _TRACE = "/var/log/trial.strace"
-#: The first says that it has logged why; the second is the tool's own.
-_GOOD_ENDS = ("ended with status 1", "killed")
+#: The first says that it has logged why; the last is the tool's own.
+_GOOD_ENDS = ("ended with status 1", WITHOUT_THREAD, "killed")
 #: What is not as it was before when the power is lost while a stick is mounted: the service does
 #: not know any more that the directory is its own. The daemon clears it away before the next mount.
 AFTER_POWER_CUT = frozenset(("afterwards in /media",))

@@ -20,6 +20,10 @@ from testbed.waiting import wait_until
 _VOLUME = "org.freedesktop.Hal.Device.Volume"
 _ANNOUNCED = re.compile(r"Device(Added|Removed) (\S+)")
 _PAUSE = 1.0
+#: What the library of its main loop says before it ends a program.
+_NO_THREAD = "Error creating thread"
+#: An end that the library brings about.
+WITHOUT_THREAD = "ended for want of a thread"
 
 
 class HaldUnit(Lifespan):
@@ -62,7 +66,8 @@ class HaldUnit(Lifespan):
         process = self.machine.process
         if process is None or not process.ended():
             return False
-        self.ends.append(f"ended with status {process.wait()}")
+        without_thread = _NO_THREAD in process.stderr()
+        self.ends.append(WITHOUT_THREAD if without_thread else f"ended with status {process.wait()}")
         self.machine.process = None
         return True
 

@@ -64,14 +64,28 @@ def test_attributes_of_a_stick_are_missing_empty_or_nonsense(running: HaldMachin
     assert running.objects() == []
 
 
-def test_an_id_that_cannot_be_read_counts_as_zero_and_is_named_in_the_log(running: HaldMachine):
+def test_an_id_that_is_missing_counts_as_zero_and_is_named_in_the_log(running: HaldMachine):
     disk = usb_disk(partitions=[FileSystem("A")])
     device = next(device for device in disk.above if "idVendor" in device.attributes)
     del device.attributes["idVendor"]
     running.udev.plug(disk)
     running.settle()
     assert running.volumes() == ["volume_uuid_A"]
-    assert "1-1.3: idVendor cannot be read and counts as 0" in [
+    assert "1-1.3: idVendor is no number and counts as 0" in [
+        record.text for record in running.records()]
+
+
+def test_an_attribute_that_cannot_be_read_is_named_in_the_log(running: HaldMachine):
+    disk = usb_disk(partitions=[FileSystem("A")])
+    device = next(device for device in disk.above if "serial" in device.attributes)
+    running.udev.place(disk)
+    attribute = running.sandbox.path(f"{running.udev.root}{device.path}/serial")
+    attribute.unlink()
+    attribute.mkdir()
+    running.udev.announce(*disk.blocks())
+    running.settle()
+    assert running.volumes() == ["volume_uuid_A"]
+    assert "1-1.3: serial cannot be read: Is a directory" in [
         record.text for record in running.records()]
 
 
