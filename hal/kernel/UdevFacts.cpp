@@ -27,27 +27,32 @@ std::string Bounded(const char* text) {
   return std::string(std::string_view(text != nullptr ? text : "").substr(0, kMaxTextBytes));
 }
 
+std::string_view KernelName(udev_device* device) {
+  const char* name = udev_device_get_sysname(device);
+  return name != nullptr ? name : "";
+}
+
+/// What the library has just returned for the name. A device need not have it; that it cannot be
+/// read is logged.
+std::string Answer(udev_device* device, const char* name, const char* value) {
+  if (value == nullptr && errno != ENOENT) {
+    const char* reason = std::strerror(errno);
+    Log(LOG_WARNING, std::string(KernelName(device)) + ": " + name + " cannot be read: " + reason);
+  }
+  return Bounded(value);
+}
+
 std::string Property(udev_device* device, const char* name) {
-  return Bounded(udev_device_get_property_value(device, name));
+  return Answer(device, name, udev_device_get_property_value(device, name));
 }
 
 bool IsSet(udev_device* device, const char* name) {
   return Property(device, name) == "1";
 }
 
-std::string_view KernelName(udev_device* device) {
-  const char* name = udev_device_get_sysname(device);
-  return name != nullptr ? name : "";
-}
-
-/// Without the blanks around it that the hardware pads it with. Empty also if it cannot be read.
+/// Without the blanks around it that the hardware pads it with.
 std::string Attribute(udev_device* device, const char* name) {
-  const char* value = udev_device_get_sysattr_value(device, name);
-  if (value == nullptr && errno != ENOENT) {
-    const char* reason = std::strerror(errno);
-    Log(LOG_WARNING, std::string(KernelName(device)) + ": " + name + " cannot be read: " + reason);
-  }
-  const std::string text = Bounded(value);
+  const std::string text = Answer(device, name, udev_device_get_sysattr_value(device, name));
   const std::size_t first = text.find_first_not_of(" \t\n");
   if (first == std::string::npos) return {};
   return text.substr(first, text.find_last_not_of(" \t\n") - first + 1);

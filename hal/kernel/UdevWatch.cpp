@@ -33,8 +33,9 @@ void LogUnread(const std::string& path) {
 }
 
 /// Whether udev has not dealt with the device yet, so that there will be an event. False also if
-/// what udev knows of it cannot be read.
+/// what udev or the kernel knows of it cannot be read: the library then has no node of it.
 bool EventIsToCome(udev_device* device) {
+  if (udev_device_get_devnode(device) == nullptr) return false;
   errno = 0;
   const char* time = udev_device_get_property_value(device, "USEC_INITIALIZED");
   return time == nullptr && (errno == 0 || errno == ENOENT);

@@ -267,12 +267,16 @@ def test_what_cannot_be_read_at_the_start_is_named_in_the_log(machine: HaldMachi
     assert machine.volumes() == ["volume_uuid_C"], "the other disk is served"
 
 
-def test_a_record_that_cannot_be_read_at_the_start_is_no_record_to_come(machine: HaldMachine,
-                                                                       stick: Disk):
+@pytest.mark.parametrize("empty", [True, False])
+def test_a_record_that_cannot_be_read_at_the_start_is_no_record_to_come(
+        machine: HaldMachine, stick: Disk, empty: bool):
     machine.udev.place(stick)
     record = machine.sandbox.path(f"{machine.udev.root}{stick.disk.path}/uevent")
     record.unlink()
-    record.mkdir()
+    if empty:
+        record.write_text("")
+    else:
+        record.mkdir()
     since = machine.mark()
     machine.start_service()
     assert "sda cannot be read, and stays unknown until its next udev event" in [
