@@ -2,6 +2,7 @@
 
 import os
 import re
+import signal
 from pathlib import Path
 from typing import Callable, Iterator, Protocol
 
@@ -14,6 +15,7 @@ from testbed.daemon import Daemon
 from testbed.hald import HaldMachine
 from testbed.udev import Disk, FileSystem, sd_card, usb_disk
 from testbed.unit import FAMILY, Unit
+from testbed.waiting import wait_until
 
 _FENCE = arrival("/media/sdb1")
 
@@ -107,6 +109,23 @@ class HaldStage:
     def entries(self) -> dict[str, str]:
         return _entries(self._machine.sandbox.path("/media"))
 
+    def kill_both(self, events: int, cause: Callable[[], None]) -> None:
+        """Do what `cause` does, SIGKILL service and daemon at once as soon as so many events stand
+        on the tape after it, and start both again."""
+        end = self._machine.mark() + events
+        cause()
+        wait_until(lambda: self._machine.mark() >= end, f"{events} events")
+        assert self._machine.process
+        self._machine.process.signal(signal.SIGKILL)
+        self._daemon.kill()
+        self._machine.process.wait()
+        self._machine.start_service()
+        self.start_daemon()
+
+    def mounts(self) -> set[str]:
+        """The places where something is mounted."""
+        return set(self._machine.mounts())
+
     def close(self) -> None:
         """End what the machine does not."""
         if self._daemon.process and not self._daemon.process.ended():
@@ -121,15 +140,20 @@ def _entries(media: Path) -> dict[str, str]:
                 for entry in found}
 
 
+@pytest.fixture
+def hald_stage(machine: HaldMachine) -> Iterator[HaldStage]:
+    """With the service over the kernel's devices."""
+    made = HaldStage(machine)
+    yield made
+    made.close()
+
+
 @pytest.fixture(params=["voldrake-halsim", "voldrake-hald"])
-def stage(request: pytest.FixtureRequest) -> Iterator[Stage]:
+def stage(request: pytest.FixtureRequest) -> Stage:
     """Each test runs over both services."""
     if request.param == "voldrake-halsim":
-        yield SimStage(request.getfixturevalue("unit"))
-        return
-    machine = HaldStage(request.getfixturevalue("machine"))
-    yield machine
-    machine.close()
+        return SimStage(request.getfixturevalue("unit"))
+    return request.getfixturevalue("hald_stage")
 
 
 def rest(stage: Stage) -> list[str]:
@@ -201,3 +225,24 @@ def test_a_write_protected_stick_is_read_only(stage: Stage) -> None:
     stage.plug("protected")
     assert stage.application.next_text() == arrival("/media/sda1", read_only=True)
     assert rest(stage) == []
+
+
+@pytest.mark.parametrize("events", range(0, 90, 6))
+def test_both_are_killed_while_a_stick_comes(hald_stage: HaldStage, events: int) -> None:
+    hald_stage.start_daemon()
+    hald_stage.kill_both(events, lambda: hald_stage.plug("stick"))
+    assert set(rest(hald_stage)) == {arrival("/media/sda1")}
+    assert hald_stage.mounts() == {"/media/sda1", "/media/sdb1"}
+    assert hald_stage.entries() == FENCE_ENTRIES | {"sda1": "", "USB Memory Card A1": "sda1"}
+
+
+@pytest.mark.parametrize("events", range(0, 30, 3))
+def test_both_are_killed_while_a_stick_goes(hald_stage: HaldStage, events: int) -> None:
+    hald_stage.start_daemon()
+    hald_stage.plug("stick")
+    assert hald_stage.application.next_text() == arrival("/media/sda1")
+    hald_stage.kill_both(events, lambda: hald_stage.pull("stick"))
+    # What goes while no daemon runs is never told.
+    assert set(rest(hald_stage)) <= {removal("/media/sda1")}
+    assert hald_stage.mounts() == {"/media/sdb1"}
+    assert hald_stage.entries() == FENCE_ENTRIES
