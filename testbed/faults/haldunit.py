@@ -116,6 +116,8 @@ class HaldUnit(Lifespan):
         for place in self.machine.mounts():
             assert self.machine.sandbox.run(["umount", place]).returncode == 0, place
         shutil.rmtree(self.machine.sandbox.path("/run/voldrake-hald"), ignore_errors=True)
+        # What the service has sent may be still on its way to the observer.
+        self.machine.fence_bus()
         self._booted = self.machine.mark()
 
     def clear_directories(self) -> None:
