@@ -120,8 +120,9 @@ def test_no_deadline_of_an_answered_call_keeps_the_main_loop_awake(running_unit:
         for number in range(1, 4):
             running_unit.daemon.signal(signal.SIGHUP)
             running_unit.daemon.expect_log(INFO, "Starting new log file")
-            strace.expect(r"\], \d+, -1", number)  # waits without a deadline again
-    assert strace.times(r"\], \d+, [1-9]") == []
+            strace.expect(r"\], 2, -1", number)  # waits without a deadline again
+    # A call waits for its answer with the bus alone, as the last one did if strace came upon it.
+    assert strace.times(r"\], 2, [1-9]") == []
 
 
 def standard_streams(unit: Unit) -> dict[int, str]:
