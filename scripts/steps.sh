@@ -31,6 +31,7 @@ step() {
   finished "$title: FAILED with status $status"
   tail -n 200 "$log"
   echo "The full output is in $log"
+  failed_tests "$log"
   exit 1
 }
 
@@ -78,6 +79,11 @@ closing_lines() {
   sed -n -e 's/^\([0-9]*: \)\{0,1\}\(=.* in [0-9].*=\)$/  pytest: \2/p' \
     -e 's/^[0-9]*% tests passed.*/  ctest:  &/p' \
     -e 's/^Total Test time.*/  ctest:  &/p' "$logs/$1.log"
+}
+
+# failed_tests FILE: shows which of pytest's tests failed and why, a line each.
+failed_tests() {
+  sed -n 's/^\([0-9]*: \)\{0,1\}\(\(FAILED\|ERROR\) .*\)$/  \2/p' "$1"
 }
 
 # Makes what builds for 32-bit ARM link against, unless it is there: $sysroot.
