@@ -42,6 +42,8 @@ _NO_PROCESS = r"^(clone3?|vfork|mmap|wait4)\("
 
 #: What the hardware service has recorded and not announced when it is killed.
 UNANNOUNCED = "recorded and never announced"
+#: How the library of its main loop ends the hardware service.
+WITHOUT_THREAD = "ended for want of a thread"
 
 AGREEMENTS = (
     _agreement("a message whose sending fails is lost without a line", "messages",
@@ -64,7 +66,7 @@ AGREEMENTS = (
                calls=r"^umount2\(", said=r"^cannot detach "),
     _agreement("the library of the hardware service's main loop ends it when a thread of the library"
                " cannot be made, and says so on standard error",
-               "ended by itself", calls=r"^(clone3?\(|mmap\(.*MAP_STACK|mprotect\()"),
+               WITHOUT_THREAD, calls=r"^(clone3?\(|mmap\(.*MAP_STACK|mprotect\()"),
     _agreement("a connection to the bus that breaks is not made again",
                "bus", said=r"HAL: Connection - lost"),
     _agreement("what goes while no daemon runs is never told, nor what was still to be told",

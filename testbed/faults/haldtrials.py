@@ -8,8 +8,8 @@ from collections import Counter
 from contextlib import ExitStack
 from pathlib import Path
 
-from testbed.faults.agreements import POWER_CUT, UNANNOUNCED
-from testbed.faults.haldunit import HALD_STORIES, WITHOUT_THREAD, HaldStory, HaldUnit
+from testbed.faults.agreements import POWER_CUT, UNANNOUNCED, WITHOUT_THREAD
+from testbed.faults.haldunit import HALD_STORIES, HaldStory, HaldUnit
 from testbed.faults.recording import Recorded, record
 from testbed.faults.trial import STEADY, Fault, Seen, Trials, differences
 from testbed.faults.unit import State
@@ -17,8 +17,8 @@ from testbed.strace import Strace, Trace
 from testbed.waiting import wait_until
 
 _TRACE = "/var/log/trial.strace"
-#: The first says that it has logged why; the last is the tool's own.
-_GOOD_ENDS = ("ended with status 1", WITHOUT_THREAD, "killed")
+#: The first says that it has logged why; the second is the tool's own.
+_GOOD_ENDS = ("ended with status 1", "killed")
 #: What is not as it was before when the power is lost while a stick is mounted: the service does
 #: not know any more that the directory is its own. The daemon clears it away before the next mount.
 AFTER_POWER_CUT = frozenset(("afterwards in /media",))
@@ -117,7 +117,12 @@ class HaldTrials(Trials):
         self._see(unit, story, kills, seen)
         if recorded:
             self._see_unannounced(story, recorded, seen)
-        if bad := [end for end in seen.state.get("ended by itself", ()) if end not in _GOOD_ENDS]:
+        ends = seen.state.get("ended by itself", ())
+        if WITHOUT_THREAD in ends:
+            seen.deviations[WITHOUT_THREAD] = "and started again"
+            ends = tuple(end for end in ends if end != WITHOUT_THREAD)
+            seen.state = {**seen.state, "ended by itself": ends}
+        if bad := [end for end in ends if end not in _GOOD_ENDS]:
             seen.deviations["end"] = str(bad)
         # That it serves again is no word about why it has ended.
         seen.lines = [line for line in unit.lines(since) if not line.startswith("serving ")]

@@ -9,6 +9,7 @@ from pathlib import Path
 from typing import Callable
 
 from testbed import timeouts
+from testbed.faults.agreements import WITHOUT_THREAD
 from testbed.faults.unit import State
 from testbed.hald import PREFIX, STATE_FILE, HaldMachine
 from testbed.lifespan import Lifespan
@@ -22,8 +23,6 @@ _ANNOUNCED = re.compile(r"Device(Added|Removed) (\S+)")
 _PAUSE = 1.0
 #: What the library of its main loop says before it ends a program.
 _NO_THREAD = "Error creating thread"
-#: An end that the library brings about.
-WITHOUT_THREAD = "ended for want of a thread"
 
 
 class HaldUnit(Lifespan):
