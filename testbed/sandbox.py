@@ -25,8 +25,9 @@ _MEMORY_DIRECTORIES = ("/etc", "/media", "/mnt", "/var", "/sys", "/proc", "/tmp"
 _SYSTEM_DIRECTORIES = ("bin", "sbin", "lib", "lib32", "lib64", "libx32")
 #: First in PATH: tools that stand in for the system's own are put here.
 TOOLS = "/srv/tools"
-#: A leak check at the end of a program looks at /proc/NUMBER; numbers in a sandbox are small.
-_PROCESS_LINKS = 500
+#: How many processes and threads a sandbox may ever have for a sanitizer in it, whose leak check at
+#: the end of a program looks at /proc/NUMBER.
+_PROCESS_LINKS = 5000
 _ENVIRONMENT = {
     "PATH": f"{TOOLS}:/usr/sbin:/usr/bin",
     "TZ": "UTC",
@@ -94,7 +95,7 @@ class Sandbox(Lifespan):
         for name, content in _ETC.items():
             self.path(f"/etc/{name}").write_text(content)
         self.path(TOOLS).mkdir()
-        for number in range(1, _PROCESS_LINKS + 1):
+        for number in range(1, _PROCESS_LINKS + 1) if target.sanitized() else ():
             os.symlink(f"/run/proc/{number}", self.path(f"/proc/{number}"))
 
     def close(self) -> None:

@@ -5,7 +5,7 @@ import subprocess
 from dataclasses import dataclass
 from pathlib import Path
 
-from testbed import timeouts
+from testbed import target, timeouts
 from testbed.lifespan import Lifespan
 from testbed.process import Process
 from testbed.waiting import wait_until
@@ -54,7 +54,9 @@ class Trace:
     def launcher(inside: str, *options: str) -> list[str]:
         """The words that start a program traced, for `Daemon.start`; `inside` is where the file
         is for the program."""
-        return ["strace", "-D", "-f", "-r", "-o", inside, *options]
+        environment = [f"--env={name}={value}"
+                       for name, value in target.traced_to_its_end().items()]
+        return ["strace", "-D", "-f", "-r", "-o", inside, *environment, *options]
 
     def expect(self, pattern: str, count: int = 1, timeout: float = timeouts.EVENT) -> None:
         """Wait until so many calls have this pattern."""

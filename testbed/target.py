@@ -80,6 +80,13 @@ def sanitizer_options() -> dict[str, str]:
     return {"TSAN_OPTIONS": f"{options}:suppressions={known}:atexit_sleep_ms=0"}
 
 
+def traced_to_its_end() -> dict[str, str]:
+    """What a program in a sandbox is started with that a tracer will not let go before it ends: a
+    sanitizer's leak check, which is a tracer itself, would miss threads and take what only they
+    know for lost."""
+    return {"LSAN_OPTIONS": f"{os.environ.get('LSAN_OPTIONS', '')}:detect_leaks=0"}
+
+
 def preloading(*libraries: str) -> dict[str, str]:
     """What a program in a sandbox is started with to load these libraries before all others. An
     address sanitizer that is linked dynamically wants to be the first."""

@@ -54,6 +54,13 @@ def running_unit(unit: Unit) -> Unit:
 
 
 @pytest.fixture
+def traced_to_its_end(monkeypatch: pytest.MonkeyPatch) -> None:
+    """For a test that attaches strace to a program and lets it end so."""
+    for name, value in target.traced_to_its_end().items():
+        monkeypatch.setenv(name, value)
+
+
+@pytest.fixture
 def network() -> Iterator[Network]:
     """A wire for units."""
     with Network() as wire:

@@ -342,6 +342,7 @@ def test_an_answer_of_the_application_is_not_waited_for(running_unit: Unit) -> N
         assert application.texts[1] == arrival("/media/sdb1")
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 @pytest.mark.parametrize("mode", [
     pytest.param(Mode.NEVER_READ, marks=_long_names), Mode.NEVER_ACCEPT, None],
     ids=["never reads", "takes no connection", "is absent"])

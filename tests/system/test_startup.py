@@ -47,6 +47,7 @@ def texts(unit: Unit) -> list[tuple[int, str]]:
             if line.text not in NOT_OF_INTEREST]
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 @pytest.mark.unit_options(configuration="name=A\nusbid=1-1\n")
 def test_the_log_shows_the_order_of_start_up_and_shutdown(unit: Unit) -> None:
     unit.sandbox.write("/etc/content-id", "id\n")

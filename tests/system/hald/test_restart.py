@@ -61,6 +61,7 @@ def test_what_came_and_was_unmounted_meanwhile(plugged: HaldMachine, stick: Disk
     assert not plugged.sandbox.path("/media/sda1").exists()
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 @pytest.mark.undelayed("its calls are counted")
 def test_a_removal_that_cannot_be_sent_is_told_by_the_next_start(plugged: HaldMachine,
                                                                  stick: Disk):

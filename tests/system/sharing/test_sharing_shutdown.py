@@ -40,6 +40,7 @@ def state(unit) -> str:
     return stat.rpartition(")")[2].split()[0]
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 def test_every_volume_is_withdrawn_at_once_and_nothing_announced_after(unit, tools, peer,
                                                                        log_directory) -> None:
     start_with_peer(unit, peer, "--internal-share-path", "/srv/charts")
@@ -62,6 +63,7 @@ def test_every_volume_is_withdrawn_at_once_and_nothing_announced_after(unit, too
     assert [call for call in tools.calls(since) if call != "exportfs -f"] == []
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 @pytest.mark.parametrize("rmtab", [None, 1000], ids=["is missing", "does not change"])
 def test_the_end_takes_three_seconds_when_the_table_of_remote_mounts(unit, tools, log_directory,
                                                                      rmtab: int | None) -> None:
@@ -74,6 +76,7 @@ def test_the_end_takes_three_seconds_when_the_table_of_remote_mounts(unit, tools
     assert naps(strace) == [1, 2]
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 @pytest.mark.parametrize("changes", [1, 4, 6], ids=[
     "once, two seconds more", "four times, seven seconds", "for ever, five measurements"])
 def test_the_end_waits_while_the_table_of_remote_mounts_changes(unit, tools, log_directory,
@@ -135,6 +138,7 @@ def test_shares_are_still_heard_while_the_clients_get_their_time(unit, tools, pe
     assert unit.daemon.wait() == 0
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 def test_an_absent_application_holds_up_the_end_for_a_limited_time(unit, tools, peer,
                                                                    log_directory) -> None:
     start_listening(unit)
@@ -147,6 +151,7 @@ def test_an_absent_application_holds_up_the_end_for_a_limited_time(unit, tools, 
     assert os.listdir(unit.sandbox.path("/mnt")) == []
 
 
+@pytest.mark.usefixtures("traced_to_its_end")
 def test_without_a_network_the_end_is_as_orderly(unit, tools, peer, log_directory) -> None:
     start_sharing(unit, "--internal-share-path", "/srv/charts")
     peer.expect_announcement("/srv/charts")
