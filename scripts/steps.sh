@@ -83,7 +83,7 @@ closing_lines() {
 
 # failed_tests FILE: shows which of pytest's tests failed and why, a line each.
 failed_tests() {
-  sed -n 's/^\([0-9]*: \)\{0,1\}\(\(FAILED\|ERROR\) .*\)$/  \2/p' "$1"
+  sed -n 's/^\([0-9]*: \)\{0,1\}\(\(FAILED\|ERROR\) .*\)$/  \2/p' "$1" | sort -u
 }
 
 # Makes what builds for 32-bit ARM link against, unless it is there: $sysroot.

@@ -29,6 +29,10 @@ class Frame:
         """The text in the frame. Raises BadFrame."""
         return decode(self.raw)
 
+    def cut(self) -> bool:
+        """True when it ends too early, as that of a sender that was killed."""
+        return len(self.raw) < 2 or len(self.raw) - 2 < int.from_bytes(self.raw[:2], "big")
+
     def message(self) -> "Message":
         """The message in the frame. Raises BadFrame."""
         return Message.parse(self.text())

@@ -14,7 +14,7 @@ import pytest
 from testbed import target, timeouts
 from testbed.application import Application, Mode
 from testbed.daemon import INFO
-from testbed.frame import BadFrame, decode, encode
+from testbed.frame import BadFrame, Frame, decode, encode
 from testbed.network import Network
 from testbed.sandbox import Sandbox
 from testbed.strace import Strace
@@ -277,6 +277,13 @@ def test_frames_are_decoded(raw: str, text: str) -> None:
 def test_malformed_frames_are_refused(raw: str) -> None:
     with pytest.raises(BadFrame):
         decode(bytes.fromhex(raw))
+
+
+@pytest.mark.parametrize("raw, cut", [
+    ("", True), ("00", True), ("0008 0000 0004 0061", True), ("0008 0000 0004 0061 0062", False),
+    ("0008 0000 0004 0061 0062 00", False)])
+def test_a_frame_that_ends_too_early_is_known(raw: str, cut: bool) -> None:
+    assert Frame(bytes.fromhex(raw)).cut() == cut
 
 
 def test_units_on_a_wire_reach_one_another(network: Network, make_unit) -> None:
