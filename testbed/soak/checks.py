@@ -10,7 +10,7 @@ from typing import Callable
 from testbed import timeouts
 from testbed.soak import Violation
 from testbed.soak.service import ANSWER, PREFIX, Volume
-from testbed.soak.unit import IGNORED, INTERNAL, SoakUnit
+from testbed.soak.unit import IGNORED, INTERNAL, Heap, SoakUnit
 from testbed.waiting import wait_until
 
 #: What a name that is plugged may begin with to be served; the number follows.
@@ -19,8 +19,9 @@ _DEVICE = "org.freedesktop.Hal.Device"
 _MANAGER = "/org/freedesktop/Hal/Manager org.freedesktop.Hal.Manager"
 #: Announcements come once a second, and a busy unit may be late.
 _ANNOUNCED_WITHIN = 4.0
-#: The libraries keep some memory for later: so many rests until they have it, so many bytes more.
-_WARMING, _HEAP_SLACK = 5, 8192
+#: The libraries keep some blocks for later: so many rests until they have them. How long the blocks
+#: are varies, as that of a message which is kept does with the message: by so many bytes in all.
+_WARMING, _HEAP_SLACK = 5, 4096
 #: A share is forgotten after three seconds; a retry with the application comes after ten.
 _PATIENCE = 60 * timeouts.SCALE
 
@@ -37,7 +38,7 @@ class Checks:
         self.threads = 0  # when first at rest
         self.descriptors = 0  # the fewest
         self.resting: dict[str, int] = {}  # sizes when last at rest
-        self.first_heaps: list[int] = []  # bytes, whenever at rest
+        self.first_heaps: list[Heap] = []  # whenever at rest
         self.verbs: dict[str, Callable[[], None]] = {
             "quiet": self.quiet, "heal": self.heal, "compare": self.compare, "rest": self.rest}
 
@@ -244,13 +245,15 @@ class Checks:
     def _check_size(self) -> None:
         self._come_true(self._sizes_differ)
         heap = self.unit.heap()
-        self.resting = {"threads": self.threads, "fds": self.descriptors, "heap B": heap or 0}
+        self.resting = {"threads": self.threads, "fds": self.descriptors}
         if heap is None:
             return
+        self.resting |= {"heap B": heap.size, "blocks": heap.blocks}
         if len(self.first_heaps) < _WARMING:
             self.first_heaps.append(heap)
-        elif heap > max(self.first_heaps) + _HEAP_SLACK:
-            raise Violation(f"{heap} bytes on the heap, at first {self.first_heaps}")
+        elif (heap.blocks > max(first.blocks for first in self.first_heaps)
+              or heap.size > max(first.size for first in self.first_heaps) + _HEAP_SLACK):
+            raise Violation(f"on the heap: {heap}, at first {self.first_heaps}")
 
     def _sizes_differ(self) -> str:
         """Looked at again and again, since the daemon opens its log for each line and a socket now

@@ -34,7 +34,7 @@ _MOST_TRIALS = 400
 _LONGEST = 600  # seconds of shortening
 REPLAY = "replay"
 FAILURES = (AssertionError, OSError, TimeoutError)
-_SIZES = ("RSS kB", "heap B", "threads", "fds")
+_SIZES = ("RSS kB", "heap B", "blocks", "threads", "fds")
 _TITLES = ("events", "/s", "datagrams", "messages", "checks", "sure %", *_SIZES)
 
 

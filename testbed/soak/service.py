@@ -91,11 +91,17 @@ class Service:
         See `testbed.hal.Hal.settle`.
         """
         for _ in range(2):
-            fences = self._fences
+            self.announce_nothing()()
+        self.flush()
+
+    def announce_nothing(self, count: int = 1) -> Callable[[], None]:
+        """Announce so many changes of a device that the daemon has no business with. What is
+        returned waits until the daemon has asked for the value each time."""
+        asked = self._fences + count
+        for _ in range(count):
             self.command(f"emit {ROOT} org.freedesktop.Hal.Device PropertyModified"
                          " (1, [('volume.is_mounted', false, false)])")
-            self._wait(lambda: self._fences > fences, "the daemon answers a change")
-        self.flush()
+        return lambda: self._wait(lambda: self._fences >= asked, "the daemon answers a change")
 
     def volumes(self) -> list[Volume]:
         """What is there now."""

@@ -30,6 +30,8 @@ import os
 import shlex
 import shutil
 import signal
+import struct
+from dataclasses import dataclass
 from pathlib import Path
 from typing import Callable
 
@@ -62,6 +64,9 @@ usbid=2-9
 """
 _HEAP_COUNTER = "tests/libsoak-heap-counter.so"
 _HEAP_COUNTS = "/srv/soak/heap-counts"
+_HEAP = struct.Struct("qq")
+#: More messages than ever wait for the daemon in a story.
+_MANY_MESSAGES = 1000
 _YIELDS = "testbed/preload/libdelays.so"
 #: Microseconds that a daemon spends on giving way: each time a busy machine may do something else.
 _GIVING_WAY = 3_000_000
@@ -69,6 +74,14 @@ _GIVING_WAY = 3_000_000
 _FAST_CLOCK = "*/faketime/libfaketimeMT.so.1"
 _NEIGHBOURS = 3
 _IDENTITIES = {"content-id": "/etc/content-id", "serial": "/etc/serial"}
+
+
+@dataclass(frozen=True)
+class Heap:
+    """What a program has on its heap."""
+
+    size: int  # in bytes
+    blocks: int
 
 
 class SoakUnit(Lifespan):
@@ -242,10 +255,10 @@ class SoakUnit(Lifespan):
         self.follow()
         return self.ledger.local.complete() and self.ledger.remote.complete()
 
-    def heap(self) -> int | None:
-        """The bytes on the daemon's heap; None when they are not counted."""
+    def heap(self) -> Heap | None:
+        """The daemon's; None when it is not counted."""
         counts = self.sandbox.path(_HEAP_COUNTS)
-        return int.from_bytes(counts.read_bytes()[:8], "little") if counts.exists() else None
+        return Heap(*_HEAP.unpack(counts.read_bytes())) if counts.exists() else None
 
     def status(self, name: str) -> int:
         """As `Process.status`, of the daemon."""
@@ -279,12 +292,22 @@ class SoakUnit(Lifespan):
                    timeouts.START)
         self.settle()
 
+    def let_messages_wait(self) -> None:
+        """Many messages wait for the daemon at once; it has dealt with them on return. The bus
+        library keeps the memory that it needs for the longest queue ever."""
+        assert self.process
+        self.process.pause()
+        wait_for_answers = self.service.announce_nothing(_MANY_MESSAGES)
+        self.service.flush()
+        self.process.resume()
+        wait_for_answers()
+
     def _environment(self) -> dict[str, str]:
         environment, preloaded = dict(self.tools.environment()), []
         # A sanitizer bears no other allocator, and an emulator would run with ours itself.
         if not target.sanitized() and not target.emulated():
             preloaded.append(self._copied(_HEAP_COUNTER))
-            self.sandbox.write(_HEAP_COUNTS, bytes(16))
+            self.sandbox.write(_HEAP_COUNTS, bytes(_HEAP.size))
             environment["HEAP_COUNTER_FILE"] = _HEAP_COUNTS
         if self.speed != 1:
             preloaded += map(str, Path("/usr/lib").glob(_FAST_CLOCK))
