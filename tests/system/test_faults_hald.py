@@ -31,7 +31,7 @@ def test_a_mount_bears_faults_and_what_it_does_not_bear_is_found(trials: HaldTri
             (after_it, KILL, AGREED, "in /media: missing ['sda1']"),
             (sent[0], "error=EINTR", UNHARMED, ""),
             (sent[0], "error=ENOBUFS", LOGGED, "the bus has closed the connection"),
-            (directory, "signal=SEGV", FINDING, "end: ['ended with status -11']")):
+            (directory, "signal=ABRT", FINDING, "end: ['ended with status -6']")):
         result = trials.run(Fault("mount", call.thread, call.call, call.number, action, call.text))
         said = f"{result.kind}: {' | '.join(result.words)}"
         assert result.kind == kind and words in said, said
