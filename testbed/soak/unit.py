@@ -232,9 +232,12 @@ class SoakUnit(Lifespan):
     def link_gone(self, name: str) -> None:
         self.log.read()
         link = self.sandbox.path(f"/media/{name}")
-        if link.is_symlink():
-            self.ledger.linkless.add(os.readlink(link))
+        try:
+            to = os.readlink(link)
             link.unlink()
+        except OSError:
+            return  # there is none, or the daemon has just removed it
+        self.ledger.linkless.add(to)
 
     # ---- What follows it
 
