@@ -249,6 +249,8 @@ class Checks:
         self.resting = {"threads": self.threads, "fds": self.descriptors}
         if not self.unit.heap():
             return
+        if not self.first_heaps:
+            self.unit.let_messages_wait()
         if len(self.first_heaps) < _WARMING:
             self.first_heaps.append(self._least_heap())
         else:

@@ -24,14 +24,11 @@ class DaemonPlayer(Lifespan):
         self._network = Network()
         self.unit = SoakUnit(logs, self._network, real_mounts, speed, yields)
         self.checks = Checks(self.unit, _REPLAYED) if replay else Checks(self.unit)
-        self._replay = replay
 
     def start(self) -> None:
-        """Everything runs, and what grows once only has grown."""
+        """Everything runs."""
         self._network.start()
         self.unit.start()
-        if not self._replay:
-            self.unit.let_messages_wait()
 
     def close(self) -> None:
         """Leaves nothing but logs."""

@@ -2,6 +2,7 @@
 
 import socket
 import time
+from dataclasses import replace
 from pathlib import Path
 from typing import Iterator
 
@@ -100,6 +101,17 @@ def test_a_descriptor_that_is_kept_is_found(player: DaemonPlayer) -> None:
     player.checks.descriptors -= 1
     player.checks._patience = 0.5
     with pytest.raises(Violation, match="threads and descriptors: .* at first"):
+        play(player, "rest")
+
+
+@pytest.mark.native("the emulator's own heap would be counted")
+@pytest.mark.skipif(target.sanitized(), reason="a sanitizer bears no other allocator")
+def test_a_block_that_is_kept_is_found(player: DaemonPlayer) -> None:
+    play(player, "rest")
+    first = player.checks.first_heaps.pop()
+    player.checks.first_heaps = 5 * [replace(first, blocks=first.blocks - 1)]
+    player.checks._patience = 0.5
+    with pytest.raises(Violation, match="on the heap: .* at first"):
         play(player, "rest")
 
 
