@@ -25,9 +25,9 @@ _MEMORY_DIRECTORIES = ("/etc", "/media", "/mnt", "/var", "/sys", "/proc", "/tmp"
 _SYSTEM_DIRECTORIES = ("bin", "sbin", "lib", "lib32", "lib64", "libx32")
 #: First in PATH: tools that stand in for the system's own are put here.
 TOOLS = "/srv/tools"
-#: How many processes and threads a sandbox may ever have for a sanitizer in it, whose leak check at
-#: the end of a program looks at /proc/NUMBER.
-_PROCESS_LINKS = 5000
+#: How many processes and threads a sandbox may ever have: pidof and start-stop-daemon look for theirs
+#: in /proc, and so does a leak check at the end of a program. A module may share one.
+_PROCESS_LINKS = 1000
 _ENVIRONMENT = {
     "PATH": f"{TOOLS}:/usr/sbin:/usr/bin",
     "TZ": "UTC",
@@ -95,7 +95,7 @@ class Sandbox(Lifespan):
         for name, content in _ETC.items():
             self.path(f"/etc/{name}").write_text(content)
         self.path(TOOLS).mkdir()
-        for number in range(1, _PROCESS_LINKS + 1) if target.sanitized() else ():
+        for number in range(1, _PROCESS_LINKS + 1):
             os.symlink(f"/run/proc/{number}", self.path(f"/proc/{number}"))
 
     def close(self) -> None:

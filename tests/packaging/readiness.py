@@ -4,7 +4,7 @@ import re
 from pathlib import Path
 
 from testbed import timeouts
-from testbed.sandbox import Sandbox
+from testbed.sandbox import TOOLS, Sandbox
 from testbed.waiting import wait_until
 
 
@@ -19,6 +19,20 @@ def expect_handler(sandbox: Sandbox, number: int) -> None:
     """Wait until the sandbox's daemon handles this signal; before, it would end by it."""
     wait_until(lambda: any(_handles(pid, number) for pid, line in sandbox.processes().items()
                            if "/voldrake" in line), f"signal {number} is handled", timeouts.START)
+
+
+def make_starts_slow(sandbox: Sandbox) -> None:
+    """What start-stop-daemon starts in the background begins two seconds after it has returned."""
+    tool = sandbox.path(f"{TOOLS}/start-stop-daemon")
+    tool.unlink()
+    tool.write_text("""#!/bin/sh
+if [ "$1" = -S ]; then
+    { /usr/bin/sleep 2; exec /usr/bin/busybox start-stop-daemon "$@"; } >/dev/null 2>&1 &
+else
+    exec /usr/bin/busybox start-stop-daemon "$@"
+fi
+""")
+    tool.chmod(0o755)
 
 
 def _handles(pid: int, number: int) -> bool:

@@ -6,6 +6,7 @@ from typing import Iterator
 
 import pytest
 
+from readiness import make_starts_slow
 from testbed import target, timeouts
 from testbed.hald import STATE_FILE, HaldMachine
 from testbed.sandbox import TOOLS
@@ -55,6 +56,13 @@ def test_serves_when_the_start_returns(machine: HaldMachine) -> None:
     # What the next start needs.
     assert machine.sandbox.path(STATE_FILE).exists()
     assert call(machine, "stop") == (0, "voldrake-hald is not running\n", "")
+
+
+def test_a_busy_system_starts_it_later(machine: HaldMachine) -> None:
+    make_starts_slow(machine.sandbox)
+    assert call(machine, "start") == (0, "", "")
+    assert machine.objects() == []
+    call(machine, "stop")
 
 
 def test_a_restart_serves_when_it_returns(machine: HaldMachine) -> None:

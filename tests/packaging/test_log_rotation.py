@@ -70,6 +70,7 @@ def test_leaves_a_daemon_that_waits_for_its_identity_alone(unit: Sandbox, tree) 
     unit.write(identity, "7\n")
     expect_line(unit, LOG, f"Found: {identity}")
     expect_line(unit, LOG, "_ManualScan()")
+    expect_handler(unit, signal.SIGTERM)
     assert "Starting new log file" not in unit.path(LOG).read_text()
     assert daemon.terminate() == 0
 

@@ -8,7 +8,7 @@ from pathlib import Path
 
 import pytest
 
-from readiness import expect_handler, expect_line
+from readiness import expect_handler, expect_line, make_starts_slow
 from testbed import target, timeouts
 from testbed.sandbox import TOOLS, Sandbox
 
@@ -65,6 +65,14 @@ def test_starts_once_tells_and_stops(image: Sandbox) -> None:
     assert "Exiting" in image.path(LOG).read_text()
     assert not image.path(PID_FILE).exists()
     assert call(image, "stop") == (0, "voldrake is not running\n")
+
+
+def test_a_busy_system_starts_it_later(image: Sandbox) -> None:
+    make_starts_slow(image)
+    assert call(image, "start") == (0, "")
+    assert len(daemons(image)) == 1
+    expect_handler(image, signal.SIGTERM)
+    call(image, "stop")
 
 
 def test_restart_is_another_process(image: Sandbox) -> None:
