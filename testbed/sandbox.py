@@ -66,7 +66,8 @@ class Sandbox(Lifespan):
         self._holder: subprocess.Popen[bytes] | None = None
         self._counter = itertools.count(1)
         self._processes: list[Process] = []
-        self._namespace = ""  # of processes
+        #: A descriptor of that of the processes. While it is open, no other has the same number.
+        self._namespace: int | None = None
         self._own: set[int] = set()  # the processes that hold the sandbox
 
     def start(self) -> None:
@@ -90,7 +91,7 @@ class Sandbox(Lifespan):
             reason = (self.logs / "sandbox.err").read_text().strip()
             raise RuntimeError(f"bubblewrap made no sandbox: {reason}")
         self.pid = json.loads(text)["child-pid"]
-        self._namespace = os.readlink(f"/proc/{self.pid}/ns/pid")
+        self._namespace = os.open(f"/proc/{self.pid}/ns/pid", os.O_RDONLY)
         self._own = set(self.processes())
         for name, content in _ETC.items():
             self.path(f"/etc/{name}").write_text(content)
@@ -118,6 +119,9 @@ class Sandbox(Lifespan):
         while self.processes():
             assert time.monotonic() < deadline, f"still running: {self.processes()}"
             time.sleep(timeouts.POLL)
+        if self._namespace is not None:
+            os.close(self._namespace)
+            self._namespace = None
 
     def path(self, inside: str | Path) -> Path:
         """Path out here of a path inside.
@@ -184,12 +188,14 @@ class Sandbox(Lifespan):
 
         Processes that have ended but were not collected do not count.
         """
-        found = {}
+        if self._namespace is None:
+            return {}
+        found, namespace = {}, os.fstat(self._namespace)
         for entry in Path("/proc").glob("[0-9]*"):
             try:
                 words = (entry / "cmdline").read_bytes().replace(b"\0", b" ")
                 line = words.decode("utf-8", "replace").strip()
-                if line and os.readlink(entry / "ns/pid") == self._namespace:
+                if line and os.path.samestat(os.stat(entry / "ns/pid"), namespace):
                     found[int(entry.name)] = line
             except OSError:
                 pass  # ended meanwhile
