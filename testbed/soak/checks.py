@@ -20,8 +20,9 @@ _MANAGER = "/org/freedesktop/Hal/Manager org.freedesktop.Hal.Manager"
 #: Announcements come once a second, and a busy unit may be late.
 _ANNOUNCED_WITHIN = 4.0
 #: The libraries keep some blocks for later: so many rests until they have them. How long the blocks
-#: are varies, as that of a message which is kept does with the message: by so many bytes in all.
-_WARMING, _HEAP_SLACK = 5, 4096
+#: are varies by so many bytes in all: some hundred for messages that the bus library keeps, and 400
+#: for each volume that the daemon's list keeps room for: 8, 16 or 32, for the most ever at a time.
+_WARMING, _HEAP_SLACK = 5, 12 * 1024
 #: Looks at a heap, some milliseconds apart, among which is one between two of the announcements.
 _LOOKS = 20
 #: A share is forgotten after three seconds; a retry with the application comes after ten.
